@@ -1,0 +1,172 @@
+#include <libCommon/SQLite3Database.h>
+
+#include <libCommon/Exception.h>
+#include <libCommon/ResultSet.h>
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace zrn {
+
+namespace {
+
+bool onlyBlanksAndSemicolons(char const* text) {
+    for (; *text; ++text) {
+        char const c = *text;
+        if (c != ';' && c != ' ' && c != '\t' && c != '\n' && c != '\r' && c != '\f' && c != '\v') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Holds the connection's own mutex for a whole statement, so the error text read after a
+// failure is the one of this statement even when other threads use the connection.
+class ConnectionLock {
+public:
+    explicit ConnectionLock(sqlite3* db) : m_mutex(sqlite3_db_mutex(db)) { sqlite3_mutex_enter(m_mutex); }
+    ConnectionLock(ConnectionLock const&) = delete;
+    ConnectionLock& operator=(ConnectionLock const&) = delete;
+    ~ConnectionLock() { sqlite3_mutex_leave(m_mutex); }
+
+private:
+    sqlite3_mutex* m_mutex;
+};
+
+struct StatementFinalizer {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+}  // namespace
+
+void SQLite3Database::Closer::operator()(sqlite3* db) const {
+    // close_v2 defers the close until pending statements are finalized; ours never outlive
+    // execute(), so the handle is gone when this returns.
+    sqlite3_close_v2(db);
+}
+
+SQLite3Database::SQLite3Database(String const& path, SYNC_MODE syncMode)
+    : SQLite3Database(path, syncMode, ENCODING_UTF8, OPEN_OR_CREATE, READ_WRITE) {}
+
+SQLite3Database::SQLite3Database(String const& path, SYNC_MODE syncMode,
+                                 CHARACTER_ENCODING encoding, CREATE_MODE createMode,
+                                 ACCESS_MODE accessMode)
+    : m_path(path) {
+    open(syncMode, encoding, createMode, accessMode);
+}
+
+SQLite3Database::~SQLite3Database() = default;
+
+void SQLite3Database::open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding,
+                           CREATE_MODE createMode, ACCESS_MODE accessMode) {
+    m_readOnly = accessMode == READ_ONLY;
+    int flags = SQLITE_OPEN_FULLMUTEX;  // serialized: one connection, several threads
+    if (m_readOnly) {
+        flags |= SQLITE_OPEN_READONLY;
+    } else {
+        flags |= SQLITE_OPEN_READWRITE;
+        if (createMode == OPEN_OR_CREATE) flags |= SQLITE_OPEN_CREATE;
+    }
+
+    sqlite3* handle = nullptr;
+    int const rc = sqlite3_open_v2(m_path.c_str(), &handle, flags, nullptr);
+    m_db.reset(handle);  // sqlite3 hands out a handle even on failure; it must be closed
+    if (rc != SQLITE_OK) fail("cannot open the database", rc);
+
+    sqlite3_extended_result_codes(handle, 1);
+    sqlite3_busy_timeout(handle, BUSY_TIMEOUT_MS);
+    char const* name = sqlite3_db_filename(handle, "main");
+    m_inMemory = name == nullptr || *name == '\0';
+
+    // These statements also read the file header, so a file that is not a database fails
+    // here, in the constructor, rather than at the first use.
+    execute(std::string("PRAGMA synchronous = ") + std::to_string(static_cast<int>(syncMode)));
+    if (!m_readOnly && encoding == ENCODING_UTF16) {
+        // Takes effect only for a database that has no content yet.
+        execute("PRAGMA encoding = \"UTF-16\"");
+    }
+    ResultSet header;
+    execute("PRAGMA schema_version", &header);
+}
+
+void SQLite3Database::fail(char const* what, int code) const {
+    std::string message = "SQLite database '" + m_path.str() + "': " + what + ": ";
+    if (m_db) {
+        message += sqlite3_errmsg(m_db.get());
+    } else {
+        message += sqlite3_errstr(code);
+    }
+    message += " (code " + std::to_string(code) + ")";
+    throw DatabaseError(String(std::move(message)));
+}
+
+void SQLite3Database::execute(String const& sql, ResultSet* result) {
+    if (!m_db) {
+        throw DatabaseError("SQLite database '" + m_path + "': the connection is closed");
+    }
+    sqlite3* const db = m_db.get();
+    ConnectionLock lock(db);
+
+    sqlite3_stmt* raw = nullptr;
+    char const* tail = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.byteSize()) + 1, &raw, &tail);
+    Statement statement(raw);
+    if (rc != SQLITE_OK) fail("cannot prepare the statement", rc);
+    if (tail && !onlyBlanksAndSemicolons(tail)) {
+        throw DatabaseError("SQLite database '" + m_path +
+                            "': refused to run more than one statement in one call");
+    }
+    if (!statement) {  // blanks or a comment only: nothing to run
+        if (result) result->reset({});
+        return;
+    }
+
+    int const columns = sqlite3_column_count(raw);
+    if (result) {
+        std::vector<String> names;
+        names.reserve(static_cast<std::size_t>(columns));
+        for (int i = 0; i < columns; ++i) {
+            char const* name = sqlite3_column_name(raw, i);
+            names.emplace_back(name ? name : "");
+        }
+        result->reset(std::move(names));
+    }
+
+    while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
+        if (!result) continue;
+        std::vector<String> cells;
+        cells.reserve(static_cast<std::size_t>(columns));
+        for (int i = 0; i < columns; ++i) {
+            auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
+            if (text) {
+                cells.emplace_back(text, static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
+            } else {
+                cells.emplace_back();
+            }
+        }
+        result->addRow(std::move(cells));
+    }
+    if (rc != SQLITE_DONE) fail("statement failed", rc);
+}
+
+long long SQLite3Database::lastInsertId() const {
+    return m_db ? sqlite3_last_insert_rowid(m_db.get()) : 0;
+}
+
+void SQLite3Database::close() { m_db.reset(); }
+
+bool SQLite3Database::isClosed() const { return !m_db; }
+
+bool SQLite3Database::isInMemoryDB() const { return m_inMemory; }
+
+bool SQLite3Database::isThreadSafe() const {
+    // Opened with SQLITE_OPEN_FULLMUTEX; that holds only when the library was built with
+    // threading support at all.
+    return sqlite3_threadsafe() != 0;
+}
+
+}  // namespace zrn

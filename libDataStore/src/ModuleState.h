@@ -1,0 +1,28 @@
+#pragma once
+
+// The module-wide objects of libDataStore, built when the library is loaded and destroyed in
+// reverse order when it is unloaded. Other files reach them only through these accessors, so
+// no static initialiser elsewhere can touch them before they exist.
+
+#include <libCommon/GlobalMutex.h>
+#include <libCommon/String.h>
+
+namespace zrn {
+namespace module {
+
+// One named, process-wide mutex per store family.
+GlobalMutex& generalStoreMutex();      // "general_store"
+GlobalMutex& eventStoreMutex();        // "event_store"
+GlobalMutex& appStateStoreMutex();     // "appstate_store"
+GlobalMutex& softwareDiagStoreMutex(); // "softwarediag_store"
+
+// Guards the store locations of DataStoreSettings.
+mutex::CriticalSection& settingsSection();
+
+// The constant strings SQL text is built from.
+String const& quote();      // '
+String const& comma();      // ,
+String const& backquote();  // `
+
+}  // namespace module
+}  // namespace zrn

@@ -1,0 +1,361 @@
+#include <libDataStore/SQLiteDataStore.h>
+
+#include <libCommon/Exception.h>
+#include <libCommon/FileSystem.h>
+#include <libCommon/Logger.h>
+#include <libCommon/Resource.h>
+#include <libCommon/ResultSet.h>
+
+#include <libDataStore/DataStoreExceptions.h>
+
+#include "ModuleState.h"
+#include "SqlText.h"
+
+#include <string>
+
+namespace zrn {
+
+using LoggerPriority::ERROR;
+using LoggerPriority::TRACE;
+using LoggerPriority::WARNING;
+
+namespace {
+
+String zeroColumnsMessage(String const& path, String const& tableName) {
+    return "Database: " + path + " table: " + tableName + " cannot have zero columns";
+}
+
+std::string decimal(std::size_t n) { return std::to_string(n); }
+
+}  // namespace
+
+Logger* SQLiteDataStore::logger() {
+    static Logger* const instance = [] {
+        Logger* created = nullptr;
+        LogFactory::createLogger("libDataStore.SQLiteDataStore", created);
+        return created;
+    }();
+    return instance;
+}
+
+// ---- Construction ------------------------------------------------------------------------
+
+SQLiteDataStore::SQLiteDataStore(String const& dbFilePath, String const& tableName,
+                                 SQLiteDataStoreColumnSpec const* columns)
+    : m_tableName(tableName),
+      m_database(new SQLite3Database(dbFilePath, SQLiteDataStore::dbSyncMode())) {
+    buildColumns(columns, dbFilePath);
+    init();
+}
+
+SQLiteDataStore::SQLiteDataStore(Database const& database, String const& tableName,
+                                 SQLiteDataStoreColumnSpec const* columns)
+    : m_tableName(tableName) {
+    // Checked before the handle is adopted: a null spec must not touch the connection.
+    if (!columns) {
+        throw ZeroTableColumnsException(
+            zeroColumnsMessage(database ? database->dbFilePath() : String(), tableName));
+    }
+    if (!database) {
+        throw DatabaseError("SQLiteDataStore: table " + tableName + " was given no connection");
+    }
+    m_database = database;
+    buildColumns(columns, m_database->dbFilePath());
+    init();
+}
+
+SQLiteDataStore::SQLiteDataStore(String const& dbFilePath, String const& tableName,
+                                 OrderedHashTable<String, String> const& columns)
+    : m_tableName(tableName),
+      m_columns(columns),
+      m_database(new SQLite3Database(dbFilePath, SQLiteDataStore::dbSyncMode())) {
+    init();
+}
+
+SQLiteDataStore::~SQLiteDataStore() = default;
+
+void SQLiteDataStore::buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path) {
+    if (!columns) throw ZeroTableColumnsException(zeroColumnsMessage(path, m_tableName));
+    // An entry with a null type ends the walk early, without error. A repeated name keeps its
+    // first declaration.
+    for (SQLiteDataStoreColumnSpec const* c = columns; c->name && c->type; ++c) {
+        if (!m_columns.contains(c->name)) m_columns.insert(c->name, c->type);
+    }
+}
+
+SQLite3Database::SYNC_MODE SQLiteDataStore::dbSyncMode() {
+    String value;
+    if (!Resource::getSetting("libDataStore", "SQLiteDataStore.SyncMode", value,
+                              ZRNLocale::getGlobalLocale())) {
+        return SQLite3Database::FULL;
+    }
+    if (value.equalNoCase("FULL")) return SQLite3Database::FULL;
+    if (value.equalNoCase("NORMAL")) return SQLite3Database::NORMAL;
+    if (value.equalNoCase("OFF")) return SQLite3Database::OFF;
+    return SQLite3Database::FULL;
+}
+
+void SQLiteDataStore::init() {
+    String const table = sql::identifier(m_tableName);
+
+    // Deliberately by name alone: an index or view of that name counts as the table existing.
+    ResultSet existing;
+    m_database->execute("SELECT name FROM sqlite_master WHERE name=" + sql::value(m_tableName),
+                        &existing);
+
+    if (existing.rowCount() > 0) {
+        // An existing table is only ever extended: no zero-column or reserved-name check here,
+        // and columns the file has beyond the declaration, or of another type, stay as they are.
+        ResultSet info;
+        m_database->execute("PRAGMA table_info (" + table + ")", &info);
+        Array<String> present;
+        for (unsigned i = 0; i < info.rowCount(); ++i) {
+            present.append(info.row(static_cast<int>(i)).columnValue(String("name")));
+        }
+        for (std::size_t i = 0; i < m_columns.size(); ++i) {
+            String const& name = m_columns.keyAt(i);
+            if (present.contains(name)) continue;
+            logAt(logger(), TRACE, [&] {
+                return LoggerStream() + "159 " + "Adding new column " + sql::identifier(name) +
+                       " to table " + table;
+            });
+            m_database->execute("ALTER TABLE " + table + " ADD COLUMN " + sql::identifier(name) +
+                                " " + m_columns.valueAt(i));
+        }
+        return;
+    }
+
+    if (m_columns.empty()) {
+        logAt(logger(), ERROR, [] {
+            return LoggerStream() + "137 " + "SQLiteDataStore: Cannot create a table with zero columns";
+        });
+        throw ZeroTableColumnsException(zeroColumnsMessage(dbFilePath(), m_tableName));
+    }
+
+    std::string statement = "CREATE TABLE " + table.str() + " (";
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        String const& name = m_columns.keyAt(i);
+        if (name == "group") {
+            throw InvalidColumnNameException(
+                "The name \"group\" is reserved and is not allowed as a column name");
+        }
+        sql::appendIdentifier(statement, name);
+        statement += ' ';
+        statement += m_columns.valueAt(i).str();
+        if (i + 1 < m_columns.size()) statement += module::comma().str();
+    }
+    statement += ")";
+    m_database->execute(String(std::move(statement)));
+}
+
+// ---- Connection --------------------------------------------------------------------------
+
+String const& SQLiteDataStore::dbFilePath() const { return m_database->dbFilePath(); }
+
+void SQLiteDataStore::close() { m_database->close(); }
+
+bool SQLiteDataStore::isClosed() const { return m_database->isClosed(); }
+
+bool SQLiteDataStore::checkValidity(String& error) const {
+    if (!m_database->isInMemoryDB() && !FileSystem::exists(dbFilePath())) {
+        error = "Database file does not exist";
+        return false;
+    }
+    if (m_database->isClosed()) {
+        error = "Database is not open";
+        return false;
+    }
+    if (m_database->isThreadSafe()) return true;
+    error = "Database is not thread safe";
+    return false;
+}
+
+// ---- Row operations ----------------------------------------------------------------------
+
+void SQLiteDataStore::append(HashTable<String, String> const& row) {
+    std::size_t const n = row.size();
+    std::size_t const c = m_columns.size();
+    if (n > c) {
+        String const message = "Cannot append data to " + dbFilePath() + " table: " + m_tableName +
+                               ". Column count mismatch: " + decimal(n) + " != " + decimal(c);
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "208 " + message; });
+        throw RowDataMismatchException(message);
+    }
+    if (n < c) {
+        // The blank before ")" belongs to the message other tools match on.
+        logAt(logger(), WARNING, [&] {
+            return LoggerStream() + "204 " + "Appending data with less columns (" + decimal(n) +
+                   " ) to " + dbFilePath() + " table: " + m_tableName +
+                   "; column count = " + decimal(c);
+        });
+    }
+
+    std::string names;
+    std::string values;
+    for (auto const& entry : row) {
+        if (!names.empty()) {
+            names += module::comma().str();
+            values += module::comma().str();
+        }
+        sql::appendIdentifier(names, entry.first);
+        sql::appendValue(values, entry.second);
+    }
+    std::string statement = "INSERT OR REPLACE INTO ";
+    sql::appendIdentifier(statement, m_tableName);
+    statement += " (" + names + ") VALUES(" + values + ")";
+    String const text(std::move(statement));
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "227 " + "Append SQL Command: " + text; });
+    m_database->execute(text);
+}
+
+void SQLiteDataStore::update(HashTable<String, String> const& row, String const& keyColumn,
+                             String const& keyValue) {
+    std::size_t const n = row.size();
+    std::size_t const c = m_columns.size();
+    if (n > c) {
+        String const message = "Cannot update data to " + dbFilePath() + " table: " + m_tableName +
+                               ". Column count mismatch: " + decimal(n) + " != " + decimal(c);
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "234 " + message; });
+        throw RowDataMismatchException(message);
+    }
+
+    std::string statement = "UPDATE ";
+    sql::appendIdentifier(statement, m_tableName);
+    statement += " SET ";
+    bool first = true;
+    for (auto const& entry : row) {
+        if (!first) statement += module::comma().str();
+        first = false;
+        // Blanks around "=" here, none in the WHERE condition: both as other tools expect.
+        sql::appendIdentifier(statement, entry.first);
+        statement += " = ";
+        sql::appendValue(statement, entry.second);
+    }
+    statement += " WHERE ";
+    sql::appendIdentifier(statement, keyColumn);
+    statement += "=";
+    sql::appendValue(statement, keyValue);
+    String const text(std::move(statement));
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "250 " + "Update SQL Command: " + text; });
+    m_database->execute(text);
+}
+
+void SQLiteDataStore::remove(String const& keyColumn, String const& keyValue) {
+    String const text = "DELETE FROM " + sql::identifier(m_tableName) + " WHERE " +
+                        sql::identifier(keyColumn) + "=" + sql::value(keyValue);
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "256 " + "Remove SQL Command: " + text; });
+    m_database->execute(text);
+}
+
+bool SQLiteDataStore::contains(String const& column, String const& value) const {
+    String const text = "SELECT " + sql::identifier(column) + " FROM " +
+                        sql::identifier(m_tableName) + " WHERE " + sql::identifier(column) + "=" +
+                        sql::value(value);
+    ResultSet result;
+    m_database->execute(text, &result);
+    return result.rowCount() > 0;
+}
+
+bool SQLiteDataStore::cellData(String const& column, String& out, String const& keyColumn,
+                               String const& keyValue) const {
+    String const text = "SELECT " + sql::identifier(column) + " FROM " +
+                        sql::identifier(m_tableName) + " WHERE " + sql::identifier(keyColumn) +
+                        "=" + sql::value(keyValue);
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "263 " + "CellData SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return false;
+    out = result.row(0).columnValue(0);
+    return true;
+}
+
+bool SQLiteDataStore::rowData(Array<String>& out, String const& keyColumn,
+                              String const& keyValue) const {
+    String const text = "SELECT * FROM " + sql::identifier(m_tableName) + " WHERE " +
+                        sql::identifier(keyColumn) + "=" + sql::value(keyValue);
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "279 " + "RowData SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    if (result.rowCount() == 0) return false;
+    ResultSetRow const& row = result.row(0);
+    if (row.columnCount() != m_columns.size()) {
+        String const message = "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "285 " + message; });
+        throw RowDataMismatchException(message);
+    }
+    for (unsigned i = 0; i < row.columnCount(); ++i) out.append(row.columnValue(static_cast<int>(i)));
+    return true;
+}
+
+unsigned int SQLiteDataStore::count(String const& column, String const& value) const {
+    // count(column, "") counts the non-null cells of the column over the whole table.
+    String const target = column.empty() ? String("*") : sql::identifier(column);
+    String text = "SELECT count(" + target + ") FROM " + sql::identifier(m_tableName);
+    if (!column.empty() && !value.empty()) {
+        text += " WHERE " + sql::identifier(column) + "=" + sql::value(value);
+    }
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "309 " + "Count SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    return String::strToUInt(result.row(0).columnValue(0), 10);
+}
+
+void SQLiteDataStore::cellDataAtIndex(int index, String& out, String const& column,
+                                      String keyColumn, String keyValue) const {
+    // No ORDER BY, deliberately: the index is a position in SQLite's own order of the rows.
+    String text = "SELECT " + sql::identifier(column) + " FROM " + sql::identifier(m_tableName);
+    if (!keyColumn.empty() && !keyValue.empty()) {
+        text += " WHERE " + sql::identifier(keyColumn) + "=" + sql::value(keyValue);
+    }
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "320 " + "CellDataAtIndex SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    out = result.row(index).columnValue(0);
+}
+
+void SQLiteDataStore::rowDataAtIndex(int index, Array<String>& out, String keyColumn,
+                                     String keyValue) const {
+    // No ORDER BY, deliberately: the index is a position in SQLite's own order of the rows.
+    String text = "SELECT * FROM " + sql::identifier(m_tableName);
+    if (!keyColumn.empty() && !keyValue.empty()) {
+        text += " WHERE " + sql::identifier(keyColumn) + "=" + sql::value(keyValue);
+    }
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "331 " + "RowDataAtIndex SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    ResultSetRow const& row = result.row(index);
+    if (row.columnCount() != m_columns.size()) {
+        String const message = "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "336 " + message; });
+        throw RowDataMismatchException(message);
+    }
+    for (unsigned i = 0; i < row.columnCount(); ++i) out.append(row.columnValue(static_cast<int>(i)));
+}
+
+unsigned int SQLiteDataStore::getUniqueIdForColumn(String const& column) const {
+    String const text = "SELECT " + sql::identifier(column) + " FROM " +
+                        sql::identifier(m_tableName) + " ORDER BY " + sql::identifier(column) +
+                        " DESC LIMIT 1";
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "346 " + "getUniqueIdForColumn SQL Command: " + text; });
+    ResultSet result;
+    m_database->execute(text, &result);
+    if (result.rowCount() == 0) {
+        // An empty table hands out 0 first and 1 next: intended, callers rely on it.
+        logAt(logger(), TRACE, [&] {
+            return LoggerStream() + "351 " + "getUniqueIdForColumn(" + column +
+                   ") returning default: 0";
+        });
+        return 0;
+    }
+    unsigned int const id = String::strToUInt(result.row(0).columnValue(0), 10) + 1u;
+    if (id > 0xFFFFFFu) throw OutOfUniqueIdsException("No more unique identifiers are available");
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "362 " + "getUniqueIdForColumn(" + column + ") returning: " + id;
+    });
+    return id;
+}
+
+}  // namespace zrn
