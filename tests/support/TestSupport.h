@@ -1,0 +1,114 @@
+#pragma once
+
+// Shared test helpers: log capture, per-test temporary directories, raw sqlite3 access to
+// read files back independently of the library, and child processes.
+
+#include <libCommon/Logger.h>
+#include <libCommon/String.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace zrn {
+namespace test {
+
+// Captures every message written while it lives, with the process-wide minimum priority
+// lowered to `minimumPriority` (1: everything). Restores the previous sink and priority.
+class LogCapture : public LogSink {
+public:
+    struct Entry {
+        std::string logger;
+        int priority;
+        std::string message;
+    };
+
+    explicit LogCapture(int minimumPriority = 1);
+    ~LogCapture() override;
+    LogCapture(LogCapture const&) = delete;
+    LogCapture& operator=(LogCapture const&) = delete;
+
+    void write(String const& loggerName, LoggerPriority::LOGGER_PRIORITY priority,
+               String const& message) override;
+
+    std::vector<Entry> entries() const;
+    // Messages of one logger, in order.
+    std::vector<std::string> messages(std::string const& loggerName) const;
+    // Messages of one logger that start with `prefix`.
+    std::vector<std::string> messagesStartingWith(std::string const& loggerName,
+                                                  std::string const& prefix) const;
+    void clear();
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Entry> m_entries;
+    LogSink* m_previousSink;
+    int m_previousPriority;
+};
+
+// A fresh directory under the GoogleTest temp dir, named after the running test and removed
+// (with its content) when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(TempDir const&) = delete;
+    TempDir& operator=(TempDir const&) = delete;
+
+    std::string const& path() const { return m_path; }
+    // path() + "/" + name
+    std::string file(std::string const& name) const;
+
+private:
+    std::string m_path;
+};
+
+// The sqlite3 C API on a file, bypassing the library: what is really in the file.
+class RawDb {
+public:
+    using Rows = std::vector<std::vector<std::string>>;
+
+    // Opens read-write (creating the file) unless `readOnly`.
+    explicit RawDb(std::string const& path, bool readOnly = false);
+    ~RawDb();
+    RawDb(RawDb const&) = delete;
+    RawDb& operator=(RawDb const&) = delete;
+
+    // Runs one or more statements; fails the current test (and returns false) on error.
+    bool exec(std::string const& sql);
+    // Rows of one query, every cell as text; NULL reads as "<NULL>".
+    Rows query(std::string const& sql);
+    // The first cell of the first row, or "<none>" when there is no row.
+    std::string scalar(std::string const& sql);
+
+    sqlite3* handle() const { return m_db; }
+
+private:
+    sqlite3* m_db = nullptr;
+};
+
+// Writes `content` to `path`, replacing the file.
+void writeFile(std::string const& path, std::string const& content);
+std::string readFile(std::string const& path);
+
+// Runs `argv` as a child process and waits for it; returns its exit status, or 128 + signal.
+int runProcess(std::vector<std::string> const& argv);
+
+// Sets an environment variable for the life of the object, then restores it.
+class ScopedEnv {
+public:
+    ScopedEnv(char const* name, char const* value);
+    ~ScopedEnv();
+    ScopedEnv(ScopedEnv const&) = delete;
+    ScopedEnv& operator=(ScopedEnv const&) = delete;
+
+private:
+    std::string m_name;
+    bool m_hadValue;
+    std::string m_oldValue;
+};
+
+}  // namespace test
+}  // namespace zrn
