@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
     g++ cmake make pkg-config
-    libsqlite3-dev sqlite3
+    libsqlite3-dev sqlite3 tzdata
     libboost-dev
     libgtest-dev libgmock-dev
     libbenchmark-dev

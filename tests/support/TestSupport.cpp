@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -152,20 +154,43 @@ std::string readFile(std::string const& path) {
     return content.str();
 }
 
-int runProcess(std::vector<std::string> const& argv) {
-    pid_t const pid = ::fork();
-    if (pid == 0) {
-        std::vector<char*> args;
-        for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(pid, &status, 0);
+namespace {
+int decodeStatus(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return -1;
+}
+}  // namespace
+
+int spawnProcess(std::vector<std::string> const& argv) {
+    std::vector<char*> args;
+    for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+int waitProcess(int pid, double seconds) {
+    auto const deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    for (;;) {
+        int status = 0;
+        pid_t const done = ::waitpid(pid, &status, WNOHANG);
+        if (done == pid) return decodeStatus(status);
+        if (done < 0) return -1;
+        if (std::chrono::steady_clock::now() >= deadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+int runProcess(std::vector<std::string> const& argv) {
+    int status = 0;
+    ::waitpid(spawnProcess(argv), &status, 0);
+    return decodeStatus(status);
 }
 
 // ---- ScopedEnv ---------------------------------------------------------------------------

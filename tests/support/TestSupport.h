@@ -95,6 +95,11 @@ std::string readFile(std::string const& path);
 
 // Runs `argv` as a child process and waits for it; returns its exit status, or 128 + signal.
 int runProcess(std::vector<std::string> const& argv);
+// Starts `argv` as a child process without waiting; returns its pid.
+int spawnProcess(std::vector<std::string> const& argv);
+// Waits up to `seconds` for the child; its exit status (or 128 + signal), or -1 when it is
+// still running then (it is left running).
+int waitProcess(int pid, double seconds);
 
 // Sets an environment variable for the life of the object, then restores it.
 class ScopedEnv {

@@ -74,10 +74,7 @@ public:
     ~SharedResource() { reset(); }
 
     void reset() {
-        if (m_count && m_count->decrementToZero()) {
-            Storage::release(m_object);
-            delete m_count;
-        }
+        if (m_count && m_count->decrementToZero()) destroy(m_object, m_count);
         m_object = nullptr;
         m_count = nullptr;
     }
@@ -98,6 +95,13 @@ public:
     bool sharesWith(SharedResource const& other) const { return m_object == other.m_object; }
 
 private:
+    // Out of line: the last release is the cold path, and inlining it lets GCC 12 report a
+    // false use-after-free when two owners die in one function.
+    [[gnu::noinline]] static void destroy(element_type* object, detail::RefCount<Locked>* count) {
+        Storage::release(object);
+        delete count;
+    }
+
     element_type* m_object = nullptr;
     detail::RefCount<Locked>* m_count = nullptr;
 };

@@ -1,0 +1,115 @@
+#include <libCommon/Array.h>
+#include <libCommon/HashTable.h>
+#include <libCommon/OrderedHashTable.h>
+#include <libCommon/SharedResource.h>
+#include <libCommon/String.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace zrn {
+namespace {
+
+TEST(ArrayTest, AppendRemoveContains) {
+    Array<String> names{"a", "b"};
+    names.append("c");
+    names.remove(1);
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_EQ(names[1], "c");
+    EXPECT_TRUE(names.contains("a"));
+    EXPECT_FALSE(names.contains("A"));  // exact comparison
+    EXPECT_FALSE(names.contains("b"));
+}
+
+TEST(HashTableTest, InsertLookupRemoveAndIterateEveryEntryOnce) {
+    HashTable<String, String> table;
+    EXPECT_GE(table.bucketCount(), 32u);
+    for (int i = 0; i < 100; ++i) table.insert(String(std::to_string(i)), String("v" + std::to_string(i)));
+    table.insert("7", "seven");  // replaces
+    EXPECT_EQ(table.size(), 100u);
+    String out("untouched");
+    EXPECT_TRUE(table.lookup("7", out));
+    EXPECT_EQ(out, "seven");
+    EXPECT_FALSE(table.lookup("missing", out));
+    EXPECT_EQ(out, "seven");
+    EXPECT_TRUE(table.remove("7"));
+    EXPECT_FALSE(table.remove("7"));
+    std::set<std::string> seen;
+    for (auto const& entry : table) EXPECT_TRUE(seen.insert(entry.first.str()).second);
+    EXPECT_EQ(seen.size(), 99u);
+}
+
+TEST(OrderedHashTableTest, KeepsInsertionOrderThroughReplaceAndRemove) {
+    OrderedHashTable<String, String> columns;
+    columns.insert("setID", "INTEGER");
+    columns.insert("key", "TEXT");
+    columns.insert("value", "TEXT");
+    columns.insert("key", "BLOB");  // replaced in place, position kept
+    ASSERT_EQ(columns.size(), 3u);
+    EXPECT_EQ(columns.keyAt(1), "key");
+    EXPECT_EQ(columns.valueAt(1), "BLOB");
+    EXPECT_TRUE(columns.remove("setID"));
+    EXPECT_EQ(columns.keyAt(0), "key");
+    EXPECT_EQ(*columns.lookup("value"), "TEXT");  // index shifted with the arrays
+    std::vector<std::string> order;
+    for (auto const& entry : columns) order.push_back(entry.first.str() + "=" + entry.second.str());
+    EXPECT_EQ(order, (std::vector<std::string>{"key=BLOB", "value=TEXT"}));
+}
+
+TEST(OrderedHashTableDeathTest, IndexPastTheEndStopsTheProcess) {
+    OrderedHashTable<String, String> columns;
+    columns.insert("a", "TEXT");
+    EXPECT_DEATH(columns.keyAt(1), "index < size\\(\\)");
+    EXPECT_DEATH(columns.valueAt(5), "index < size\\(\\)");
+}
+
+struct Counted {
+    static int alive;
+    Counted() { ++alive; }
+    ~Counted() { --alive; }
+};
+int Counted::alive = 0;
+
+TEST(SharedResourceTest, LastOwnerFreesTheObject) {
+    {
+        SharedResource<PointerStorage<Counted>> first(new Counted());
+        SharedResource<PointerStorage<Counted>> second = first;
+        EXPECT_EQ(first.useCount(), 2);
+        EXPECT_TRUE(first.sharesWith(second));
+        first.reset();
+        EXPECT_EQ(Counted::alive, 1);
+        SharedResource<PointerStorage<Counted>> moved(std::move(second));
+        EXPECT_TRUE(second.isNull());
+        moved = moved;  // self-assignment keeps the object
+        EXPECT_EQ(Counted::alive, 1);
+    }
+    EXPECT_EQ(Counted::alive, 0);
+    SharedResource<PointerStorage<Counted>, false> plain(new Counted());
+    SharedResource<PointerStorage<Counted>, false> copy(plain);
+    EXPECT_EQ(copy.useCount(), 2);
+}
+
+TEST(SharedResourceTest, LockedCountSurvivesCopiesOnManyThreads) {
+    SharedResource<PointerStorage<Counted>> shared(new Counted());
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&shared] {
+            for (int i = 0; i < 20000; ++i) {
+                SharedResource<PointerStorage<Counted>> copy(shared);
+                SharedResource<PointerStorage<Counted>> other;
+                other = copy;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(shared.useCount(), 1);
+    EXPECT_EQ(Counted::alive, 1);
+    shared.reset();
+    EXPECT_EQ(Counted::alive, 0);
+}
+
+}  // namespace
+}  // namespace zrn

@@ -1,0 +1,87 @@
+#include <libCommon/GlobalMutex.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "TestSupport.h"
+
+namespace zrn {
+namespace {
+
+using namespace std::chrono_literals;
+
+class GlobalMutexTest : public testing::Test {
+protected:
+    test::TempDir m_dir;
+    std::string m_lockDir = m_dir.file("locks");
+    test::ScopedEnv m_env{"ZRN_LOCK_DIR", m_lockDir.c_str()};
+};
+
+TEST_F(GlobalMutexTest, ReentrantForItsThreadAndExclusiveForOthers) {
+    GlobalMutex mutex("reentrant");
+    GlobalMutex sameName("reentrant");  // another object, the same mutex
+    mutex.lock();
+    sameName.lock();  // must not deadlock
+
+    std::atomic<bool> acquired{false};
+    std::thread other([&] {
+        AutoGlobalMutex lock(mutex);
+        acquired = true;
+    });
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(acquired);
+    sameName.unlock();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_FALSE(acquired) << "released after the inner unlock";
+    mutex.unlock();
+    other.join();
+    EXPECT_TRUE(acquired);
+
+    struct stat info {};
+    ASSERT_EQ(::stat(m_lockDir.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 01777u) << "usable by every local user";
+    EXPECT_TRUE(std::filesystem::exists(m_lockDir + "/reentrant.lock"));
+}
+
+TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {
+    std::string const counter = m_dir.file("counter");
+    test::writeFile(counter, "0");
+    int const processes = 4;
+    int const increments = 150;
+    std::vector<int> children;
+    for (int i = 0; i < processes; ++i) {
+        children.push_back(test::spawnProcess(
+            {ZRN_CHILD, "count", "counter", counter, std::to_string(increments)}));
+    }
+    for (int pid : children) EXPECT_EQ(test::waitProcess(pid, 120), 0);
+    EXPECT_EQ(test::readFile(counter), std::to_string(processes * increments));
+}
+
+TEST_F(GlobalMutexTest, AKilledHolderReleasesTheMutex) {
+    std::string const ready = m_dir.file("ready");
+    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "held", ready});
+    for (int i = 0; i < 1000 && !std::filesystem::exists(ready); ++i) std::this_thread::sleep_for(5ms);
+    ASSERT_TRUE(std::filesystem::exists(ready));
+
+    std::string const counter = m_dir.file("counter");
+    test::writeFile(counter, "0");
+    int const waiter = test::spawnProcess({ZRN_CHILD, "count", "held", counter, "1"});
+    EXPECT_EQ(test::waitProcess(waiter, 0.3), -1) << "must wait while the holder lives";
+
+    ::kill(holder, SIGKILL);
+    EXPECT_EQ(test::waitProcess(holder, 10), 128 + SIGKILL);
+    int const status = test::waitProcess(waiter, 10);
+    if (status == -1) ::kill(waiter, SIGKILL);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test::readFile(counter), "1");
+}
+
+}  // namespace
+}  // namespace zrn

@@ -1,0 +1,163 @@
+#include <libCommon/Exception.h>
+#include <libCommon/FileSystem.h>
+#include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "TestSupport.h"
+
+namespace zrn {
+namespace {
+
+std::string errorOf(std::function<void()> const& action) {
+    try {
+        action();
+    } catch (DatabaseError const& e) {
+        return e.getMessage().str();
+    }
+    return "<no DatabaseError>";
+}
+
+TEST(SQLite3DatabaseTest, ResultsArriveAsTextByIndexAndByName) {
+    SQLite3Database db(":memory:", SQLite3Database::OFF);
+    EXPECT_TRUE(db.isInMemoryDB());
+    db.execute("CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, n INTEGER, r REAL)");
+    db.execute("INSERT INTO t (name, n, r) VALUES ('O''Brien', 42, 1.5)");
+    EXPECT_EQ(db.lastInsertId(), 1);
+    db.execute("INSERT INTO t (name, n) VALUES (NULL, -7);");
+    EXPECT_EQ(db.lastInsertId(), 2);
+
+    ResultSet result;
+    db.execute("SELECT rowid, * FROM t ORDER BY id", &result);
+    ASSERT_EQ(result.rowCount(), 2u);
+    ResultSetRow const& first = result.row(0);
+    EXPECT_EQ(first.columnCount(), 5u);
+    EXPECT_EQ(first.columnValue(2).str(), "O'Brien");
+    EXPECT_EQ(first.columnValue("n").str(), "42");
+    EXPECT_EQ(first.columnValue("r").str(), "1.5");
+    EXPECT_EQ(result.row(1).columnValue("name").str(), "");     // NULL
+    EXPECT_EQ(result.row(1).columnValue("missing").str(), "");  // no such column
+    EXPECT_EQ(result.row(1).columnValue(99).str(), "");
+    EXPECT_THROW(result.row(2), Exception);
+
+    // A statement without rows still resets the result.
+    db.execute("SELECT * FROM t WHERE 0", &result);
+    EXPECT_EQ(result.rowCount(), 0u);
+}
+
+TEST(SQLite3DatabaseTest, RefusesASecondStatementAndRunsNothingOfIt) {
+    test::TempDir dir;
+    SQLite3Database db(dir.file("a.db"), SQLite3Database::FULL);
+    db.execute("CREATE TABLE t (v TEXT)");
+    // A value that smuggles a statement in through unescaped text.
+    std::string const message =
+        errorOf([&] { db.execute("INSERT INTO t VALUES ('x'); DROP TABLE t"); });
+    EXPECT_NE(message.find("more than one statement"), std::string::npos) << message;
+    EXPECT_NE(message.find(dir.file("a.db")), std::string::npos) << message;
+
+    test::RawDb raw(dir.file("a.db"));
+    EXPECT_EQ(raw.scalar("SELECT count(*) FROM t"), "0");  // first statement did not run either
+
+    db.execute("INSERT INTO t VALUES ('y') ; \n ;  ");  // trailing blanks and semicolons are fine
+    EXPECT_EQ(raw.scalar("SELECT v FROM t"), "y");
+}
+
+TEST(SQLite3DatabaseTest, ErrorsNameTheFileAndCarrySQLiteText) {
+    test::TempDir dir;
+    std::string const path = dir.file("e.db");
+    SQLite3Database db(path, SQLite3Database::NORMAL);
+    db.execute("CREATE TABLE t (k TEXT UNIQUE)");
+    db.execute("INSERT INTO t VALUES ('a')");
+
+    std::string message = errorOf([&] { db.execute("SELECT * FROM nowhere"); });
+    EXPECT_NE(message.find(path), std::string::npos) << message;
+    EXPECT_NE(message.find("no such table: nowhere"), std::string::npos) << message;
+
+    message = errorOf([&] { db.execute("INSERT INTO t VALUES ('a')"); });
+    EXPECT_NE(message.find("UNIQUE constraint failed: t.k"), std::string::npos) << message;
+
+    // close() is idempotent; anything afterwards is a DatabaseError, never a crash.
+    EXPECT_FALSE(db.isClosed());
+    db.close();
+    db.close();
+    EXPECT_TRUE(db.isClosed());
+    message = errorOf([&] { db.execute("SELECT 1"); });
+    EXPECT_NE(message.find("closed"), std::string::npos) << message;
+    EXPECT_EQ(db.dbFilePath().str(), path);
+}
+
+TEST(SQLite3DatabaseTest, ReadOnlyAccessNeverCreatesOrWrites) {
+    test::TempDir dir;
+    std::string const path = dir.file("ro.db");
+    auto openReadOnly = [&] {
+        SQLite3Database db(path, SQLite3Database::FULL, SQLite3Database::ENCODING_UTF8,
+                           SQLite3Database::OPEN_EXISTING, SQLite3Database::READ_ONLY);
+    };
+    EXPECT_THROW(openReadOnly(), DatabaseError);
+    EXPECT_FALSE(FileSystem::exists(path));
+
+    {
+        test::RawDb raw(path);
+        raw.exec("CREATE TABLE t (v TEXT); INSERT INTO t VALUES ('kept');");
+    }
+    std::string const before = test::readFile(path);
+    SQLite3Database db(path, SQLite3Database::FULL, SQLite3Database::ENCODING_UTF8,
+                       SQLite3Database::OPEN_EXISTING, SQLite3Database::READ_ONLY);
+    EXPECT_TRUE(db.isReadOnly());
+    ResultSet result;
+    db.execute("SELECT v FROM t", &result);
+    EXPECT_EQ(result.row(0).columnValue(0).str(), "kept");
+    EXPECT_NE(errorOf([&] { db.execute("INSERT INTO t VALUES ('no')"); }).find("readonly"),
+              std::string::npos);
+    db.close();
+    EXPECT_EQ(test::readFile(path), before);
+}
+
+TEST(SQLite3DatabaseTest, GarbageFileAndMissingDirectoryFailInTheConstructor) {
+    test::TempDir dir;
+    test::writeFile(dir.file("garbage.db"), std::string(4096, 'x'));
+    std::string message = errorOf([&] { SQLite3Database db(dir.file("garbage.db"), SQLite3Database::FULL); });
+    EXPECT_NE(message.find("file is not a database"), std::string::npos) << message;
+    EXPECT_EQ(test::readFile(dir.file("garbage.db")), std::string(4096, 'x'));
+
+    message = errorOf([&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
+    EXPECT_NE(message.find("unable to open database file"), std::string::npos) << message;
+}
+
+TEST(SQLite3DatabaseTest, AppliesTheSynchronousLevel) {
+    test::TempDir dir;
+    for (auto mode : {SQLite3Database::OFF, SQLite3Database::NORMAL, SQLite3Database::FULL}) {
+        SQLite3Database db(dir.file("s.db"), mode);
+        ResultSet result;
+        db.execute("PRAGMA synchronous", &result);
+        EXPECT_EQ(result.row(0).columnValue(0).str(), std::to_string(mode));
+        EXPECT_TRUE(db.isThreadSafe());
+    }
+}
+
+TEST(SQLite3DatabaseTest, WaitsForAnotherConnectionsLockInsteadOfFailing) {
+    test::TempDir dir;
+    std::string const path = dir.file("busy.db");
+    SQLite3Database db(path, SQLite3Database::OFF);
+    db.execute("CREATE TABLE t (v INTEGER)");
+
+    test::RawDb other(path);
+    other.exec("BEGIN IMMEDIATE; INSERT INTO t VALUES (1);");
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        other.exec("COMMIT");
+    });
+    // Without a busy timeout this fails at once with "database is locked".
+    EXPECT_NO_THROW(db.execute("INSERT INTO t VALUES (2)"));
+    release.join();
+    ResultSet result;
+    db.execute("SELECT count(*) FROM t", &result);
+    EXPECT_EQ(result.row(0).columnValue(0).str(), "2");
+}
+
+}  // namespace
+}  // namespace zrn
