@@ -108,6 +108,7 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
     if (!m_db) {
         throw DatabaseError("SQLite database '" + m_path + "': the connection is closed");
     }
+    if (result) result->reset({});  // a failed statement leaves no rows of an earlier one
     sqlite3* const db = m_db.get();
     ConnectionLock lock(db);
 
@@ -120,13 +121,16 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
         throw DatabaseError("SQLite database '" + m_path +
                             "': refused to run more than one statement in one call");
     }
-    if (!statement) {  // blanks or a comment only: nothing to run
-        if (result) result->reset({});
-        return;
-    }
+    if (!statement) return;  // blanks or a comment only: nothing to run
 
-    int const columns = sqlite3_column_count(raw);
-    if (result) {
+    // Column names are read after the first step: a schema change by another connection makes
+    // SQLite prepare the statement again inside step, and "SELECT *" may then have more columns.
+    bool described = false;
+    int columns = 0;
+    auto describe = [&] {
+        described = true;
+        columns = sqlite3_column_count(raw);
+        if (!result) return;
         std::vector<String> names;
         names.reserve(static_cast<std::size_t>(columns));
         for (int i = 0; i < columns; ++i) {
@@ -134,9 +138,10 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
             names.emplace_back(name ? name : "");
         }
         result->reset(std::move(names));
-    }
+    };
 
     while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
+        if (!described) describe();
         if (!result) continue;
         std::vector<String> cells;
         cells.reserve(static_cast<std::size_t>(columns));
@@ -151,6 +156,7 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
         result->addRow(std::move(cells));
     }
     if (rc != SQLITE_DONE) fail("statement failed", rc);
+    if (!described) describe();
 }
 
 long long SQLite3Database::lastInsertId() const {
