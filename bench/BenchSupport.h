@@ -62,3 +62,53 @@ private:
 
 }  // namespace bench
 }  // namespace zrn
+
+#include <cstdio>
+#include <map>
+#include <vector>
+
+namespace zrn {
+namespace bench {
+
+// Prints, after the usual table, the ratio of every "<case>:ours" to its "<case>:raw" (real time
+// per iteration), so each comparison is measured side by side in one run.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(std::vector<Run> const& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (auto const& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.iterations == 0) continue;
+            std::string const name = run.benchmark_name();
+            auto const colon = name.rfind(':');
+            if (colon == std::string::npos) continue;
+            double const perIteration = run.GetAdjustedRealTime();
+            m_times[name.substr(0, colon)][name.substr(colon + 1)] = perIteration;
+        }
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::printf("\n%-48s %12s\n", "case", "ours/raw");
+        for (auto const& [name, sides] : m_times) {
+            auto ours = sides.find("ours");
+            auto raw = sides.find("raw");
+            if (ours == sides.end() || raw == sides.end() || raw->second <= 0) continue;
+            std::printf("%-48s %12.3f\n", name.c_str(), ours->second / raw->second);
+        }
+    }
+
+private:
+    std::map<std::string, std::map<std::string, double>> m_times;
+};
+
+// main() for a benchmark program that registers its cases in `registerCases`.
+inline int runWithRatios(int argc, char** argv, void (*registerCases)()) {
+    registerCases();
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
+
+}  // namespace bench
+}  // namespace zrn
