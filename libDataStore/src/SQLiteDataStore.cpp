@@ -51,7 +51,7 @@ SQLiteDataStore::SQLiteDataStore(String const& dbFilePath, String const& tableNa
 SQLiteDataStore::SQLiteDataStore(Database const& database, String const& tableName,
                                  SQLiteDataStoreColumnSpec const* columns)
     : m_tableName(tableName) {
-    // Checked before the handle is adopted: a null spec must not touch the connection.
+    // Checked before the handle is adopted: a null column list must not touch the connection.
     if (!columns) {
         throw ZeroTableColumnsException(
             zeroColumnsMessage(database ? database->dbFilePath() : String(), tableName));
