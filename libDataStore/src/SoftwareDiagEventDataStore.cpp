@@ -1,19 +1,21 @@
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
 #include <libCommon/Array.h>
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
+
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/SoftwareDiagEventDataStore.h>
+
+#include "ModuleState.h"
+#include "SqlText.h"
 
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <utility>
-
-#include "ModuleState.h"
-#include "SqlText.h"
 
 namespace zrn {
 
@@ -74,7 +76,7 @@ SQLiteDataStoreColumnSpec const kIssueFixActionColumns[] = {{"issueFixActionId",
 
 int const kSchemaVersion = 1;
 
-struct IndexSpec {
+struct IndexDefinition {
     char const* table;
     char const* column;
     char const* order;  // "" for the identifier indexes
@@ -83,7 +85,7 @@ struct IndexSpec {
 // Existing files carry these names, the trailing blank of the direction-less ones included;
 // the set is kept as it is (no index on the parent ids of run and fix transactions, on the
 // restore point, on a diagnostic's run transaction or on an issue's session).
-IndexSpec const kIndexes[] = {
+IndexDefinition const kIndexes[] = {
     {kSessions, "sessionId", ""},
     {kSessions, "startTimeStamp", "ASC"},
     {kSessions, "startTimeStamp", "DESC"},
@@ -172,8 +174,8 @@ public:
         m_ordering.append(String("`rowid`") + direction(descending));
         return *this;
     }
-    // The id column is the row id, so this sorts as the rowid term before it; other programs
-    // of the suite issue the same pair, and it is kept.
+    // The id column is the row id, so the second term never changes the order; the statement
+    // keeps it so that its text stays what it has always been.
     Select& orderById(char const* idColumn, bool descending) {
         orderByRowid(descending);
         m_ordering.append(sql::identifier(idColumn) + direction(descending));
@@ -227,6 +229,7 @@ private:
 template <class Record>
 LogList<Record> toLogList(ResultSet const& result) {
     LogList<Record> logs;
+    logs.reserve(result.rowCount());
     for (unsigned int i = 0; i < result.rowCount(); ++i) {
         logs.append(Record::fromDbRow(result.row(static_cast<int>(i))));
     }
@@ -318,7 +321,7 @@ SoftwareDiagEventDataStore::~SoftwareDiagEventDataStore() {
 
 void SoftwareDiagEventDataStore::createIndexesUnlocked() {
     // The kind is always empty, hence the two blanks after CREATE; each statement runs alone.
-    for (IndexSpec const& index : kIndexes) {
+    for (IndexDefinition const& index : kIndexes) {
         m_database->execute(SprintfFormat(
             "CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "", index.table,
             index.column, index.order, index.table, index.column, index.order));

@@ -1,7 +1,8 @@
+#include <libDataStore/SoftwareDiagRecords.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
-#include <libDataStore/SoftwareDiagRecords.h>
 
 namespace zrn {
 
@@ -24,8 +25,8 @@ void checkColumnCount(ResultSetRow const& row, unsigned int required, char const
     logAt(defectLogger(), LoggerPriority::ERROR, [&] { return LoggerStream() + message + actual; });
 }
 
-// Identifiers go through the unsigned 32-bit conversion even though the fields are 64-bit;
-// other programs of the suite read them the same way.
+// Identifiers go through the unsigned 32-bit conversion even though the fields are 64-bit:
+// an id past 4294967295 does not come back unchanged, which is accepted.
 long long idAt(ResultSetRow const& row, int index) {
     return String::strToUInt(row.columnValue(index), 10);
 }

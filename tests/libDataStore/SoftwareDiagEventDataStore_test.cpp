@@ -1,19 +1,24 @@
-#include <gtest/gtest.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
+#include <libDataStore/DataStoreSettings.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
-#include <libDataStore/SoftwareDiagEventDataStore.h>
+
+#include <gtest/gtest.h>
 #include <sqlite3.h>
+
+#include "TestSupport.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -126,42 +131,24 @@ TEST(SoftwareDiagEventDataStoreTest, NewFileHasExactSchemaVersionAndIndexes) {
     // Names as existing files carry them: direction-less ones end in a blank.
     Rows const indexes = raw.query(
         "SELECT name, tbl_name, sql FROM sqlite_master WHERE type='index' ORDER BY rowid");
-    std::vector<std::string> names;
-    for (auto const& row : indexes) names.push_back(row[0]);
-    EXPECT_EQ(names, (std::vector<std::string>{
-                         "SessionssessionId ",
-                         "SessionsstartTimeStamp ASC",
-                         "SessionsstartTimeStamp DESC",
-                         "SessionsendTimeStamp ASC",
-                         "SessionsendTimeStamp DESC",
-                         "RunTransactionsrunTransactionId ",
-                         "RunTransactionsstartTimeStamp ASC",
-                         "RunTransactionsstartTimeStamp DESC",
-                         "RunTransactionsendTimeStamp ASC",
-                         "RunTransactionsendTimeStamp DESC",
-                         "FixTransactionsfixTransactionId ",
-                         "FixTransactionsstartTimeStamp ASC",
-                         "FixTransactionsstartTimeStamp DESC",
-                         "FixTransactionsendTimeStamp ASC",
-                         "FixTransactionsendTimeStamp DESC",
-                         "SoftwareDiagnosticssoftwareDiagnosticId ",
-                         "SoftwareDiagnosticsstartTimeStamp ASC",
-                         "SoftwareDiagnosticsstartTimeStamp DESC",
-                         "SoftwareDiagnosticsendTimeStamp ASC",
-                         "SoftwareDiagnosticsendTimeStamp DESC",
-                         "IssuesissueId ",
-                         "IssuessoftwareDiagnosticId ",
-                         "IssuestimeStamp ASC",
-                         "IssuestimeStamp DESC",
-                         "FixActionsfixActionId ",
-                         "FixActionssessionId ",
-                         "FixActionsstartTimeStamp ASC",
-                         "FixActionsstartTimeStamp DESC",
-                         "FixActionsendTimeStamp ASC",
-                         "FixActionsendTimeStamp DESC",
-                         "Issues_FixActionsissueId ",
-                         "Issues_FixActionsfixActionId ",
-                     }));
+    std::string names;
+    for (auto const& row : indexes) names += (names.empty() ? "" : "|") + row[0];
+    EXPECT_EQ(names,
+              "SessionssessionId |SessionsstartTimeStamp ASC|SessionsstartTimeStamp DESC|"
+              "SessionsendTimeStamp ASC|SessionsendTimeStamp DESC|"
+              "RunTransactionsrunTransactionId |RunTransactionsstartTimeStamp ASC|"
+              "RunTransactionsstartTimeStamp DESC|RunTransactionsendTimeStamp ASC|"
+              "RunTransactionsendTimeStamp DESC|FixTransactionsfixTransactionId |"
+              "FixTransactionsstartTimeStamp ASC|FixTransactionsstartTimeStamp DESC|"
+              "FixTransactionsendTimeStamp ASC|FixTransactionsendTimeStamp DESC|"
+              "SoftwareDiagnosticssoftwareDiagnosticId |"
+              "SoftwareDiagnosticsstartTimeStamp ASC|SoftwareDiagnosticsstartTimeStamp DESC|"
+              "SoftwareDiagnosticsendTimeStamp ASC|SoftwareDiagnosticsendTimeStamp DESC|"
+              "IssuesissueId |IssuessoftwareDiagnosticId |IssuestimeStamp ASC|"
+              "IssuestimeStamp DESC|FixActionsfixActionId |FixActionssessionId |"
+              "FixActionsstartTimeStamp ASC|FixActionsstartTimeStamp DESC|"
+              "FixActionsendTimeStamp ASC|FixActionsendTimeStamp DESC|"
+              "Issues_FixActionsissueId |Issues_FixActionsfixActionId ");
     EXPECT_EQ(indexes[26][2],
               "CREATE INDEX 'FixActionsstartTimeStamp ASC' ON `FixActions` (`startTimeStamp` ASC)");
 
@@ -186,6 +173,16 @@ TEST(SoftwareDiagEventDataStoreTest, NewFileHasExactSchemaVersionAndIndexes) {
     std::string const self = match[1];
     EXPECT_EQ(lines[1], "358 " + self + " using " + dir.file(kFile));
     EXPECT_EQ(lines[2], "432 ~SoftwareDiagEventDataStore() this: " + self);
+
+    // Without a path the store opens the configured location.
+    std::string const folder = dir.file("configured");
+    ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
+    DataStoreSettings::setSoftwareDiagEventDataStorePath(String(folder));
+    SoftwareDiagEventDataStore configured;
+    EXPECT_EQ(log.messagesStartingWith("libDataStore.SoftwareDiagEventDataStore", "358 ").back(),
+              "358 " + std::to_string(reinterpret_cast<std::uintptr_t>(&configured)) + " using " +
+                  folder + "/" + kFile);
+    EXPECT_EQ(test::RawDb(folder + "/" + kFile).scalar("SELECT version FROM Versioning"), "1");
 }
 
 TEST(SoftwareDiagEventDataStoreTest, ReopeningRewritesAnyVersionToOne) {

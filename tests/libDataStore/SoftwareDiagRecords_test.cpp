@@ -1,12 +1,14 @@
-#include <gtest/gtest.h>
-#include <libCommon/ResultSet.h>
 #include <libDataStore/SoftwareDiagRecords.h>
+
+#include <libCommon/ResultSet.h>
+
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
 
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -128,7 +130,7 @@ TEST(SoftwareDiagRecordsTest, ShortRowsAreLoggedAndStillConverted) {
 }
 
 TEST(SoftwareDiagRecordsTest, NumbersUseTheUnsigned32BitConversions) {
-    // Ids beyond 32 bits wrap: the suite's other programs read them the same way.
+    // Ids beyond 32 bits wrap (unsigned 32-bit conversion).
     EXPECT_EQ(SessionLog::fromDbRow(makeRow({"4294967297", "0", "0"})).sessionId(), 1);
     EXPECT_EQ(SessionLog::fromDbRow(makeRow({"4294967295", "0", "0"})).sessionId(), 4294967295LL);
 

@@ -4,10 +4,11 @@
 // diagnostics, issues, fix actions) and the lists its queries return. All are plain values:
 // copies are independent, nothing refers back to the store.
 
-#include <libCommon/Array.h>
-#include <libCommon/String.h>
 #include <libDataStore/Export.h>
 #include <libDataStore/TimeStamp.h>
+
+#include <libCommon/Array.h>
+#include <libCommon/String.h>
 
 #include <utility>
 
@@ -202,6 +203,7 @@ public:
 
     void append(T const& record) { m_records.append(record); }
     void append(T&& record) { m_records.append(std::move(record)); }
+    void reserve(unsigned int count) { m_records.reserve(count); }
 
     unsigned int size() const { return static_cast<unsigned int>(m_records.size()); }
     bool empty() const { return m_records.empty(); }
