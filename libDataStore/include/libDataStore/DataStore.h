@@ -22,4 +22,6 @@
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+#include <libDataStore/SoftwareDiagRecords.h>
 #include <libDataStore/TimeStamp.h>
