@@ -21,5 +21,7 @@
 
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/EventDataStore.h>
+#include <libDataStore/EventRecords.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/TimeStamp.h>
