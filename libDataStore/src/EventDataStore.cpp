@@ -1,13 +1,12 @@
-#include <libDataStore/EventDataStore.h>
-
 #include <libCommon/Exception.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-
+#include <libCommon/ZRNValue.h>
 #include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include "EventStoreText.h"
@@ -26,130 +25,92 @@ namespace {
 
 int const kCurrentVersion = 3;
 
-SQLiteDataStoreColumnSpec const kVersioning[] = {
-    {"version", "INTEGER PRIMARY KEY"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kVersioning[] = {{"version", "INTEGER PRIMARY KEY"},
+                                                 {nullptr, nullptr}};
 
 // The two time columns are TEXT here and INTEGER everywhere else; files in the field have it
 // so, and other programs read them.
-SQLiteDataStoreColumnSpec const kApplicationRuns[] = {
-    {"appId", "INTEGER PRIMARY KEY"},
-    {"name", "TEXT"},
-    {"typeOfRun", "TEXT"},
-    {"userName", "TEXT"},
-    {"startTime", "TEXT"},
-    {"endTime", "TEXT"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kApplicationRuns[] = {{"appId", "INTEGER PRIMARY KEY"},
+                                                      {"name", "TEXT"},
+                                                      {"typeOfRun", "TEXT"},
+                                                      {"userName", "TEXT"},
+                                                      {"startTime", "TEXT"},
+                                                      {"endTime", "TEXT"},
+                                                      {nullptr, nullptr}};
 
-SQLiteDataStoreColumnSpec const kScriptRuns[] = {
-    {"scriptId", "INTEGER PRIMARY KEY"},
-    {"appId", "INTEGER"},
-    {"name", "TEXT"},
-    {"result", "TEXT"},
-    {"startTime", "INTEGER"},
-    {"endTime", "INTEGER"},
-    {"totalPasses", "INTEGER"},
-    {"specId", "INTEGER"},
-    {"scriptGuid", "TEXT"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kScriptRuns[] = {{"scriptId", "INTEGER PRIMARY KEY"},
+                                                 {"appId", "INTEGER"},
+                                                 {"name", "TEXT"},
+                                                 {"result", "TEXT"},
+                                                 {"startTime", "INTEGER"},
+                                                 {"endTime", "INTEGER"},
+                                                 {"totalPasses", "INTEGER"},
+                                                 {"specId", "INTEGER"},
+                                                 {"scriptGuid", "TEXT"},
+                                                 {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kScriptSpecs[] = {
-    {"specId", "INTEGER PRIMARY KEY"},
-    {"scriptXml", "TEXT"},
-    {nullptr, nullptr}};
+    {"specId", "INTEGER PRIMARY KEY"}, {"scriptXml", "TEXT"}, {nullptr, nullptr}};
 
-SQLiteDataStoreColumnSpec const kTestRuns[] = {
-    {"testId", "INTEGER PRIMARY KEY"},
-    {"scriptId", "INTEGER"},
-    {"testName", "TEXT"},
-    {"deviceName", "TEXT"},
-    {"result", "TEXT"},
-    {"startTime", "INTEGER"},
-    {"endTime", "INTEGER"},
-    {"testGuid", "TEXT"},
-    {"deviceGuid", "TEXT"},
-    {"deviceType", "TEXT"},
-    {"pass", "INTEGER"},
-    {"errorCode", "TEXT"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kTestRuns[] = {{"testId", "INTEGER PRIMARY KEY"},
+                                               {"scriptId", "INTEGER"},
+                                               {"testName", "TEXT"},
+                                               {"deviceName", "TEXT"},
+                                               {"result", "TEXT"},
+                                               {"startTime", "INTEGER"},
+                                               {"endTime", "INTEGER"},
+                                               {"testGuid", "TEXT"},
+                                               {"deviceGuid", "TEXT"},
+                                               {"deviceType", "TEXT"},
+                                               {"pass", "INTEGER"},
+                                               {"errorCode", "TEXT"},
+                                               {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kTestRunEvents[] = {
-    {"testId", "INTEGER"},
-    {"message", "TEXT"},
-    {"type", "TEXT"},
-    {"eventCode", "TEXT"},
-    {"customerEventCode", "TEXT"},
-    {"dateTime", "INTEGER"},
+    {"testId", "INTEGER"}, {"message", "TEXT"},           {"type", "TEXT"},
+    {"eventCode", "TEXT"}, {"customerEventCode", "TEXT"}, {"dateTime", "INTEGER"},
     {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kTestRunTips[] = {
-    {"testId", "INTEGER"},
-    {"key", "TEXT"},
-    {"type", "TEXT"},
-    {"title", "TEXT"},
-    {"text", "TEXT"},
-    {"extended_text", "TEXT"},
-    {"dateTime", "INTEGER"},
-    {nullptr, nullptr}};
+    {"testId", "INTEGER"}, {"key", "TEXT"},           {"type", "TEXT"},        {"title", "TEXT"},
+    {"text", "TEXT"},      {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}, {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kAlertTips[] = {
-    {"alertId", "INTEGER"},
-    {"key", "TEXT"},
-    {"type", "TEXT"},
-    {"title", "TEXT"},
-    {"text", "TEXT"},
-    {"extended_text", "TEXT"},
-    {"dateTime", "INTEGER"},
-    {nullptr, nullptr}};
+    {"alertId", "INTEGER"}, {"key", "TEXT"},           {"type", "TEXT"},        {"title", "TEXT"},
+    {"text", "TEXT"},       {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}, {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kAlertKeyValues[] = {
-    {"alertId", "INTEGER"},
-    {"key", "TEXT"},
-    {"value", "TEXT"},
-    {nullptr, nullptr}};
+    {"alertId", "INTEGER"}, {"key", "TEXT"}, {"value", "TEXT"}, {nullptr, nullptr}};
 
 SQLiteDataStoreColumnSpec const kScriptletRuns[] = {
-    {"appId", "INTEGER"},
-    {"scriptletKey", "TEXT"},
-    {"category", "TEXT"},
-    {"result", "TEXT"},
-    {"status", "TEXT"},
-    {"dateTime", "INTEGER"},
-    {nullptr, nullptr}};
+    {"appId", "INTEGER"}, {"scriptletKey", "TEXT"}, {"category", "TEXT"}, {"result", "TEXT"},
+    {"status", "TEXT"},   {"dateTime", "INTEGER"},  {nullptr, nullptr}};
 
 // `tracked` defaults to 1, yet new alerts are always written with 0 (untracked).
 SQLiteDataStoreColumnSpec const kAlerts[] = {
-    {"appId", "INTEGER"},
-    {"guid", "TEXT"},
-    {"key", "TEXT"},
-    {"type", "TEXT"},
-    {"title", "TEXT"},
-    {"message", "TEXT"},
-    {"deviceName", "TEXT"},
-    {"dateTime", "INTEGER"},
-    {"tracked", "INTEGER DEFAULT 1"},
+    {"appId", "INTEGER"},   {"guid", "TEXT"},        {"key", "TEXT"},
+    {"type", "TEXT"},       {"title", "TEXT"},       {"message", "TEXT"},
+    {"deviceName", "TEXT"}, {"dateTime", "INTEGER"}, {"tracked", "INTEGER DEFAULT 1"},
     {nullptr, nullptr}};
 
-SQLiteDataStoreColumnSpec const kProfilerDiffs[] = {
-    {"diffId", "INTEGER PRIMARY KEY"},
-    {"appId", "INTEGER"},
-    {"category", "TEXT"},
-    {"dateTime", "INTEGER"},
-    {"numberOfChanges", "TEXT"},
-    {"serializedDiff", "TEXT"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kProfilerDiffs[] = {{"diffId", "INTEGER PRIMARY KEY"},
+                                                    {"appId", "INTEGER"},
+                                                    {"category", "TEXT"},
+                                                    {"dateTime", "INTEGER"},
+                                                    {"numberOfChanges", "TEXT"},
+                                                    {"serializedDiff", "TEXT"},
+                                                    {nullptr, nullptr}};
 
-SQLiteDataStoreColumnSpec const kMeasurements[] = {
-    {"type", "TEXT"},
-    {"spanStartTime", "INTEGER"},
-    {"spanEndTime", "INTEGER"},
-    {"spanMiddleTime", "INTEGER"},
-    {"maximum", "REAL"},
-    {"minimum", "REAL"},
-    {"average", "REAL"},
-    {"median", "REAL"},
-    {"numberOfSamples", "INTEGER"},
-    {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kMeasurements[] = {{"type", "TEXT"},
+                                                   {"spanStartTime", "INTEGER"},
+                                                   {"spanEndTime", "INTEGER"},
+                                                   {"spanMiddleTime", "INTEGER"},
+                                                   {"maximum", "REAL"},
+                                                   {"minimum", "REAL"},
+                                                   {"average", "REAL"},
+                                                   {"median", "REAL"},
+                                                   {"numberOfSamples", "INTEGER"},
+                                                   {nullptr, nullptr}};
 
 // One index of the store. A unique index spans `column` and `column2`; an ordinary one has
 // `direction` ("ASC", "DESC" or "", the last giving a name that ends in a blank).
@@ -200,8 +161,7 @@ IndexSpec const kIndexes[] = {
 String indexStatement(IndexSpec const& index) {
     if (index.column2) {
         return SprintfFormat("CREATE UNIQUE INDEX IF NOT EXISTS '%s-%s' ON `%s` (`%s`, `%s`)",
-                             index.column, index.column2, index.table, index.column,
-                             index.column2);
+                             index.column, index.column2, index.table, index.column, index.column2);
     }
     // The empty first argument leaves two blanks after CREATE, and an empty direction leaves
     // a name ending in a blank: the names in existing files were made this way, and
@@ -263,8 +223,8 @@ EventDataStore::EventDataStore() : EventDataStore(DataStoreSettings::eventDataSt
 
 EventDataStore::EventDataStore(String const& path) : m_dataStorePath(path) {
     logAt(logger(), TRACE, [&] {
-        return LoggerStream() + "480 " + "EventDataStore(" + path + ") this: " +
-               static_cast<void const*>(this);
+        return LoggerStream() + "480 " + "EventDataStore(" + path +
+               ") this: " + static_cast<void const*>(this);
     });
     createDataStores();
 }
@@ -276,8 +236,8 @@ EventDataStore::EventDataStore(EventDataStore const& /*other*/) { createDataStor
 EventDataStore::~EventDataStore() {
     try {
         logAt(logger(), TRACE, [&] {
-            return LoggerStream() + "620 " + "~EventDataStore() this: " +
-                   static_cast<void const*>(this);
+            return LoggerStream() + "620 " +
+                   "~EventDataStore() this: " + static_cast<void const*>(this);
         });
         close();
     } catch (...) {
@@ -456,10 +416,9 @@ bool EventDataStore::updateExisting(SQLiteDataStore& table, char const* idColumn
 boost::optional<long long> EventDataStore::logAppStart(String const& name, String const& userName,
                                                        String const& typeOfRun,
                                                        EventTimePoint start) {
-    String const statement =
-        eventsql::insertStatement("ApplicationRuns", "name,userName,typeOfRun,startTime",
-                                  {sql::value(name), sql::value(userName), sql::value(typeOfRun),
-                                   eventsql::seconds(start)});
+    String const statement = eventsql::insertStatement(
+        "ApplicationRuns", "name,userName,typeOfRun,startTime",
+        {sql::value(name), sql::value(userName), sql::value(typeOfRun), eventsql::seconds(start)});
     AutoGlobalMutex lock(module::eventStoreMutex());
     SQLite3Database& database = *m_appDataStore->database();
     database.execute(statement);
@@ -492,8 +451,7 @@ void EventDataStore::setTypeOfAppRun(long long appId, String const& typeOfRun) {
 
 boost::optional<long long> EventDataStore::logScriptStart(long long appId, String const& result,
                                                           String const& scriptGuid,
-                                                          String const& name,
-                                                          EventTimePoint start,
+                                                          String const& name, EventTimePoint start,
                                                           unsigned int totalPasses,
                                                           String const& scriptXml) {
     AutoGlobalMutex lock(module::eventStoreMutex());
@@ -502,7 +460,8 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
     String specIdText;
     if (!m_scriptSpecDataStore->cellData("specId", specIdText, "scriptXml", scriptXml)) {
         SQLite3Database& specs = *m_scriptSpecDataStore->database();
-        specs.execute(eventsql::insertStatement("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
+        specs.execute(
+            eventsql::insertStatement("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
         long long const specId = specs.lastInsertId();
         // An engaged 0, not an empty optional: callers tell "no spec" from "no run" this way.
         if (specId < 1) return 0LL;
@@ -541,14 +500,14 @@ void EventDataStore::setScriptResult(long long scriptId, String const& result) {
 
 boost::optional<long long> EventDataStore::logTestStart(
     long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
-    String const& deviceGuid, String const& deviceType, String const& result,
-    EventTimePoint start, unsigned int pass) {
+    String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
+    unsigned int pass) {
     String const statement = eventsql::insertStatement(
         "TestRuns",
         "scriptId,testName,deviceName,testGuid,deviceGuid,deviceType,result,startTime,pass",
-        {sql::number(scriptId), sql::value(testName), sql::value(deviceName),
-         sql::value(testGuid), sql::value(deviceGuid), sql::value(deviceType),
-         sql::value(result), eventsql::seconds(start), sql::number(pass)});
+        {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
+         sql::value(deviceGuid), sql::value(deviceType), sql::value(result),
+         eventsql::seconds(start), sql::number(pass)});
     AutoGlobalMutex lock(module::eventStoreMutex());
     SQLite3Database& database = *m_testRunDataStore->database();
     database.execute(statement);
@@ -557,8 +516,8 @@ boost::optional<long long> EventDataStore::logTestStart(
 
 boost::optional<long long> EventDataStore::logTestInitializing(
     long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
-    String const& deviceGuid, String const& deviceType, String const& result,
-    EventTimePoint start, unsigned int pass) {
+    String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
+    unsigned int pass) {
     return logTestStart(scriptId, testName, deviceName, testGuid, deviceGuid, deviceType, result,
                         start, pass);
 }
@@ -581,9 +540,10 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
 void EventDataStore::logTestFinished(long long testId, String const& result,
                                      String const& errorCode, EventTimePoint end) {
     AutoGlobalMutex lock(module::eventStoreMutex());
-    updateExisting(*m_testRunDataStore, "testId", testId,
-                   {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
-                   "logTestFinished() id does not exist: ");
+    updateExisting(
+        *m_testRunDataStore, "testId", testId,
+        {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
+        "logTestFinished() id does not exist: ");
 }
 
 void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
@@ -613,6 +573,232 @@ void EventDataStore::logTestRunTip(long long testId, String const& key, String c
     row.insert("dateTime", eventsql::seconds(time));
     AutoGlobalMutex lock(module::eventStoreMutex());
     m_testRunTipsDataStore->append(row);
+}
+
+// ---- Alerts ------------------------------------------------------------------------------
+
+namespace eventsql {
+
+long long findAlert(SQLite3Database& database, String const& guid, bool withKeyValues,
+                    bool trackedOnly) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    // The doubled blanks after the aliases come from the pieces the statement is made of.
+    std::string statement = "SELECT a.rowid FROM ";
+    sql::appendIdentifier(statement, "Alerts");
+    statement += " a  WHERE a.";
+    sql::appendIdentifier(statement, "guid");
+    statement += " = ";
+    sql::appendValue(statement, guid);
+    if (trackedOnly) {
+        statement += " AND a.";
+        sql::appendIdentifier(statement, "tracked");
+        statement += " = 1";
+    }
+    if (withKeyValues) {
+        statement += " AND EXISTS (SELECT 1 FROM ";
+        sql::appendIdentifier(statement, "AlertKeyValues");
+        statement += " kv  WHERE kv.";
+        sql::appendIdentifier(statement, "alertId");
+        statement += " = a.rowid)";
+    }
+    ResultSet result;
+    database.execute(String(std::move(statement)), &result);
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
+    String const& cell = result.row(0).columnValue(0);
+    if (cell.empty()) return -1;
+    return String::strToInt64(cell, 10);
+}
+
+}  // namespace eventsql
+
+void EventDataStore::storeAlertKeyValues(long long alertId,
+                                         std::vector<std::pair<String, String>> const& keyValues) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    SQLite3Database& database = *m_alertKeyValueDataStore->database();
+    String const id = sql::number(alertId);
+    for (auto const& kv : keyValues) {
+        database.execute(
+            eventsql::insertStatement("AlertKeyValues", "alertId,key,value",
+                                      {id, sql::value(kv.first), sql::value(kv.second)}));
+    }
+}
+
+void EventDataStore::logAlertUnlocked(AlertData const& alert) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    SQLite3Database& database = *m_alertDataStore->database();
+    if (!alert.guid.empty()) {
+        long long const existing = eventsql::findAlert(database, alert.guid, false, false);
+        if (existing != -1) {
+            // A stored alert is never stored again; it only gains key/values it lacks.
+            if (alert.keyValues.empty()) return;
+            if (eventsql::findAlert(database, alert.guid, true, false) != -1) return;
+            storeAlertKeyValues(existing, alert.keyValues);
+            return;
+        }
+    }
+
+    HashTable<String, String> row;
+    row.insert("appId", sql::number(alert.appId));
+    row.insert("guid", alert.guid);
+    row.insert("key", alert.key);
+    row.insert("type", alert.type);
+    row.insert("title", alert.title);
+    row.insert("message", alert.message);
+    row.insert("deviceName", alert.deviceName);
+    row.insert("dateTime", eventsql::seconds(alert.time));
+    // Written although the column defaults to 1: a new alert is not tracked yet.
+    row.insert("tracked", "0");
+    m_alertDataStore->append(row);
+    long long const alertId = database.lastInsertId();
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "1224 " + "logAlerts() guid: " + alert.guid +
+               " addedid: " + alertId;
+    });
+
+    storeAlertKeyValues(alertId, alert.keyValues);
+    String const id = sql::number(alertId);
+    for (TipResultLog const& tip : alert.tips) {
+        HashTable<String, String> tipRow;
+        tipRow.insert("alertId", id);
+        tipRow.insert("key", tip.key());
+        tipRow.insert("type", tip.type());
+        tipRow.insert("title", tip.title());
+        tipRow.insert("text", tip.text());
+        tipRow.insert("extended_text", tip.extendedText());
+        tipRow.insert("dateTime", eventsql::seconds(tip.timeStamp()));
+        m_alertTipsDataStore->append(tipRow);
+    }
+}
+
+bool EventDataStore::logAlertsInTransaction(AlertData const* alerts, std::size_t count,
+                                            char const* failure) {
+    // Taken outside the try: the rollback below must still run under the mutex.
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    SQLite3Database& database = *m_alertDataStore->database();
+    try {
+        database.execute("BEGIN");
+        for (std::size_t i = 0; i < count; ++i) logAlertUnlocked(alerts[i]);
+        database.execute("COMMIT");
+        return true;
+    } catch (Exception const& e) {
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + failure + e.toString() + " rolling back transaction.";
+            });
+        } catch (...) {
+        }
+        try {
+            database.execute("ROLLBACK");
+        } catch (Exception const&) {
+            // No transaction left to roll back: BEGIN itself failed, SQLite already rolled
+            // back after the error, or the connection is closed.
+        }
+        return false;
+    } catch (...) {
+        // Not a failure this operation reports; still, never leave the connection inside an
+        // open transaction that every later statement would join.
+        try {
+            database.execute("ROLLBACK");
+        } catch (...) {
+        }
+        throw;
+    }
+}
+
+bool EventDataStore::logAlert(AlertData const& alert) {
+    return logAlertsInTransaction(&alert, 1, "1279 logAlert() failed on: ");
+}
+
+bool EventDataStore::logAlerts(std::vector<AlertData> const& alerts) {
+    return logAlertsInTransaction(alerts.data(), alerts.size(), "1262 logAlerts() failed on: ");
+}
+
+bool EventDataStore::alertExists(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, false) != -1;
+}
+
+bool EventDataStore::alertExistsWithKeyVals(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, true, false) != -1;
+}
+
+bool EventDataStore::alertTracked(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, true) != -1;
+}
+
+void EventDataStore::markAlertAsTracked(String const& guid) {
+    String const statement = "UPDATE " + sql::identifier("Alerts") + " SET " +
+                             sql::identifier("tracked") + " = 1" + " WHERE " +
+                             sql::identifier("guid") + " = " + sql::value(guid);
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_alertDataStore->database()->execute(statement);
+}
+
+EventTimePoint EventDataStore::firstAlert() const {
+    ResultSet result;
+    query(SprintfFormat("SELECT min(%s) FROM %s WHERE %s > 0", "dateTime", "Alerts", "dateTime"),
+          result);
+    // An empty table gives an empty cell, read as the zero point.
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return EventTimePoint();
+    return eventsql::timePoint(result.row(0).columnValue(0));
+}
+
+// ---- Scriptlet results, profiler diffs, measurements -------------------------------------
+
+void EventDataStore::logScriptletResult(long long appId, String const& key, String const& category,
+                                        String const& result, String const& status,
+                                        EventTimePoint time) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    // The key goes into this look-up as it is, quotes not doubled, as other programs reading
+    // the same file do it; a key with a quote fails here rather than being matched loosely.
+    String const latest = SprintfFormat(
+        "SELECT max(`%s`), `%s` FROM `%s` WHERE `%s`= '%s' AND `%s`= %lli", "dateTime", "result",
+        "ScriptletRuns", "scriptletKey", key.c_str(), "appId", appId);
+    ResultSet found;
+    m_scriptletDataStore->database()->execute(latest, &found);
+    // Without an earlier result the cell is empty, so an empty result is not recorded either.
+    String previous;
+    if (found.rowCount() > 0 && found.row(0).columnCount() > 0) {
+        previous = found.row(0).columnValue(1);
+    }
+    if (previous == result) return;
+
+    HashTable<String, String> row;
+    row.insert("appId", sql::number(appId));
+    row.insert("scriptletKey", key);
+    row.insert("category", category);
+    row.insert("result", result);
+    row.insert("status", status);
+    row.insert("dateTime", eventsql::seconds(time));
+    m_scriptletDataStore->append(row);
+}
+
+void EventDataStore::logProfilerDiff(long long appId, String const& category, long long time,
+                                     unsigned int numberOfChanges, String const& serializedDiff) {
+    String const statement = eventsql::insertStatement(
+        "ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
+        {sql::number(appId), sql::value(category), sql::number(time),
+         ZRNValue(numberOfChanges).toString(ZRNValue::nilValue()), sql::value(serializedDiff)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_profilerDiffDataStore->database()->execute(statement);
+}
+
+void EventDataStore::logMeasurement(String const& type, unsigned int spanStartTime,
+                                    unsigned int spanMiddleTime, unsigned int spanEndTime,
+                                    double maximum, double minimum, double average, double median,
+                                    unsigned int numberOfSamples) {
+    auto const number = [](ZRNValue value) { return value.toString(ZRNValue::nilValue()); };
+    String const statement = eventsql::insertStatement(
+        "Measurements",
+        "type,spanStartTime,spanMiddleTime,spanEndTime,maximum,minimum,average,median,"
+        "numberOfSamples",
+        {sql::value(type), number(spanStartTime), number(spanMiddleTime), number(spanEndTime),
+         number(maximum), number(minimum), number(average), number(median),
+         number(numberOfSamples)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_measurementDataStore->database()->execute(statement);
 }
 
 }  // namespace zrn

@@ -28,8 +28,7 @@ PropertyChange::PropertyChange(String value, EventTimePoint timeStamp)
     : m_value(std::move(value)), m_timeStamp(timeStamp) {}
 
 PropertyChangeLog::PropertyChangeLog(long long testRunModificationId, String propertyKey,
-                                     String name, String description,
-                                     SQLite3Database& /*database*/)
+                                     String name, String description, SQLite3Database& /*database*/)
     : m_testRunModificationId(testRunModificationId),
       m_propertyKey(std::move(propertyKey)),
       m_name(std::move(name)),
@@ -58,8 +57,8 @@ TestRunEventResultLog::TestRunEventResultLog(String message, String type, String
       m_customerEventCode(std::move(customerEventCode)),
       m_timeStamp(timeStamp) {}
 
-TipResultLog::TipResultLog(String key, String type, String title, String text,
-                           String extendedText, EventTimePoint timeStamp)
+TipResultLog::TipResultLog(String key, String type, String title, String text, String extendedText,
+                           EventTimePoint timeStamp)
     : m_key(std::move(key)),
       m_type(std::move(type)),
       m_title(std::move(title)),

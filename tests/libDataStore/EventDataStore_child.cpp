@@ -6,17 +6,15 @@
 //
 // Exit status 0 on success, 1 when the store threw, 2 on bad arguments or no start signal.
 
-#include <libDataStore/EventDataStore.h>
-
 #include <libCommon/Exception.h>
+#include <libDataStore/EventDataStore.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
-
-#include <unistd.h>
 
 int main(int argc, char** argv) {
     using namespace zrn;
@@ -36,8 +34,8 @@ int main(int argc, char** argv) {
         EventDataStore store{String(database)};
         EventTimePoint const t(EventTimePoint::duration(1700000000));
         auto const app = store.logAppStart("child", tag, "Concurrent", t);
-        auto const script = store.logScriptStart(*app, "RUNNING", "guid-" + tag, "script",
-                                                 t, 1, "<script/>");
+        auto const script =
+            store.logScriptStart(*app, "RUNNING", "guid-" + tag, "script", t, 1, "<script/>");
         for (int i = 0; i < count; ++i) {
             auto const test = store.logTestStart(*script, "test", "device", tag, "device-guid",
                                                  "disk", "RUNNING", t, 1);

@@ -1,15 +1,12 @@
 // EventDataStore: schema, versions, lifecycle and run logging, checked through the raw
 // sqlite3 API and the captured log.
 
-#include <libDataStore/EventDataStore.h>
-
-#include <libCommon/Exception.h>
-
-#include <boost/optional/optional_io.hpp>
 #include <gtest/gtest.h>
-
+#include <libCommon/Exception.h>
+#include <libDataStore/EventDataStore.h>
 #include <sys/stat.h>
 
+#include <boost/optional/optional_io.hpp>
 #include <chrono>
 #include <filesystem>
 #include <sstream>
@@ -35,63 +32,132 @@ struct TableSchema {
 std::vector<TableSchema> const kSchema = {
     {"Versioning", {{"version", "INTEGER"}}},
     {"ApplicationRuns",
-     {{"appId", "INTEGER"}, {"name", "TEXT"}, {"typeOfRun", "TEXT"}, {"userName", "TEXT"},
-      {"startTime", "TEXT"}, {"endTime", "TEXT"}}},
+     {{"appId", "INTEGER"},
+      {"name", "TEXT"},
+      {"typeOfRun", "TEXT"},
+      {"userName", "TEXT"},
+      {"startTime", "TEXT"},
+      {"endTime", "TEXT"}}},
     {"ScriptRuns",
-     {{"scriptId", "INTEGER"}, {"appId", "INTEGER"}, {"name", "TEXT"}, {"result", "TEXT"},
-      {"startTime", "INTEGER"}, {"endTime", "INTEGER"}, {"totalPasses", "INTEGER"},
-      {"specId", "INTEGER"}, {"scriptGuid", "TEXT"}}},
+     {{"scriptId", "INTEGER"},
+      {"appId", "INTEGER"},
+      {"name", "TEXT"},
+      {"result", "TEXT"},
+      {"startTime", "INTEGER"},
+      {"endTime", "INTEGER"},
+      {"totalPasses", "INTEGER"},
+      {"specId", "INTEGER"},
+      {"scriptGuid", "TEXT"}}},
     {"ScriptSpecs", {{"specId", "INTEGER"}, {"scriptXml", "TEXT"}}},
     {"TestRuns",
-     {{"testId", "INTEGER"}, {"scriptId", "INTEGER"}, {"testName", "TEXT"},
-      {"deviceName", "TEXT"}, {"result", "TEXT"}, {"startTime", "INTEGER"},
-      {"endTime", "INTEGER"}, {"testGuid", "TEXT"}, {"deviceGuid", "TEXT"},
-      {"deviceType", "TEXT"}, {"pass", "INTEGER"}, {"errorCode", "TEXT"}}},
+     {{"testId", "INTEGER"},
+      {"scriptId", "INTEGER"},
+      {"testName", "TEXT"},
+      {"deviceName", "TEXT"},
+      {"result", "TEXT"},
+      {"startTime", "INTEGER"},
+      {"endTime", "INTEGER"},
+      {"testGuid", "TEXT"},
+      {"deviceGuid", "TEXT"},
+      {"deviceType", "TEXT"},
+      {"pass", "INTEGER"},
+      {"errorCode", "TEXT"}}},
     {"TestRunEvents",
-     {{"testId", "INTEGER"}, {"message", "TEXT"}, {"type", "TEXT"}, {"eventCode", "TEXT"},
-      {"customerEventCode", "TEXT"}, {"dateTime", "INTEGER"}}},
+     {{"testId", "INTEGER"},
+      {"message", "TEXT"},
+      {"type", "TEXT"},
+      {"eventCode", "TEXT"},
+      {"customerEventCode", "TEXT"},
+      {"dateTime", "INTEGER"}}},
     {"TestRunTips",
-     {{"testId", "INTEGER"}, {"key", "TEXT"}, {"type", "TEXT"}, {"title", "TEXT"},
-      {"text", "TEXT"}, {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}}},
+     {{"testId", "INTEGER"},
+      {"key", "TEXT"},
+      {"type", "TEXT"},
+      {"title", "TEXT"},
+      {"text", "TEXT"},
+      {"extended_text", "TEXT"},
+      {"dateTime", "INTEGER"}}},
     {"AlertTips",
-     {{"alertId", "INTEGER"}, {"key", "TEXT"}, {"type", "TEXT"}, {"title", "TEXT"},
-      {"text", "TEXT"}, {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}}},
+     {{"alertId", "INTEGER"},
+      {"key", "TEXT"},
+      {"type", "TEXT"},
+      {"title", "TEXT"},
+      {"text", "TEXT"},
+      {"extended_text", "TEXT"},
+      {"dateTime", "INTEGER"}}},
     {"AlertKeyValues", {{"alertId", "INTEGER"}, {"key", "TEXT"}, {"value", "TEXT"}}},
     {"ScriptletRuns",
-     {{"appId", "INTEGER"}, {"scriptletKey", "TEXT"}, {"category", "TEXT"}, {"result", "TEXT"},
-      {"status", "TEXT"}, {"dateTime", "INTEGER"}}},
+     {{"appId", "INTEGER"},
+      {"scriptletKey", "TEXT"},
+      {"category", "TEXT"},
+      {"result", "TEXT"},
+      {"status", "TEXT"},
+      {"dateTime", "INTEGER"}}},
     {"Alerts",
-     {{"appId", "INTEGER"}, {"guid", "TEXT"}, {"key", "TEXT"}, {"type", "TEXT"},
-      {"title", "TEXT"}, {"message", "TEXT"}, {"deviceName", "TEXT"}, {"dateTime", "INTEGER"},
+     {{"appId", "INTEGER"},
+      {"guid", "TEXT"},
+      {"key", "TEXT"},
+      {"type", "TEXT"},
+      {"title", "TEXT"},
+      {"message", "TEXT"},
+      {"deviceName", "TEXT"},
+      {"dateTime", "INTEGER"},
       {"tracked", "INTEGER"}}},
     {"ProfilerDiffs",
-     {{"diffId", "INTEGER"}, {"appId", "INTEGER"}, {"category", "TEXT"}, {"dateTime", "INTEGER"},
-      {"numberOfChanges", "TEXT"}, {"serializedDiff", "TEXT"}}},
+     {{"diffId", "INTEGER"},
+      {"appId", "INTEGER"},
+      {"category", "TEXT"},
+      {"dateTime", "INTEGER"},
+      {"numberOfChanges", "TEXT"},
+      {"serializedDiff", "TEXT"}}},
     {"Measurements",
-     {{"type", "TEXT"}, {"spanStartTime", "INTEGER"}, {"spanEndTime", "INTEGER"},
-      {"spanMiddleTime", "INTEGER"}, {"maximum", "REAL"}, {"minimum", "REAL"},
-      {"average", "REAL"}, {"median", "REAL"}, {"numberOfSamples", "INTEGER"}}},
+     {{"type", "TEXT"},
+      {"spanStartTime", "INTEGER"},
+      {"spanEndTime", "INTEGER"},
+      {"spanMiddleTime", "INTEGER"},
+      {"maximum", "REAL"},
+      {"minimum", "REAL"},
+      {"average", "REAL"},
+      {"median", "REAL"},
+      {"numberOfSamples", "INTEGER"}}},
 };
 
 // The 34 index names in creation order, blanks included.
 std::vector<std::string> const kIndexNames = {
-    "ApplicationRunsstartTime ASC", "ApplicationRunsstartTime DESC",
-    "ApplicationRunsendTime ASC",   "ApplicationRunsendTime DESC",
-    "appId-scriptId",               "ScriptRunsstartTime ASC",
-    "ScriptRunsstartTime DESC",     "ScriptRunsendTime ASC",
-    "ScriptRunsendTime DESC",       "scriptId-testId",
-    "TestRunsstartTime ASC",        "TestRunsstartTime DESC",
-    "TestRunsendTime ASC",          "TestRunsendTime DESC",
-    "TestRunstestGuid ",            "TestRunsdeviceGuid ",
-    "TestRunEventstestId ",         "TestRunEventsdateTime ASC",
-    "TestRunEventsdateTime DESC",   "TestRunTipstestId ",
-    "TestRunTipsdateTime ASC",      "TestRunTipsdateTime DESC",
-    "AlertTipsalertId ",            "AlertTipsdateTime ASC",
-    "AlertTipsdateTime DESC",       "AlertKeyValuesalertId ",
-    "ScriptletRunsappId ",          "ScriptletRunsdateTime ASC",
-    "ScriptletRunsdateTime DESC",   "AlertsappId ",
-    "Alertsguid ",                  "AlertsdateTime ASC",
-    "AlertsdateTime DESC",          "MeasurementsspanMiddleTime ASC",
+    "ApplicationRunsstartTime ASC",
+    "ApplicationRunsstartTime DESC",
+    "ApplicationRunsendTime ASC",
+    "ApplicationRunsendTime DESC",
+    "appId-scriptId",
+    "ScriptRunsstartTime ASC",
+    "ScriptRunsstartTime DESC",
+    "ScriptRunsendTime ASC",
+    "ScriptRunsendTime DESC",
+    "scriptId-testId",
+    "TestRunsstartTime ASC",
+    "TestRunsstartTime DESC",
+    "TestRunsendTime ASC",
+    "TestRunsendTime DESC",
+    "TestRunstestGuid ",
+    "TestRunsdeviceGuid ",
+    "TestRunEventstestId ",
+    "TestRunEventsdateTime ASC",
+    "TestRunEventsdateTime DESC",
+    "TestRunTipstestId ",
+    "TestRunTipsdateTime ASC",
+    "TestRunTipsdateTime DESC",
+    "AlertTipsalertId ",
+    "AlertTipsdateTime ASC",
+    "AlertTipsdateTime DESC",
+    "AlertKeyValuesalertId ",
+    "ScriptletRunsappId ",
+    "ScriptletRunsdateTime ASC",
+    "ScriptletRunsdateTime DESC",
+    "AlertsappId ",
+    "Alertsguid ",
+    "AlertsdateTime ASC",
+    "AlertsdateTime DESC",
+    "MeasurementsspanMiddleTime ASC",
 };
 
 Rows schemaObjects(test::RawDb& raw) {
@@ -106,7 +172,8 @@ Rows tableInfo(test::RawDb& raw, std::string const& table) {
 std::vector<Rows> allRows(test::RawDb& raw) {
     std::vector<Rows> rows;
     for (auto const& t : kSchema) {
-        rows.push_back(raw.query(std::string("SELECT rowid, * FROM ") + t.table + " ORDER BY rowid"));
+        rows.push_back(
+            raw.query(std::string("SELECT rowid, * FROM ") + t.table + " ORDER BY rowid"));
     }
     return rows;
 }
@@ -135,14 +202,14 @@ TEST_F(EventDataStoreTest, NewFileHasTablesTypesIndexesAndVersionThree) {
     test::RawDb raw(m_path);
     EXPECT_EQ(raw.query("SELECT version FROM Versioning"), (Rows{{"3"}}));
 
-    Rows const tables = raw.query("SELECT name FROM sqlite_master WHERE type='table' ORDER BY rowid");
+    Rows const tables =
+        raw.query("SELECT name FROM sqlite_master WHERE type='table' ORDER BY rowid");
     std::vector<std::string> tableNames;
     for (auto const& row : tables) tableNames.push_back(row[0]);
     EXPECT_EQ(tableNames, (std::vector<std::string>{
                               "Versioning", "ApplicationRuns", "ScriptRuns", "ScriptSpecs",
-                              "TestRuns", "TestRunEvents", "TestRunTips", "ScriptletRuns",
-                              "Alerts", "AlertKeyValues", "AlertTips", "ProfilerDiffs",
-                              "Measurements"}));
+                              "TestRuns", "TestRunEvents", "TestRunTips", "ScriptletRuns", "Alerts",
+                              "AlertKeyValues", "AlertTips", "ProfilerDiffs", "Measurements"}));
 
     for (auto const& t : kSchema) {
         Rows expected;
@@ -159,7 +226,8 @@ TEST_F(EventDataStoreTest, NewFileHasTablesTypesIndexesAndVersionThree) {
               "`typeOfRun` TEXT,`userName` TEXT,`startTime` TEXT,`endTime` TEXT)");
 
     Rows const indexes = raw.query(
-        "SELECT name, sql FROM sqlite_master WHERE type='index' AND sql IS NOT NULL ORDER BY rowid");
+        "SELECT name, sql FROM sqlite_master WHERE type='index' AND sql IS NOT NULL ORDER BY "
+        "rowid");
     std::vector<std::string> indexNames;
     for (auto const& row : indexes) indexNames.push_back(row[0]);
     EXPECT_EQ(indexNames, kIndexNames);
@@ -196,12 +264,15 @@ TEST_F(EventDataStoreTest, VersionsOneAndTwoGetScriptGuidAsString) {
         std::string const path = m_dir.file("v" + std::to_string(version) + ".db");
         {
             test::RawDb raw(path);
-            raw.exec("CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
-                     "INSERT INTO Versioning VALUES(" + std::to_string(version) + ");"
-                     "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER,"
-                     "`name` TEXT,`result` TEXT,`startTime` INTEGER,`endTime` INTEGER,"
-                     "`totalPasses` INTEGER,`specId` INTEGER);"
-                     "INSERT INTO ScriptRuns (appId, name) VALUES(1, 'old run');");
+            raw.exec(
+                "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
+                "INSERT INTO Versioning VALUES(" +
+                std::to_string(version) +
+                ");"
+                "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER,"
+                "`name` TEXT,`result` TEXT,`startTime` INTEGER,`endTime` INTEGER,"
+                "`totalPasses` INTEGER,`specId` INTEGER);"
+                "INSERT INTO ScriptRuns (appId, name) VALUES(1, 'old run');");
         }
         test::LogCapture log;
         {
@@ -230,9 +301,10 @@ TEST_F(EventDataStoreTest, VersionsOneAndTwoGetScriptGuidAsString) {
 TEST_F(EventDataStoreTest, LaterVersionIsWrittenBackToThreeWithoutUpgrade) {
     {
         test::RawDb raw(m_path);
-        raw.exec("CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
-                 "INSERT INTO Versioning VALUES(7);"
-                 "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER);");
+        raw.exec(
+            "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
+            "INSERT INTO Versioning VALUES(7);"
+            "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER);");
     }
     test::LogCapture log;
     {
@@ -303,11 +375,12 @@ TEST_F(EventDataStoreTest, FailureWhilePreparingLeavesAGoodFileUntouched) {
         // Another program of the suite made a table whose name an index of this store needs:
         // the index statement, late in the transaction, fails.
         test::RawDb raw(m_path);
-        raw.exec("CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
-                 "INSERT INTO Versioning VALUES(2);"
-                 "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER);"
-                 "INSERT INTO ScriptRuns VALUES(4, 2);"
-                 "CREATE TABLE `Alertsguid ` (x);");
+        raw.exec(
+            "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
+            "INSERT INTO Versioning VALUES(2);"
+            "CREATE TABLE `ScriptRuns` (`scriptId` INTEGER PRIMARY KEY,`appId` INTEGER);"
+            "INSERT INTO ScriptRuns VALUES(4, 2);"
+            "CREATE TABLE `Alertsguid ` (x);");
     }
     std::string const before = test::readFile(m_path);
     EXPECT_THROW(EventDataStore{String(m_path)}, DatabaseError);
@@ -446,17 +519,19 @@ TEST_F(EventDataStoreTest, ScriptRunsShareSpecsOfIdenticalXml) {
     EXPECT_EQ(raw.query("SELECT specId, scriptXml FROM ScriptSpecs ORDER BY specId"),
               (Rows{{"1", xml}, {"2", xml + " "}}));
     // The first text is the result, the second the GUID, the third the name.
-    EXPECT_EQ(raw.query("SELECT scriptId, appId, name, result, startTime, typeof(startTime), "
-                        "endTime, totalPasses, specId, scriptGuid FROM ScriptRuns ORDER BY scriptId"),
-              (Rows{{"1", "7", "NAME", "RESULT", "100", "integer", "<NULL>", "3", "1", "GUID-1"},
-                    {"2", "7", "N2", "R2", "200", "integer", "<NULL>", "4", "1", "GUID-2"},
-                    {"3", "8", "N3", "R3", "300", "integer", "<NULL>", "5", "2", "GUID-3"}}));
+    EXPECT_EQ(
+        raw.query("SELECT scriptId, appId, name, result, startTime, typeof(startTime), "
+                  "endTime, totalPasses, specId, scriptGuid FROM ScriptRuns ORDER BY scriptId"),
+        (Rows{{"1", "7", "NAME", "RESULT", "100", "integer", "<NULL>", "3", "1", "GUID-1"},
+              {"2", "7", "N2", "R2", "200", "integer", "<NULL>", "4", "1", "GUID-2"},
+              {"3", "8", "N3", "R3", "300", "integer", "<NULL>", "5", "2", "GUID-3"}}));
 
     store.logScriptFinished(2, "PA'SS", at(250));
     store.setScriptName(1, "renamed");
     store.setScriptResult(3, "FAIL");
-    EXPECT_EQ(raw.query("SELECT name, result, endTime FROM ScriptRuns ORDER BY scriptId"),
-              (Rows{{"renamed", "RESULT", "<NULL>"}, {"N2", "PA'SS", "250"}, {"N3", "FAIL", "<NULL>"}}));
+    EXPECT_EQ(
+        raw.query("SELECT name, result, endTime FROM ScriptRuns ORDER BY scriptId"),
+        (Rows{{"renamed", "RESULT", "<NULL>"}, {"N2", "PA'SS", "250"}, {"N3", "FAIL", "<NULL>"}}));
 }
 
 TEST_F(EventDataStoreTest, NonPositiveInsertIdsGiveEmptyOrZeroResults) {
@@ -464,9 +539,10 @@ TEST_F(EventDataStoreTest, NonPositiveInsertIdsGiveEmptyOrZeroResults) {
     {
         // Rows imported with negative ids make SQLite hand out the next id below 1.
         test::RawDb raw(m_path);
-        raw.exec("INSERT INTO ApplicationRuns (appId, name) VALUES(-10, 'imported');"
-                 "INSERT INTO ScriptSpecs (specId, scriptXml) VALUES(-10, '<old/>');"
-                 "INSERT INTO TestRuns (testId, testName) VALUES(-10, 'imported');");
+        raw.exec(
+            "INSERT INTO ApplicationRuns (appId, name) VALUES(-10, 'imported');"
+            "INSERT INTO ScriptSpecs (specId, scriptXml) VALUES(-10, '<old/>');"
+            "INSERT INTO TestRuns (testId, testName) VALUES(-10, 'imported');");
     }
     EXPECT_EQ(store.logAppStart("a", "b", "c", at(1)), boost::none);
 
@@ -540,8 +616,8 @@ TEST_F(EventDataStoreTest, SeveralProcessesOpenAndLogOneNewFileTogether) {
     std::vector<std::thread> threads;
     for (int i = 0; i < processes; ++i) {
         threads.emplace_back([&, i] {
-            status[i] = test::runProcess({CHILD_PATH, m_path, start, std::to_string(perProcess),
-                                          "p" + std::to_string(i)});
+            status[i] = test::runProcess(
+                {CHILD_PATH, m_path, start, std::to_string(perProcess), "p" + std::to_string(i)});
         });
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));

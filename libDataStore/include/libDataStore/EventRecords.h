@@ -3,9 +3,8 @@
 // The records the event store hands back: one value per database row. They hold no reference
 // to the store or to the database once built; copies are independent.
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
 
 #include <chrono>
 #include <ratio>
