@@ -21,6 +21,8 @@
 
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/EventDataStore.h>
+#include <libDataStore/EventRecords.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>

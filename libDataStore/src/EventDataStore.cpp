@@ -1,0 +1,804 @@
+#include <libCommon/Exception.h>
+#include <libCommon/HashTable.h>
+#include <libCommon/Logger.h>
+#include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
+#include <libCommon/SprintfFormat.h>
+#include <libCommon/ZRNValue.h>
+#include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/EventDataStore.h>
+#include <libDataStore/SQLiteDataStore.h>
+
+#include "EventStoreText.h"
+#include "ModuleState.h"
+#include "SqlText.h"
+
+namespace zrn {
+
+using LoggerPriority::ERROR;
+using LoggerPriority::NOTICE;
+using LoggerPriority::TRACE;
+
+namespace {
+
+// ---- Schema ------------------------------------------------------------------------------
+
+int const kCurrentVersion = 3;
+
+SQLiteDataStoreColumnSpec const kVersioning[] = {{"version", "INTEGER PRIMARY KEY"},
+                                                 {nullptr, nullptr}};
+
+// The two time columns are TEXT here and INTEGER everywhere else; files in the field have it
+// so, and other programs read them.
+SQLiteDataStoreColumnSpec const kApplicationRuns[] = {{"appId", "INTEGER PRIMARY KEY"},
+                                                      {"name", "TEXT"},
+                                                      {"typeOfRun", "TEXT"},
+                                                      {"userName", "TEXT"},
+                                                      {"startTime", "TEXT"},
+                                                      {"endTime", "TEXT"},
+                                                      {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kScriptRuns[] = {{"scriptId", "INTEGER PRIMARY KEY"},
+                                                 {"appId", "INTEGER"},
+                                                 {"name", "TEXT"},
+                                                 {"result", "TEXT"},
+                                                 {"startTime", "INTEGER"},
+                                                 {"endTime", "INTEGER"},
+                                                 {"totalPasses", "INTEGER"},
+                                                 {"specId", "INTEGER"},
+                                                 {"scriptGuid", "TEXT"},
+                                                 {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kScriptSpecs[] = {
+    {"specId", "INTEGER PRIMARY KEY"}, {"scriptXml", "TEXT"}, {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kTestRuns[] = {{"testId", "INTEGER PRIMARY KEY"},
+                                               {"scriptId", "INTEGER"},
+                                               {"testName", "TEXT"},
+                                               {"deviceName", "TEXT"},
+                                               {"result", "TEXT"},
+                                               {"startTime", "INTEGER"},
+                                               {"endTime", "INTEGER"},
+                                               {"testGuid", "TEXT"},
+                                               {"deviceGuid", "TEXT"},
+                                               {"deviceType", "TEXT"},
+                                               {"pass", "INTEGER"},
+                                               {"errorCode", "TEXT"},
+                                               {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kTestRunEvents[] = {
+    {"testId", "INTEGER"}, {"message", "TEXT"},           {"type", "TEXT"},
+    {"eventCode", "TEXT"}, {"customerEventCode", "TEXT"}, {"dateTime", "INTEGER"},
+    {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kTestRunTips[] = {
+    {"testId", "INTEGER"}, {"key", "TEXT"},           {"type", "TEXT"},        {"title", "TEXT"},
+    {"text", "TEXT"},      {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}, {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kAlertTips[] = {
+    {"alertId", "INTEGER"}, {"key", "TEXT"},           {"type", "TEXT"},        {"title", "TEXT"},
+    {"text", "TEXT"},       {"extended_text", "TEXT"}, {"dateTime", "INTEGER"}, {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kAlertKeyValues[] = {
+    {"alertId", "INTEGER"}, {"key", "TEXT"}, {"value", "TEXT"}, {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kScriptletRuns[] = {
+    {"appId", "INTEGER"}, {"scriptletKey", "TEXT"}, {"category", "TEXT"}, {"result", "TEXT"},
+    {"status", "TEXT"},   {"dateTime", "INTEGER"},  {nullptr, nullptr}};
+
+// `tracked` defaults to 1, yet new alerts are always written with 0 (untracked).
+SQLiteDataStoreColumnSpec const kAlerts[] = {
+    {"appId", "INTEGER"},   {"guid", "TEXT"},        {"key", "TEXT"},
+    {"type", "TEXT"},       {"title", "TEXT"},       {"message", "TEXT"},
+    {"deviceName", "TEXT"}, {"dateTime", "INTEGER"}, {"tracked", "INTEGER DEFAULT 1"},
+    {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kProfilerDiffs[] = {{"diffId", "INTEGER PRIMARY KEY"},
+                                                    {"appId", "INTEGER"},
+                                                    {"category", "TEXT"},
+                                                    {"dateTime", "INTEGER"},
+                                                    {"numberOfChanges", "TEXT"},
+                                                    {"serializedDiff", "TEXT"},
+                                                    {nullptr, nullptr}};
+
+SQLiteDataStoreColumnSpec const kMeasurements[] = {{"type", "TEXT"},
+                                                   {"spanStartTime", "INTEGER"},
+                                                   {"spanEndTime", "INTEGER"},
+                                                   {"spanMiddleTime", "INTEGER"},
+                                                   {"maximum", "REAL"},
+                                                   {"minimum", "REAL"},
+                                                   {"average", "REAL"},
+                                                   {"median", "REAL"},
+                                                   {"numberOfSamples", "INTEGER"},
+                                                   {nullptr, nullptr}};
+
+// One index of the store. A unique index spans `column` and `column2`; an ordinary one has
+// `direction` ("ASC", "DESC" or "", the last giving a name that ends in a blank).
+struct IndexSpec {
+    char const* table;
+    char const* column;
+    char const* direction;
+    char const* column2;  // non-null for a unique index
+};
+
+IndexSpec const kIndexes[] = {
+    {"ApplicationRuns", "startTime", "ASC", nullptr},
+    {"ApplicationRuns", "startTime", "DESC", nullptr},
+    {"ApplicationRuns", "endTime", "ASC", nullptr},
+    {"ApplicationRuns", "endTime", "DESC", nullptr},
+    {"ScriptRuns", "appId", nullptr, "scriptId"},
+    {"ScriptRuns", "startTime", "ASC", nullptr},
+    {"ScriptRuns", "startTime", "DESC", nullptr},
+    {"ScriptRuns", "endTime", "ASC", nullptr},
+    {"ScriptRuns", "endTime", "DESC", nullptr},
+    {"TestRuns", "scriptId", nullptr, "testId"},
+    {"TestRuns", "startTime", "ASC", nullptr},
+    {"TestRuns", "startTime", "DESC", nullptr},
+    {"TestRuns", "endTime", "ASC", nullptr},
+    {"TestRuns", "endTime", "DESC", nullptr},
+    {"TestRuns", "testGuid", "", nullptr},
+    {"TestRuns", "deviceGuid", "", nullptr},
+    {"TestRunEvents", "testId", "", nullptr},
+    {"TestRunEvents", "dateTime", "ASC", nullptr},
+    {"TestRunEvents", "dateTime", "DESC", nullptr},
+    {"TestRunTips", "testId", "", nullptr},
+    {"TestRunTips", "dateTime", "ASC", nullptr},
+    {"TestRunTips", "dateTime", "DESC", nullptr},
+    {"AlertTips", "alertId", "", nullptr},
+    {"AlertTips", "dateTime", "ASC", nullptr},
+    {"AlertTips", "dateTime", "DESC", nullptr},
+    {"AlertKeyValues", "alertId", "", nullptr},
+    {"ScriptletRuns", "appId", "", nullptr},
+    {"ScriptletRuns", "dateTime", "ASC", nullptr},
+    {"ScriptletRuns", "dateTime", "DESC", nullptr},
+    {"Alerts", "appId", "", nullptr},
+    {"Alerts", "guid", "", nullptr},
+    {"Alerts", "dateTime", "ASC", nullptr},
+    {"Alerts", "dateTime", "DESC", nullptr},
+    {"Measurements", "spanMiddleTime", "ASC", nullptr},
+};
+
+String indexStatement(IndexSpec const& index) {
+    if (index.column2) {
+        return SprintfFormat("CREATE UNIQUE INDEX IF NOT EXISTS '%s-%s' ON `%s` (`%s`, `%s`)",
+                             index.column, index.column2, index.table, index.column, index.column2);
+    }
+    // The empty first argument leaves two blanks after CREATE, and an empty direction leaves
+    // a name ending in a blank: the names in existing files were made this way, and
+    // "IF NOT EXISTS" only recognises them if they are spelled identically.
+    return SprintfFormat("CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "",
+                         index.table, index.column, index.direction, index.table, index.column,
+                         index.direction);
+}
+
+Logger* defectLogger() {
+    // Fetched on every use, as every data-defect report of the library does.
+    Logger* logger = nullptr;
+    LogFactory::createLogger("DEFECT.GENERIC", logger);
+    return logger;
+}
+
+void logDefect(char const* message, long long id) {
+    logAt(defectLogger(), ERROR, [&] { return LoggerStream() + message + id; });
+}
+
+boost::optional<long long> positiveId(long long id) {
+    if (id >= 1) return id;
+    return boost::none;
+}
+
+}  // namespace
+
+namespace eventsql {
+
+String insertStatement(char const* table, char const* columns,
+                       std::initializer_list<String> values) {
+    std::string text = SprintfFormat("INSERT INTO %s (", table).str();
+    text += columns;
+    text += ") VALUES(";
+    bool first = true;
+    for (String const& value : values) {
+        if (!first) text += module::comma().str();
+        first = false;
+        text += value.str();
+    }
+    text += ");";
+    return String(std::move(text));
+}
+
+}  // namespace eventsql
+
+Logger* EventDataStore::logger() {
+    static Logger* const instance = [] {
+        Logger* created = nullptr;
+        LogFactory::createLogger("libDataStore.EventDataStore", created);
+        return created;
+    }();
+    return instance;
+}
+
+// ---- Lifecycle ---------------------------------------------------------------------------
+
+EventDataStore::EventDataStore() : EventDataStore(DataStoreSettings::eventDataStoreFilePath()) {}
+
+EventDataStore::EventDataStore(String const& path) : m_dataStorePath(path) {
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "480 " + "EventDataStore(" + path +
+               ") this: " + static_cast<void const*>(this);
+    });
+    createDataStores();
+}
+
+// The source's path is deliberately not copied: the copy opens the runtime's private
+// temporary database instead of a second connection to the source's file.
+EventDataStore::EventDataStore(EventDataStore const& /*other*/) { createDataStores(); }
+
+EventDataStore::~EventDataStore() {
+    try {
+        logAt(logger(), TRACE, [&] {
+            return LoggerStream() + "620 " +
+                   "~EventDataStore() this: " + static_cast<void const*>(this);
+        });
+        close();
+    } catch (...) {
+        // A destructor must not throw; the connection is released with the tables anyway.
+    }
+    // The members then go in reverse declaration order: the path, then Measurements first
+    // and Versioning last.
+}
+
+std::shared_ptr<EventDataStore> EventDataStore::create(String const& path) noexcept {
+    try {
+        return std::make_shared<EventDataStore>(path);
+    } catch (Exception const& e) {
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + "488 " +
+                       "Error occurred attempting to create EventDataStore from file path: '" +
+                       path + "': " + e.getMessage();
+            });
+        } catch (...) {
+        }
+    } catch (...) {
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + "490 " +
+                       "General failure attempting to create EventDataStore from file path: '" +
+                       path + "'";
+            });
+        } catch (...) {
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
+    String path;
+    try {
+        path = DataStoreSettings::eventDataStoreFilePath();
+    } catch (Exception const& e) {
+        try {
+            // The text names the appstate store; other tools match on it as it stands.
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + "500 " +
+                       "Failure attempting to retrieve the appstate datastore path: " +
+                       e.getMessage();
+            });
+        } catch (...) {
+        }
+        return nullptr;
+    } catch (...) {
+        return nullptr;
+    }
+    return create(path);
+}
+
+void EventDataStore::createDataStores() {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+
+    Database database(new SQLite3Database(m_dataStorePath, SQLiteDataStore::dbSyncMode()));
+    // Should anything below throw, the transaction is left open and the connection is closed
+    // as the partly built store unwinds, which rolls the whole of it back.
+    database->execute("BEGIN TRANSACTION");
+
+    m_versionDataStore.reset(new SQLiteDataStore(database, "Versioning", kVersioning));
+    int const version = getVersionUnlocked();
+    if (version == -1) {
+        database->execute(SprintfFormat("INSERT OR IGNORE INTO %s (%s) values (%i)", "Versioning",
+                                        "version", kCurrentVersion));
+    } else {
+        if (version < kCurrentVersion) {
+            logAt(logger(), NOTICE, [] {
+                return LoggerStream() + "546 " + "Updating ScriptRuns table to version 3";
+            });
+            // "STRING", not "TEXT": the type files upgraded in the field carry.
+            database->execute(
+                SprintfFormat("ALTER TABLE %s ADD COLUMN %s STRING;", "ScriptRuns", "scriptGuid"));
+        }
+        // A file of a later version is written back to 3 as well.
+        database->execute(
+            SprintfFormat("UPDATE %s SET %s = %i", "Versioning", "version", kCurrentVersion));
+    }
+
+    m_appDataStore.reset(new SQLiteDataStore(database, "ApplicationRuns", kApplicationRuns));
+    m_scriptDataStore.reset(new SQLiteDataStore(database, "ScriptRuns", kScriptRuns));
+    m_scriptSpecDataStore.reset(new SQLiteDataStore(database, "ScriptSpecs", kScriptSpecs));
+    m_testRunDataStore.reset(new SQLiteDataStore(database, "TestRuns", kTestRuns));
+    m_eventDataStore.reset(new SQLiteDataStore(database, "TestRunEvents", kTestRunEvents));
+    m_testRunTipsDataStore.reset(new SQLiteDataStore(database, "TestRunTips", kTestRunTips));
+    m_scriptletDataStore.reset(new SQLiteDataStore(database, "ScriptletRuns", kScriptletRuns));
+    m_alertDataStore.reset(new SQLiteDataStore(database, "Alerts", kAlerts));
+    m_alertKeyValueDataStore.reset(
+        new SQLiteDataStore(database, "AlertKeyValues", kAlertKeyValues));
+    m_alertTipsDataStore.reset(new SQLiteDataStore(database, "AlertTips", kAlertTips));
+    m_profilerDiffDataStore.reset(new SQLiteDataStore(database, "ProfilerDiffs", kProfilerDiffs));
+    m_measurementDataStore.reset(new SQLiteDataStore(database, "Measurements", kMeasurements));
+
+    for (IndexSpec const& index : kIndexes) database->execute(indexStatement(index));
+
+    database->execute("END TRANSACTION");
+}
+
+int EventDataStore::getVersionUnlocked() const {
+    // REQUIRES: caller holds the "event_store" mutex.
+    if (m_versionDataStore->count("", "") == 0) return -1;
+    String value;
+    m_versionDataStore->cellDataAtIndex(0, value, "version", "", "");
+    if (value.empty()) return -1;
+    return String::strToInt(value, 10);
+}
+
+int EventDataStore::getVersion() const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return getVersionUnlocked();
+}
+
+bool EventDataStore::checkValidity(String& error) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    // Versioning, ScriptSpecs, AlertKeyValues, ScriptletRuns and Measurements are not asked:
+    // they share the one connection with the tables that are.
+    struct Checked {
+        char const* member;
+        SQLiteDataStore const* table;
+    };
+    Checked const checked[] = {
+        {"m_appDataStore: ", m_appDataStore.get()},
+        {"m_testRunDataStore: ", m_testRunDataStore.get()},
+        {"m_eventDataStore: ", m_eventDataStore.get()},
+        {"m_testRunTipsDataStore: ", m_testRunTipsDataStore.get()},
+        {"m_alertTipsDataStore: ", m_alertTipsDataStore.get()},
+        {"m_scriptDataStore: ", m_scriptDataStore.get()},
+        {"m_alertDataStore: ", m_alertDataStore.get()},
+        {"m_profilerDiffDataStore: ", m_profilerDiffDataStore.get()},
+    };
+    for (Checked const& c : checked) {
+        String tableError;
+        if (!c.table->checkValidity(tableError)) {
+            error = c.member + tableError;
+            return false;
+        }
+    }
+    return true;
+}
+
+void EventDataStore::close() {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    // Versioning and AlertKeyValues are skipped; they share the connection closed here.
+    SQLiteDataStore* const tables[] = {
+        m_appDataStore.get(),          m_scriptDataStore.get(),      m_scriptSpecDataStore.get(),
+        m_testRunDataStore.get(),      m_eventDataStore.get(),       m_testRunTipsDataStore.get(),
+        m_alertTipsDataStore.get(),    m_scriptletDataStore.get(),   m_alertDataStore.get(),
+        m_profilerDiffDataStore.get(), m_measurementDataStore.get(),
+    };
+    for (SQLiteDataStore* table : tables) {
+        if (table) table->close();
+    }
+}
+
+// ---- Run logging -------------------------------------------------------------------------
+
+bool EventDataStore::updateExisting(SQLiteDataStore& table, char const* idColumn, long long id,
+                                    std::vector<std::pair<char const*, String>> const& columns,
+                                    char const* missingMessage) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    String const idText = sql::number(id);
+    if (!table.contains(idColumn, idText)) {
+        if (missingMessage) logDefect(missingMessage, id);
+        return false;
+    }
+    HashTable<String, String> row;
+    row.insert(idColumn, idText);
+    for (auto const& column : columns) row.insert(column.first, column.second);
+    table.update(row, idColumn, idText);
+    return true;
+}
+
+boost::optional<long long> EventDataStore::logAppStart(String const& name, String const& userName,
+                                                       String const& typeOfRun,
+                                                       EventTimePoint start) {
+    String const statement = eventsql::insertStatement(
+        "ApplicationRuns", "name,userName,typeOfRun,startTime",
+        {sql::value(name), sql::value(userName), sql::value(typeOfRun), eventsql::seconds(start)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    SQLite3Database& database = *m_appDataStore->database();
+    database.execute(statement);
+    return positiveId(database.lastInsertId());
+}
+
+void EventDataStore::logAppStop(long long appId, EventTimePoint end) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_appDataStore, "appId", appId, {{"endTime", eventsql::seconds(end)}},
+                   "logAppStop() id does not exist: ");
+}
+
+void EventDataStore::setAppName(long long appId, String const& name) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_appDataStore, "appId", appId, {{"name", name}},
+                   "setAppName() id does not exist: ");
+}
+
+void EventDataStore::setAppUser(long long appId, String const& userName) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_appDataStore, "appId", appId, {{"userName", userName}},
+                   "setAppUser() id does not exist: ");
+}
+
+void EventDataStore::setTypeOfAppRun(long long appId, String const& typeOfRun) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_appDataStore, "appId", appId, {{"typeOfRun", typeOfRun}},
+                   "setTypeOfAppRun() id does not exist: ");
+}
+
+boost::optional<long long> EventDataStore::logScriptStart(long long appId, String const& result,
+                                                          String const& scriptGuid,
+                                                          String const& name, EventTimePoint start,
+                                                          unsigned int totalPasses,
+                                                          String const& scriptXml) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+
+    // Script texts are stored once and shared by every run of byte-identical XML.
+    String specIdText;
+    if (!m_scriptSpecDataStore->cellData("specId", specIdText, "scriptXml", scriptXml)) {
+        SQLite3Database& specs = *m_scriptSpecDataStore->database();
+        specs.execute(
+            eventsql::insertStatement("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
+        long long const specId = specs.lastInsertId();
+        // An engaged 0, not an empty optional: callers tell "no spec" from "no run" this way.
+        if (specId < 1) return 0LL;
+        specIdText = sql::number(specId);
+    }
+
+    // The first text goes to `result`, the second to `scriptGuid`, the third to `name`.
+    String const statement = eventsql::insertStatement(
+        "ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
+        {sql::number(appId), sql::value(result), sql::value(name), eventsql::seconds(start),
+         sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
+    SQLite3Database& database = *m_scriptDataStore->database();
+    database.execute(statement);
+    return positiveId(database.lastInsertId());
+}
+
+void EventDataStore::logScriptFinished(long long scriptId, String const& result,
+                                       EventTimePoint end) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_scriptDataStore, "scriptId", scriptId,
+                   {{"result", result}, {"endTime", eventsql::seconds(end)}},
+                   "logScriptFinished() id does not exist: ");
+}
+
+void EventDataStore::setScriptName(long long scriptId, String const& name) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"name", name}},
+                   "setScriptName() id does not exist: ");
+}
+
+void EventDataStore::setScriptResult(long long scriptId, String const& result) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"result", result}},
+                   "setScriptResult() id does not exist: ");
+}
+
+boost::optional<long long> EventDataStore::logTestStart(
+    long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
+    String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
+    unsigned int pass) {
+    String const statement = eventsql::insertStatement(
+        "TestRuns",
+        "scriptId,testName,deviceName,testGuid,deviceGuid,deviceType,result,startTime,pass",
+        {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
+         sql::value(deviceGuid), sql::value(deviceType), sql::value(result),
+         eventsql::seconds(start), sql::number(pass)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    SQLite3Database& database = *m_testRunDataStore->database();
+    database.execute(statement);
+    return positiveId(database.lastInsertId());
+}
+
+boost::optional<long long> EventDataStore::logTestInitializing(
+    long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
+    String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
+    unsigned int pass) {
+    return logTestStart(scriptId, testName, deviceName, testGuid, deviceGuid, deviceType, result,
+                        start, pass);
+}
+
+bool EventDataStore::logTestInitialized(long long testId, String const& result,
+                                        EventTimePoint start) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    if (updateExisting(*m_testRunDataStore, "testId", testId,
+                       {{"result", result}, {"startTime", eventsql::seconds(start)}}, nullptr)) {
+        return true;
+    }
+    // Unlike the other updates, reported on the store's own logger and to the caller.
+    logAt(logger(), ERROR, [&] {
+        return LoggerStream() + "932 " + "logTestInitialized() test id: " + testId +
+               " does not exist";
+    });
+    return false;
+}
+
+void EventDataStore::logTestFinished(long long testId, String const& result,
+                                     String const& errorCode, EventTimePoint end) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    updateExisting(
+        *m_testRunDataStore, "testId", testId,
+        {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
+        "logTestFinished() id does not exist: ");
+}
+
+void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
+                                     String const& eventCode, String const& customerEventCode,
+                                     EventTimePoint time) {
+    HashTable<String, String> row;
+    row.insert("testId", sql::number(testId));
+    row.insert("message", message);
+    row.insert("type", type);
+    row.insert("eventCode", eventCode);
+    row.insert("customerEventCode", customerEventCode);
+    row.insert("dateTime", eventsql::seconds(time));
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_eventDataStore->append(row);
+}
+
+void EventDataStore::logTestRunTip(long long testId, String const& key, String const& type,
+                                   String const& title, String const& text,
+                                   String const& extendedText, EventTimePoint time) {
+    HashTable<String, String> row;
+    row.insert("testId", sql::number(testId));
+    row.insert("key", key);
+    row.insert("type", type);
+    row.insert("title", title);
+    row.insert("text", text);
+    row.insert("extended_text", extendedText);
+    row.insert("dateTime", eventsql::seconds(time));
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_testRunTipsDataStore->append(row);
+}
+
+// ---- Alerts ------------------------------------------------------------------------------
+
+namespace eventsql {
+
+long long findAlert(SQLite3Database& database, String const& guid, bool withKeyValues,
+                    bool trackedOnly) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    // The doubled blanks after the aliases come from the pieces the statement is made of.
+    std::string statement = "SELECT a.rowid FROM ";
+    sql::appendIdentifier(statement, "Alerts");
+    statement += " a  WHERE a.";
+    sql::appendIdentifier(statement, "guid");
+    statement += " = ";
+    sql::appendValue(statement, guid);
+    if (trackedOnly) {
+        statement += " AND a.";
+        sql::appendIdentifier(statement, "tracked");
+        statement += " = 1";
+    }
+    if (withKeyValues) {
+        statement += " AND EXISTS (SELECT 1 FROM ";
+        sql::appendIdentifier(statement, "AlertKeyValues");
+        statement += " kv  WHERE kv.";
+        sql::appendIdentifier(statement, "alertId");
+        statement += " = a.rowid)";
+    }
+    ResultSet result;
+    database.execute(String(std::move(statement)), &result);
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
+    String const& cell = result.row(0).columnValue(0);
+    if (cell.empty()) return -1;
+    return String::strToInt64(cell, 10);
+}
+
+}  // namespace eventsql
+
+void EventDataStore::storeAlertKeyValues(long long alertId,
+                                         std::vector<std::pair<String, String>> const& keyValues) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    SQLite3Database& database = *m_alertKeyValueDataStore->database();
+    String const id = sql::number(alertId);
+    for (auto const& kv : keyValues) {
+        database.execute(
+            eventsql::insertStatement("AlertKeyValues", "alertId,key,value",
+                                      {id, sql::value(kv.first), sql::value(kv.second)}));
+    }
+}
+
+void EventDataStore::logAlertUnlocked(AlertData const& alert) {
+    // REQUIRES: caller holds the "event_store" mutex.
+    SQLite3Database& database = *m_alertDataStore->database();
+    if (!alert.guid.empty()) {
+        long long const existing = eventsql::findAlert(database, alert.guid, false, false);
+        if (existing != -1) {
+            // A stored alert is never stored again; it only gains key/values it lacks.
+            if (alert.keyValues.empty()) return;
+            if (eventsql::findAlert(database, alert.guid, true, false) != -1) return;
+            storeAlertKeyValues(existing, alert.keyValues);
+            return;
+        }
+    }
+
+    HashTable<String, String> row;
+    row.insert("appId", sql::number(alert.appId));
+    row.insert("guid", alert.guid);
+    row.insert("key", alert.key);
+    row.insert("type", alert.type);
+    row.insert("title", alert.title);
+    row.insert("message", alert.message);
+    row.insert("deviceName", alert.deviceName);
+    row.insert("dateTime", eventsql::seconds(alert.time));
+    // Written although the column defaults to 1: a new alert is not tracked yet.
+    row.insert("tracked", "0");
+    m_alertDataStore->append(row);
+    long long const alertId = database.lastInsertId();
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "1224 " + "logAlerts() guid: " + alert.guid +
+               " addedid: " + alertId;
+    });
+
+    storeAlertKeyValues(alertId, alert.keyValues);
+    String const id = sql::number(alertId);
+    for (TipResultLog const& tip : alert.tips) {
+        HashTable<String, String> tipRow;
+        tipRow.insert("alertId", id);
+        tipRow.insert("key", tip.key());
+        tipRow.insert("type", tip.type());
+        tipRow.insert("title", tip.title());
+        tipRow.insert("text", tip.text());
+        tipRow.insert("extended_text", tip.extendedText());
+        tipRow.insert("dateTime", eventsql::seconds(tip.timeStamp()));
+        m_alertTipsDataStore->append(tipRow);
+    }
+}
+
+bool EventDataStore::logAlertsInTransaction(AlertData const* alerts, std::size_t count,
+                                            char const* failure) {
+    // Taken outside the try: the rollback below must still run under the mutex.
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    SQLite3Database& database = *m_alertDataStore->database();
+    try {
+        database.execute("BEGIN");
+        for (std::size_t i = 0; i < count; ++i) logAlertUnlocked(alerts[i]);
+        database.execute("COMMIT");
+        return true;
+    } catch (Exception const& e) {
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + failure + e.toString() + " rolling back transaction.";
+            });
+        } catch (...) {
+        }
+        try {
+            database.execute("ROLLBACK");
+        } catch (Exception const&) {
+            // No transaction left to roll back: BEGIN itself failed, SQLite already rolled
+            // back after the error, or the connection is closed.
+        }
+        return false;
+    } catch (...) {
+        // Not a failure this operation reports; still, never leave the connection inside an
+        // open transaction that every later statement would join.
+        try {
+            database.execute("ROLLBACK");
+        } catch (...) {
+        }
+        throw;
+    }
+}
+
+bool EventDataStore::logAlert(AlertData const& alert) {
+    return logAlertsInTransaction(&alert, 1, "1279 logAlert() failed on: ");
+}
+
+bool EventDataStore::logAlerts(std::vector<AlertData> const& alerts) {
+    return logAlertsInTransaction(alerts.data(), alerts.size(), "1262 logAlerts() failed on: ");
+}
+
+bool EventDataStore::alertExists(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, false) != -1;
+}
+
+bool EventDataStore::alertExistsWithKeyVals(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, true, false) != -1;
+}
+
+bool EventDataStore::alertTracked(String const& guid) const {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, true) != -1;
+}
+
+void EventDataStore::markAlertAsTracked(String const& guid) {
+    String const statement = "UPDATE " + sql::identifier("Alerts") + " SET " +
+                             sql::identifier("tracked") + " = 1" + " WHERE " +
+                             sql::identifier("guid") + " = " + sql::value(guid);
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_alertDataStore->database()->execute(statement);
+}
+
+EventTimePoint EventDataStore::firstAlert() const {
+    ResultSet result;
+    query(SprintfFormat("SELECT min(%s) FROM %s WHERE %s > 0", "dateTime", "Alerts", "dateTime"),
+          result);
+    // An empty table gives an empty cell, read as the zero point.
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return EventTimePoint();
+    return eventsql::timePoint(result.row(0).columnValue(0));
+}
+
+// ---- Scriptlet results, profiler diffs, measurements -------------------------------------
+
+void EventDataStore::logScriptletResult(long long appId, String const& key, String const& category,
+                                        String const& result, String const& status,
+                                        EventTimePoint time) {
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    // The key goes into this look-up as it is, quotes not doubled, as other programs reading
+    // the same file do it; a key with a quote fails here rather than being matched loosely.
+    String const latest = SprintfFormat(
+        "SELECT max(`%s`), `%s` FROM `%s` WHERE `%s`= '%s' AND `%s`= %lli", "dateTime", "result",
+        "ScriptletRuns", "scriptletKey", key.c_str(), "appId", appId);
+    ResultSet found;
+    m_scriptletDataStore->database()->execute(latest, &found);
+    // Without an earlier result the cell is empty, so an empty result is not recorded either.
+    String previous;
+    if (found.rowCount() > 0 && found.row(0).columnCount() > 0) {
+        previous = found.row(0).columnValue(1);
+    }
+    if (previous == result) return;
+
+    HashTable<String, String> row;
+    row.insert("appId", sql::number(appId));
+    row.insert("scriptletKey", key);
+    row.insert("category", category);
+    row.insert("result", result);
+    row.insert("status", status);
+    row.insert("dateTime", eventsql::seconds(time));
+    m_scriptletDataStore->append(row);
+}
+
+void EventDataStore::logProfilerDiff(long long appId, String const& category, long long time,
+                                     unsigned int numberOfChanges, String const& serializedDiff) {
+    String const statement = eventsql::insertStatement(
+        "ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
+        {sql::number(appId), sql::value(category), sql::number(time),
+         ZRNValue(numberOfChanges).toString(ZRNValue::nilValue()), sql::value(serializedDiff)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_profilerDiffDataStore->database()->execute(statement);
+}
+
+void EventDataStore::logMeasurement(String const& type, unsigned int spanStartTime,
+                                    unsigned int spanMiddleTime, unsigned int spanEndTime,
+                                    double maximum, double minimum, double average, double median,
+                                    unsigned int numberOfSamples) {
+    auto const number = [](ZRNValue value) { return value.toString(ZRNValue::nilValue()); };
+    String const statement = eventsql::insertStatement(
+        "Measurements",
+        "type,spanStartTime,spanMiddleTime,spanEndTime,maximum,minimum,average,median,"
+        "numberOfSamples",
+        {sql::value(type), number(spanStartTime), number(spanMiddleTime), number(spanEndTime),
+         number(maximum), number(minimum), number(average), number(median),
+         number(numberOfSamples)});
+    AutoGlobalMutex lock(module::eventStoreMutex());
+    m_measurementDataStore->database()->execute(statement);
+}
+
+}  // namespace zrn
