@@ -4,11 +4,20 @@
 
 #include <libCommon/DateTime.h>
 #include <libCommon/FileSystem.h>
+#include <libCommon/Logger.h>
+#include <libCommon/Resource.h>
+#include <libCommon/SQLite3Database.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <system_error>
 
 namespace datastore {
+
+// ---- Store locations
 
 char const* fileNameOf(Store store) {
     switch (store) {
@@ -20,51 +29,97 @@ char const* fileNameOf(Store store) {
     return "";
 }
 
+std::string defaultFolder(Store store) {
+    std::string folder;
+    switch (store) {
+        case Store::AppState: folder = zrn::DataStoreSettings::appStateDataStorePath().str(); break;
+        case Store::General: folder = zrn::DataStoreSettings::generalDataStorePath().str(); break;
+        case Store::Event: folder = zrn::DataStoreSettings::eventDataStorePath().str(); break;
+        case Store::SoftwareDiag:
+            folder = zrn::DataStoreSettings::softwareDiagEventDataStorePath().str();
+            break;
+    }
+    std::error_code error;
+    if (std::filesystem::exists(folder, error) && !std::filesystem::is_directory(folder, error)) {
+        return folder + ".d";
+    }
+    return folder;
+}
+
 std::string storePath(Options const& options, Store store) {
     if (!options.file.empty()) return options.file;
-    if (!options.dir.empty()) {
-        return zrn::FileSystem::getAbsolutePath(options.dir, fileNameOf(store), true).str();
-    }
-    switch (store) {
-        case Store::AppState: return zrn::DataStoreSettings::appStateDataStoreFilePath().str();
-        case Store::General: return zrn::DataStoreSettings::generalDataStoreFilePath().str();
-        case Store::Event: return zrn::DataStoreSettings::eventDataStoreFilePath().str();
-        case Store::SoftwareDiag:
-            return zrn::DataStoreSettings::softwareDiagEventDataStoreFilePath().str();
-    }
-    return "";
+    std::string const folder = options.dir.empty() ? defaultFolder(store) : options.dir;
+    return zrn::FileSystem::getAbsolutePath(folder, fileNameOf(store), true).str();
 }
 
 std::string existingStorePath(Options const& options, Store store) {
     std::string const path = storePath(options, store);
     if (!zrn::FileSystem::exists(path)) {
-        throw ToolError(STORE, path + ": no such store (run 'datastore demo' or give --dir/--file)");
+        throw ToolError(STORE, path + ": no such store (nothing was created; record with "
+                                      "'datastore demo' or give --dir/--file)");
     }
     return path;
 }
+
+std::string recordingStorePath(Options const& options, Store store) {
+    std::string const path = storePath(options, store);
+    std::filesystem::path const folder = std::filesystem::path(path).parent_path();
+    std::error_code error;
+    if (!folder.empty() && !std::filesystem::is_directory(folder, error)) {
+        std::filesystem::create_directories(folder, error);
+        if (error) throw ToolError(STORE, folder.string() + ": cannot create the folder: " + error.message());
+    }
+    return path;
+}
+
+std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path) {
+    return openOrFail(path, [&] {
+        return std::make_unique<zrn::SQLite3Database>(
+            zrn::String(path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
+            zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
+    });
+}
+
+// ---- Times
 
 long long parseTime(std::string const& text, char const* option, bool endOfDay) {
     if (text.empty()) return 0;
     bool const allDigits = std::all_of(text.begin(), text.end(),
                                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
     if (allDigits && text.size() <= 18) return std::stoll(text);
-    zrn::DateTime const parsed{zrn::String(text)};
-    if (!parsed.isInitialized()) {
+
+    // A bare date as an upper bound means the whole day; asking for its last second lets
+    // DateTime settle a daylight-saving change on that day.
+    bool const dateOnly = text.size() == 10 && text[4] == '-' && text[7] == '-';
+    zrn::DateTime const parsed{zrn::String(dateOnly && endOfDay ? text + "T23:59:59" : text)};
+    if (!parsed.isInitialized() || parsed.unixTimeStamp() <= 0) {
         throw ToolError(USAGE, std::string(option) + ": cannot read '" + text +
                                    "' as a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
-                                   "optionally with an offset) or Unix seconds");
+                                   "optionally with an offset such as +01:00 or Z) or Unix seconds");
     }
-    bool const dateOnly = text.size() == 10;
-    return parsed.unixTimeStamp() + (dateOnly && endOfDay ? 86399 : 0);
+    return parsed.unixTimeStamp();
 }
 
-long long sinceSeconds(Options const& options) { return parseTime(options.since, "--since", false); }
+TimeRange timeRange(Options const& options) {
+    TimeRange range;
+    range.since = parseTime(options.since, "--since", false);
+    range.until = parseTime(options.until, "--until", true);
+    if (range.since > 0 && range.until > 0 && range.since > range.until) {
+        throw ToolError(USAGE, "--since '" + options.since + "' is after --until '" + options.until + "'");
+    }
+    return range;
+}
 
-long long untilSeconds(Options const& options) { return parseTime(options.until, "--until", true); }
+// ---- Options
+
+void addDirOption(CLI::App& command, Options& options) {
+    command.add_option("--dir", options.dir, "Folder of all stores (default: " +
+                                                 defaultFolder(Store::Event) + ")");
+}
 
 void addLocationOptions(CLI::App& command, Options& options) {
-    command.add_option("--dir", options.dir, "Folder of all stores (default: the library's own)");
-    command.add_option("--file", options.file, "One store file, instead of the one in --dir");
+    addDirOption(command, options);
+    command.add_option("--file", options.file, "This store file instead of the one in --dir");
 }
 
 void addJsonOption(CLI::App& command, Options& options) {
@@ -80,14 +135,19 @@ void addRangeOptions(CLI::App& command, Options& options) {
     command.add_option("--until", options.until, "Up to this date (whole day), date-time or Unix second");
 }
 
-}  // namespace datastore
+CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
+                        std::string const& description, std::string const& example,
+                        bool withRange, bool withLimit) {
+    CLI::App* command = parent.add_subcommand(name, description);
+    addLocationOptions(*command, options);
+    addJsonOption(*command, options);
+    if (withRange) addRangeOptions(*command, options);
+    if (withLimit) addLimitOption(*command, options);
+    command->footer("Example: " + example);
+    return command;
+}
 
-#include <libCommon/Logger.h>
-
-#include <cstdlib>
-#include <mutex>
-
-namespace datastore {
+// ---- Library log
 
 namespace {
 
@@ -97,26 +157,33 @@ public:
                zrn::String const& message) override {
         if (priority < zrn::LoggerPriority::ERROR) return;
         std::lock_guard<std::mutex> guard(m_mutex);
-        m_last = loggerName.str() + ": " + message.str();
+        // The first error is the cause; what fails after it is usually a consequence.
+        if (m_first.empty()) m_first = loggerName.str() + ": " + message.str();
     }
     std::string take() {
         std::lock_guard<std::mutex> guard(m_mutex);
-        return std::exchange(m_last, std::string());
+        return std::exchange(m_first, std::string());
     }
 
 private:
     std::mutex m_mutex;
-    std::string m_last;
+    std::string m_first;
 };
 
 LastErrorSink g_sink;
 bool g_quiet = false;
 
+bool logConfigured() {
+    if (std::getenv("ZRN_LOG_LEVEL") || std::getenv("ZRN_LOG_FILE")) return true;
+    zrn::String file;
+    return zrn::Resource::getSetting("log", "file", file, zrn::ZRNLocale::getGlobalLocale());
+}
+
 }  // namespace
 
 QuietLog::QuietLog() {
     // Somebody who configured logging wants to see it.
-    if (std::getenv("ZRN_LOG_LEVEL") || std::getenv("ZRN_LOG_FILE")) return;
+    if (logConfigured()) return;
     g_quiet = true;
     zrn::LogFactory::setPriority(zrn::LoggerPriority::ERROR);
     zrn::LogFactory::setSink(&g_sink);
@@ -126,10 +193,10 @@ QuietLog::~QuietLog() {
     if (g_quiet) zrn::LogFactory::setSink(nullptr);
 }
 
-std::string QuietLog::takeLastError() { return g_sink.take(); }
+std::string QuietLog::takeFirstError() { return g_sink.take(); }
 
 void storeFailure(std::string const& path, std::string const& what) {
-    std::string const cause = QuietLog::takeLastError();
+    std::string const cause = QuietLog::takeFirstError();
     throw ToolError(STORE, path + ": " + what + (cause.empty() ? "" : " (" + cause + ")"));
 }
 

@@ -3,10 +3,18 @@
 // What every subcommand shares: where the stores are, the common options, and the errors that
 // end the program with a given exit code.
 
+#include <libCommon/Exception.h>
+
 #include <CLI/CLI.hpp>
 
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+
+namespace zrn {
+class SQLite3Database;
+}
 
 namespace datastore {
 
@@ -25,42 +33,64 @@ private:
 enum class Store { AppState, General, Event, SoftwareDiag };
 
 struct Options {
-    std::string dir;   // the folder of all stores; empty: the library's default
+    std::string dir;   // the folder of all stores; empty: the default folder
     std::string file;  // one store file, overriding dir for the store a command uses
     bool json = false;
     long limit = 0;     // 0: no limit
-    std::string since;  // as given; parsed by sinceSeconds()
+    std::string since;  // as given; parsed by timeRange()
     std::string until;
 };
 
 // The file name of a store ("event.db", ...).
 char const* fileNameOf(Store store);
 
-// The path of a store's file: --file when given, else --dir + name, else the library's default.
+// The folder of a store when no --dir is given: the library's default folder
+// (DataStoreSettings, "<application directory>/datastore"). On systems without file
+// extensions that path is this very executable, "datastore", next to which no folder of the
+// same name can exist; the stores then live in "<application directory>/datastore.d".
+std::string defaultFolder(Store store);
+
+// The path of a store's file: --file when given, else --dir + name, else the default folder.
 std::string storePath(Options const& options, Store store);
 
 // The path, after checking that the file exists: inspection never creates a store.
+// Missing: ToolError(STORE).
 std::string existingStorePath(Options const& options, Store store);
 
-// --since / --until as Unix seconds; 0 when not given. Accepts ISO 8601 dates ("2026-11-23",
-// local midnight), date-times with or without an offset, and plain Unix seconds.
-// Bad text: ToolError(USAGE). An --until date without a time means the end of that day.
-long long sinceSeconds(Options const& options);
-long long untilSeconds(Options const& options);
+// For the commands that record: the path, after creating the folder it lives in (with its
+// parents) when missing. The stores never create their folder themselves.
+std::string recordingStorePath(Options const& options, Store store);
+
+// A read-only connection to an existing store file, for what no store operation reads
+// (application runs, table sizes). Never creates the file. Failure: ToolError(STORE).
+std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path);
+
+// --since / --until as Unix seconds, 0 for a bound not given. Accepts ISO 8601 dates
+// ("2026-11-23": local midnight for --since, the day's last second for --until), date-times
+// with or without an offset, and plain Unix seconds. Bad text, or --since after --until:
+// ToolError(USAGE).
+struct TimeRange {
+    long long since = 0;
+    long long until = 0;
+};
+TimeRange timeRange(Options const& options);
 long long parseTime(std::string const& text, char const* option, bool endOfDay);
 
 // Adds the options a subcommand understands.
-void addLocationOptions(CLI::App& command, Options& options);
+void addLocationOptions(CLI::App& command, Options& options);  // --dir, --file
+void addDirOption(CLI::App& command, Options& options);         // --dir only
 void addJsonOption(CLI::App& command, Options& options);
 void addLimitOption(CLI::App& command, Options& options);
 void addRangeOptions(CLI::App& command, Options& options);
 
-}  // namespace datastore
-
-namespace datastore {
+// A new subcommand of `parent` with the options every inspection shares: --dir, --file,
+// --json, and unless told otherwise --since/--until and --limit. `example` ends its --help.
+CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
+                        std::string const& description, std::string const& example,
+                        bool withRange = true, bool withLimit = true);
 
 // Keeps the library's log off the terminal (unless ZRN_LOG_LEVEL or ZRN_LOG_FILE ask for it)
-// and remembers the last error the library logged, so a failure can say why in one line.
+// and remembers the first error the library logged, so a failure can say why in one line.
 class QuietLog {
 public:
     QuietLog();
@@ -68,12 +98,23 @@ public:
     QuietLog(QuietLog const&) = delete;
     QuietLog& operator=(QuietLog const&) = delete;
 
-    // The last message logged at priority 4 since the last call, or "".
-    static std::string takeLastError();
+    // The first message logged at priority 4 since the last call, or "".
+    static std::string takeFirstError();
 };
 
 // Throws ToolError(STORE) naming the file and the cause; the cause is `what` followed by the
-// last error the library logged, when there is one.
+// first error the library logged, when there is one.
 [[noreturn]] void storeFailure(std::string const& path, std::string const& what);
+
+// Runs `open` (a store constructor, usually) and turns a library exception into a
+// ToolError naming the file.
+template <class Open>
+auto openOrFail(std::string const& path, Open&& open) -> decltype(open()) {
+    try {
+        return std::forward<Open>(open)();
+    } catch (zrn::Exception const& e) {
+        storeFailure(path, "cannot open: " + e.getMessage().str());
+    }
+}
 
 }  // namespace datastore

@@ -27,6 +27,11 @@ std::string displayText(Json const& value) {
     if (value.is_null()) return "";
     if (value.is_string()) return value.get<std::string>();
     if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
+    if (value.is_number_float()) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%.2f", value.get<double>());
+        return text;
+    }
     return value.dump();
 }
 
@@ -64,6 +69,21 @@ Json isoTime(long long unixSeconds) {
     return zrn::DateTime::fromUnixTimeStamp(unixSeconds).toLocalTime().toString().str();
 }
 
+Json timeCell(bool json, long long unixSeconds) {
+    return json ? isoTime(unixSeconds) : Json(localTime(unixSeconds));
+}
+
+Json tagged(char const* kind, Json record) {
+    Json out{{"record", kind}};
+    out.update(record);
+    return out;
+}
+
+void printSection(std::ostream& out, bool json, char const* title, RecordPrinter const& printer) {
+    if (!json) out << "\n" << title << "\n";
+    printer.print(out);
+}
+
 RecordPrinter::RecordPrinter(std::vector<Field> fields, bool json)
     : m_fields(std::move(fields)), m_json(json) {}
 
@@ -84,25 +104,28 @@ void RecordPrinter::print(std::ostream& out) const {
             auto const it = record.find(m_fields[c].key);
             std::string text = it == record.end() ? "" : displayText(*it);
             std::replace(text.begin(), text.end(), '\n', ' ');
+            std::replace(text.begin(), text.end(), '\t', ' ');
             widths[c] = std::max(widths[c], characters(text));
             row.push_back(std::move(text));
         }
         cells.push_back(std::move(row));
     }
 
-    // Shrink the widest column until the line fits; no column goes below its header or 8.
+    // Shrink the widest column that can still give until the line fits; no column goes below
+    // its header or 8 characters, so a very narrow terminal still gets readable, longer lines.
     std::size_t const limit = terminalWidth();
-    auto total = [&] {
-        std::size_t sum = columns ? 2 * (columns - 1) : 0;
-        for (auto w : widths) sum += w;
-        return sum;
-    };
-    while (limit > 0 && total() > limit) {
-        auto widest = std::max_element(widths.begin(), widths.end());
-        std::size_t const index = static_cast<std::size_t>(widest - widths.begin());
-        std::size_t const floor = std::max<std::size_t>(8, characters(m_fields[index].header));
-        if (*widest <= floor) break;
-        *widest = std::max(floor, *widest - std::min(*widest - floor, total() - limit));
+    std::vector<std::size_t> floors(columns);
+    for (std::size_t c = 0; c < columns; ++c) floors[c] = std::max<std::size_t>(8, characters(m_fields[c].header));
+    std::size_t total = columns ? 2 * (columns - 1) : 0;
+    for (auto w : widths) total += w;
+    for (; limit > 0 && total > limit; --total) {
+        std::size_t widest = columns;
+        for (std::size_t c = 0; c < columns; ++c) {
+            if (widths[c] > floors[c] && (widest == columns || widths[c] > widths[widest])) widest = c;
+        }
+        if (widest == columns) break;
+        // One character at a time, so the two widest columns end up sharing the cut.
+        --widths[widest];
     }
 
     auto line = [&](auto const& texts) {

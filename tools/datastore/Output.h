@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -36,7 +37,8 @@ private:
     std::vector<Json> m_records;
 };
 
-// Display text of a JSON value: strings as they are, numbers in decimal, null as "".
+// Display text of a JSON value: strings as they are, integers in decimal, other numbers with
+// two decimals, Booleans as yes/no, null as "".
 std::string displayText(Json const& value);
 
 // Width of the terminal on standard output, or 0 when it is not a terminal (no cutting then);
@@ -50,5 +52,14 @@ std::string fit(std::string const& text, std::size_t width);
 std::string localTime(long long unixSeconds);
 // Unix seconds as ISO 8601 with offset, local time; null for 0 or less.
 Json isoTime(long long unixSeconds);
+// A time cell: isoTime for JSON, localTime for people.
+Json timeCell(bool json, long long unixSeconds);
+
+// `record` led by the member "record": `kind`, for output that mixes kinds of records.
+Json tagged(char const* kind, Json record);
+
+// Writes the title of one section of a record made of several tables (a session, an
+// alert); JSON output has no titles, each object names its kind in "record" instead.
+void printSection(std::ostream& out, bool json, char const* title, RecordPrinter const& printer);
 
 }  // namespace datastore

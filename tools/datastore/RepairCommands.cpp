@@ -2,6 +2,8 @@
 
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
+#include <boost/optional.hpp>
+
 #include <iostream>
 #include <map>
 #include <memory>
@@ -20,9 +22,9 @@ struct RepairArgs {
 
 std::unique_ptr<zrn::SoftwareDiagEventDataStore> openStore(Options const& options, std::string& path) {
     path = existingStorePath(options, Store::SoftwareDiag);
-    auto store = std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path));
+    auto store = openOrFail(path, [&] { return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path)); });
     zrn::String error;
-    if (!store->checkValidity(error)) storeFailure(path, "cannot open: " + error.str());
+    if (!store->checkValidity(error)) storeFailure(path, "not usable: " + error.str());
     return store;
 }
 
@@ -31,21 +33,30 @@ zrn::TimeStamp bound(long long seconds) {
 }
 
 Json when(Options const& options, zrn::TimeStamp const& time) {
-    long long const seconds = time.isInitialized() ? time.getUnixTimeStamp() : 0;
-    return options.json ? isoTime(seconds) : Json(localTime(seconds));
+    return timeCell(options.json, time.isInitialized() ? time.getUnixTimeStamp() : 0);
 }
 
 void sessions(Options const& options, RepairArgs const& args) {
+    TimeRange const range = timeRange(options);
     std::string path;
     auto const store = openStore(options, path);
-    zrn::SessionList const list = store->getSessions(bound(sinceSeconds(options)), bound(untilSeconds(options)),
-                                                     !args.ascending, static_cast<int>(options.limit));
-    RecordPrinter printer({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}}, options.json);
+    zrn::SessionList const list = store->getSessions(bound(range.since), bound(range.until), !args.ascending,
+                                                     static_cast<int>(options.limit));
+    RecordPrinter printer({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"},
+                           {"issues", "ISSUES"}, {"fixActions", "FIX ACTIONS"}, {"restorePoint", "RESTORE POINT"}},
+                          options.json);
     for (unsigned i = 0; i < list.size(); ++i) {
         zrn::SessionLog const session = list.get(i);
+        Json restorePoint;
+        if (store->sessionHasFixTransaction(session)) {
+            restorePoint = store->getFixTransactionBySession(session).restorePointUuid().str();
+        }
         printer.add(Json{{"sessionId", session.sessionId()},
                          {"start", when(options, session.startTimeStamp())},
-                         {"end", when(options, session.endTimeStamp())}});
+                         {"end", when(options, session.endTimeStamp())},
+                         {"issues", store->getIssuesBySession(session, false, 0).size()},
+                         {"fixActions", store->getFixActionsBySession(session, false, 0).size()},
+                         {"restorePoint", restorePoint}});
     }
     printer.print(std::cout);
 }
@@ -60,9 +71,8 @@ void session(Options const& options, RepairArgs const& args) {
     zrn::SessionLog const session = found.get(0);
 
     // Human output: one table per kind of record. JSON: one object per record with its "record" kind.
-    auto section = [&](char const* title, RecordPrinter& printer) {
-        if (!options.json) std::cout << "\n" << title << "\n";
-        printer.print(std::cout);
+    auto section = [&](char const* title, RecordPrinter const& printer) {
+        printSection(std::cout, options.json, title, printer);
     };
 
     RecordPrinter sessionPrinter({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}},
@@ -81,13 +91,14 @@ void session(Options const& options, RepairArgs const& args) {
     RecordPrinter transactions({{"record", "KIND"}, {"id", "ID"}, {"restorePoint", "RESTORE POINT"},
                                 {"start", "STARTED"}, {"end", "ENDED"}},
                                options.json);
-    bool const hasRun = store->sessionHasRunTransaction(session);
-    zrn::RunTransactionLog const run = store->getRunTransactionBySession(session);
-    if (hasRun) {
-        transactions.add(Json{{"record", "runTransaction"}, {"id", run.runTransactionId()},
-                              {"sessionId", run.sessionId()}, {"restorePoint", nullptr},
-                              {"start", when(options, run.startTimeStamp())},
-                              {"end", when(options, run.endTimeStamp())}});
+    // The single-record getters stop the process when there is no match: ask first.
+    boost::optional<zrn::RunTransactionLog> run;
+    if (store->sessionHasRunTransaction(session)) run = store->getRunTransactionBySession(session);
+    if (run) {
+        transactions.add(Json{{"record", "runTransaction"}, {"id", run->runTransactionId()},
+                              {"sessionId", run->sessionId()}, {"restorePoint", nullptr},
+                              {"start", when(options, run->startTimeStamp())},
+                              {"end", when(options, run->endTimeStamp())}});
     }
     if (store->sessionHasFixTransaction(session)) {
         zrn::FixTransactionLog const fix = store->getFixTransactionBySession(session);
@@ -102,9 +113,9 @@ void session(Options const& options, RepairArgs const& args) {
     RecordPrinter diagnostics({{"softwareDiagnosticId", "ID"}, {"name", "DIAGNOSTIC"}, {"result", "RESULT"},
                                {"start", "STARTED"}, {"end", "ENDED"}, {"uuid", "UUID"}},
                               options.json);
-    if (hasRun) {
+    if (run) {
         zrn::SoftwareDiagnosticList const list =
-            store->getSoftwareDiagnosticsByRunTransaction(run, false, 0);
+            store->getSoftwareDiagnosticsByRunTransaction(*run, false, 0);
         for (unsigned i = 0; i < list.size(); ++i) {
             zrn::SoftwareDiagnosticLog const d = list.get(i);
             diagnostics.add(Json{{"record", "diagnostic"},
@@ -172,20 +183,15 @@ void session(Options const& options, RepairArgs const& args) {
 
 void addRepairCommands(CLI::App& app, Options& options) {
     static RepairArgs args;
-    CLI::App* list = app.add_subcommand("sessions", "Repair sessions (softwarediagevent.db), newest first");
-    addLocationOptions(*list, options);
-    addRangeOptions(*list, options);
-    addLimitOption(*list, options);
-    addJsonOption(*list, options);
+    CLI::App* list = addInspection(app, options, "sessions", "Repair sessions (softwarediagevent.db), newest first",
+                                   "datastore sessions --since 2026-11-01 --limit 10");
     list->add_flag("--oldest-first", args.ascending, "Oldest first");
-    list->footer("Example: datastore sessions --since 2026-11-01 --limit 10");
     list->callback([&options] { sessions(options, args); });
 
-    CLI::App* one = app.add_subcommand("session", "One whole repair session: transactions, diagnostics, issues, fix actions");
-    one->add_option("id", args.sessionId, "The session id")->required();
-    addLocationOptions(*one, options);
-    addJsonOption(*one, options);
-    one->footer("Example: datastore session 3 --json");
+    CLI::App* one = addInspection(app, options, "session",
+                                  "One whole repair session: transactions, diagnostics, issues, fix actions",
+                                  "datastore session 3 --json", false, false);
+    one->add_option("session-id", args.sessionId, "The session (see 'datastore sessions')")->required();
     one->callback([&options] { session(options, args); });
 }
 

@@ -18,10 +18,11 @@ struct StateArgs {
     std::string group;
 };
 
+// The store never throws: a failed opening only shows in its validity and in the log.
 zrn::AppStateDataStore openStore(std::string const& path) {
     zrn::AppStateDataStore store{zrn::String(path)};
     zrn::String error;
-    if (!store.checkValidity(error)) storeFailure(path, "cannot open: " + error.str());
+    if (!store.checkValidity(error)) storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));
     return store;
 }
 
@@ -66,8 +67,8 @@ void get(Options const& options, StateArgs const& args) {
 }
 
 void set(Options const& options, StateArgs const& args) {
-    // Recording may create the store; its folder must exist.
-    std::string const path = storePath(options, Store::AppState);
+    // Recording may create the store, and its folder.
+    std::string const path = recordingStorePath(options, Store::AppState);
     zrn::AppStateDataStore store = openStore(path);
     zrn::String const key(args.key);
     // An item is never updated in place: replacing it is a removal and a new insertion.
@@ -89,22 +90,18 @@ void remove(Options const& options, StateArgs const& args) {
 
 void addStateCommands(CLI::App& app, Options& options) {
     static StateArgs args;
-    CLI::App* state = app.add_subcommand("state", "Application state items (appstate.db)");
+    CLI::App* state = app.add_subcommand("state", "Application state items (appstate.db): list, get, set, rm");
     state->require_subcommand(1);
+    state->footer("Example: datastore state list --group scheduler");
 
-    CLI::App* listCommand = state->add_subcommand("list", "List items, optionally of one group");
+    CLI::App* listCommand = addInspection(*state, options, "list", "List items (key, group, written, data), by key",
+                                          "datastore state list --group ui", false, true);
     listCommand->add_option("--group", args.group, "Only items of this group");
-    addLocationOptions(*listCommand, options);
-    addJsonOption(*listCommand, options);
-    addLimitOption(*listCommand, options);
-    listCommand->footer("Example: datastore state list --group ui");
     listCommand->callback([&options] { list(options, args); });
 
-    CLI::App* getCommand = state->add_subcommand("get", "Print one item's data");
+    CLI::App* getCommand = addInspection(*state, options, "get", "Print one item's data (with --json: the whole item)",
+                                         "datastore state get scheduler.lastResult", false, false);
     getCommand->add_option("key", args.key, "The item's key")->required();
-    addLocationOptions(*getCommand, options);
-    addJsonOption(*getCommand, options);
-    getCommand->footer("Example: datastore state get last-run");
     getCommand->callback([&options] { get(options, args); });
 
     CLI::App* setCommand = state->add_subcommand("set", "Store an item, replacing one of the same key");
@@ -112,13 +109,13 @@ void addStateCommands(CLI::App& app, Options& options) {
     setCommand->add_option("value", args.value, "The item's data")->required();
     setCommand->add_option("--group", args.group, "The item's group");
     addLocationOptions(*setCommand, options);
-    setCommand->footer("Example: datastore state set last-run 2026-11-23 --group scheduler");
+    setCommand->footer("Example: datastore state set ui.theme dark --group ui");
     setCommand->callback([&options] { set(options, args); });
 
     CLI::App* rmCommand = state->add_subcommand("rm", "Remove an item");
     rmCommand->add_option("key", args.key, "The item's key")->required();
     addLocationOptions(*rmCommand, options);
-    rmCommand->footer("Example: datastore state rm last-run");
+    rmCommand->footer("Example: datastore state rm ui.theme");
     rmCommand->callback([&options] { remove(options, args); });
 }
 

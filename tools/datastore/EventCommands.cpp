@@ -1,0 +1,447 @@
+// The event store's inspections (event.db): application runs, script runs, test runs, their
+// events and tips, failures, alerts with their key/values and tips, measurements, profiler
+// diffs and scriptlet results.
+
+#include <libDataStore/EventDataStore.h>
+
+#include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
+
+#include <algorithm>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+#include "Commands.h"
+#include "Output.h"
+
+namespace datastore {
+
+namespace {
+
+using zrn::EventTimePoint;
+
+struct EventArgs {
+    long long scriptId = 0;
+    long long testId = 0;
+    long long alertId = 0;
+    std::string type;
+    std::string name;
+    std::string guid;
+    std::string user;
+    std::string category;
+    std::string status;
+    std::string deviceGuid;
+    std::vector<std::string> failResults;
+    std::vector<std::string> passResults;
+    bool untracked = false;
+};
+
+EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
+long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
+
+class EventStore {
+public:
+    explicit EventStore(Options const& options)
+        : m_path(existingStorePath(options, Store::Event)),
+          m_store(openOrFail(m_path, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(m_path)); })) {
+        zrn::String error;
+        if (!m_store->checkValidity(error)) storeFailure(m_path, "not usable: " + error.str());
+    }
+    zrn::EventDataStore& operator*() { return *m_store; }
+    zrn::EventDataStore* operator->() { return m_store.get(); }
+    std::string const& path() const { return m_path; }
+
+private:
+    std::string m_path;
+    std::unique_ptr<zrn::EventDataStore> m_store;
+};
+
+int limitOf(Options const& options) { return static_cast<int>(options.limit); }
+
+// ---- Application and script runs
+
+void apps(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    // The store answers questions about one run but has no reader that lists them; the
+    // table is read directly, read-only.
+    zrn::ResultSet rows;
+    auto const database = openReadOnly(store.path());
+    try {
+        database->execute("SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "
+                          "FROM `ApplicationRuns` ORDER BY `appId` DESC",
+                          &rows);
+    } catch (zrn::Exception const& e) {
+        storeFailure(store.path(), "cannot read the application runs: " + e.getMessage().str());
+    }
+    RecordPrinter printer({{"appId", "RUN"}, {"name", "APPLICATION"}, {"userName", "USER"},
+                           {"typeOfRun", "TYPE"}, {"start", "STARTED"}, {"end", "ENDED"},
+                           {"seconds", "SECONDS"}},
+                          options.json);
+    for (unsigned i = 0; i < rows.rowCount(); ++i) {
+        zrn::ResultSetRow const& row = rows.row(static_cast<int>(i));
+        long long const start = zrn::String::strToInt64(row.columnValue(4), 10);
+        long long const end = zrn::String::strToInt64(row.columnValue(5), 10);
+        if (range.since > 0 && start < range.since) continue;
+        if (range.until > 0 && start > range.until) continue;
+        if (!args.type.empty() && row.columnValue(3) != args.type) continue;
+        if (!args.user.empty() && row.columnValue(2) != args.user) continue;
+        if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
+        printer.add(Json{{"appId", zrn::String::strToInt64(row.columnValue(0), 10)},
+                         {"name", row.columnValue(1).str()},
+                         {"userName", row.columnValue(2).str()},
+                         {"typeOfRun", row.columnValue(3).str()},
+                         {"start", timeCell(options.json, start)},
+                         {"end", timeCell(options.json, end)},
+                         {"seconds", end > 0 ? Json(end - start) : Json()}});
+    }
+    printer.print(std::cout);
+}
+
+void scripts(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    auto text = [](std::string const& value) {
+        return value.empty() ? boost::optional<zrn::String>() : boost::optional<zrn::String>(zrn::String(value));
+    };
+    auto bound = [](long long seconds) {
+        return seconds > 0 ? boost::optional<EventTimePoint>(at(seconds)) : boost::optional<EventTimePoint>();
+    };
+    std::vector<zrn::ScriptResultLog> const logs =
+        store->scriptResultLogs(bound(range.since), bound(range.until), text(args.type), text(args.name),
+                                text(args.guid), limitOf(options));
+    RecordPrinter printer({{"scriptId", "SCRIPT"}, {"name", "NAME"}, {"result", "RESULT"},
+                           {"start", "STARTED"}, {"end", "ENDED"}, {"totalPasses", "PASSES"},
+                           {"guid", "GUID"}},
+                          options.json);
+    for (auto const& log : logs) {
+        printer.add(Json{{"scriptId", log.scriptId()},
+                         {"name", log.name().str()},
+                         {"result", log.result().str()},
+                         {"start", timeCell(options.json, secondsOf(log.startTime()))},
+                         {"end", timeCell(options.json, secondsOf(log.endTime()))},
+                         {"totalPasses", log.totalPasses()},
+                         {"guid", log.guid().str()},
+                         {"scriptXml", log.scriptXml().str()}});
+    }
+    printer.print(std::cout);
+}
+
+// ---- Test runs, events, tips, failures
+
+Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
+    return Json{{"testId", log.testId()},
+                {"testName", log.testName().str()},
+                {"deviceName", log.deviceName().str()},
+                {"result", log.result().str()},
+                {"errorCode", log.errorCode().str()},
+                {"pass", log.pass()},
+                {"start", timeCell(options.json, secondsOf(log.timeStamp()))},
+                {"deviceGuid", log.deviceGuid().str()},
+                {"deviceType", log.deviceType().str()},
+                {"testGuid", log.testGuid().str()}};
+}
+
+RecordPrinter testRunPrinter(Options const& options) {
+    return RecordPrinter({{"testId", "TEST"}, {"testName", "NAME"}, {"deviceName", "DEVICE"},
+                          {"result", "RESULT"}, {"errorCode", "ERROR"}, {"pass", "PASS"},
+                          {"start", "STARTED"}, {"deviceGuid", "DEVICE GUID"}},
+                         options.json);
+}
+
+void tests(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    RecordPrinter printer = testRunPrinter(options);
+    for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until), limitOf(options))) {
+        printer.add(testRun(options, log));
+    }
+    printer.print(std::cout);
+}
+
+// Exactly one of the owners a command accepts must be given.
+void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owners) {
+    int given = 0;
+    std::string names;
+    for (auto const& [name, id] : owners) {
+        given += id > 0;
+        names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+    if (given != 1) throw ToolError(USAGE, "give exactly one of " + names + " (a positive id)");
+}
+
+void events(Options const& options, EventArgs const& args) {
+    requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}});
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    std::vector<zrn::TestRunEventResultLog> const logs =
+        args.testId > 0
+            ? store->testRunEventResultLogs(args.testId, at(range.since), at(range.until), limitOf(options))
+            : store->scriptRunEventResultLogs(args.scriptId, at(range.since), at(range.until), limitOf(options));
+    RecordPrinter printer({{"time", "TIME"}, {"type", "TYPE"}, {"eventCode", "CODE"},
+                           {"customerEventCode", "CUSTOMER CODE"}, {"message", "MESSAGE"}},
+                          options.json);
+    for (auto const& log : logs) {
+        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                         {"type", log.type().str()},
+                         {"eventCode", log.eventCode().str()},
+                         {"customerEventCode", log.customerEventCode().str()},
+                         {"message", log.message().str()}});
+    }
+    printer.print(std::cout);
+}
+
+Json tip(Options const& options, zrn::TipResultLog const& log) {
+    return Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                {"key", log.key().str()},
+                {"type", log.type().str()},
+                {"title", log.title().str()},
+                {"text", log.text().str()},
+                {"extendedText", log.extendedText().str()}};
+}
+
+RecordPrinter tipPrinter(Options const& options) {
+    return RecordPrinter({{"time", "TIME"}, {"key", "KEY"}, {"type", "TYPE"}, {"title", "TITLE"},
+                          {"text", "TEXT"}},
+                         options.json);
+}
+
+void tips(Options const& options, EventArgs const& args) {
+    requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}, {"--alert", args.alertId}});
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    EventTimePoint const from = at(range.since);
+    EventTimePoint const to = at(range.until);
+    std::vector<zrn::TipResultLog> const logs =
+        args.testId > 0     ? store->testRunTipResultLogs(args.testId, from, to, limitOf(options))
+        : args.scriptId > 0 ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
+                            : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
+    RecordPrinter printer = tipPrinter(options);
+    for (auto const& log : logs) printer.add(tip(options, log));
+    printer.print(std::cout);
+}
+
+void failures(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    std::vector<zrn::TestRunResultLog> logs;
+    if (args.deviceGuid.empty()) {
+        logs = store->getAllFails(at(range.since), at(range.until));
+    } else {
+        std::vector<zrn::String> const failResults(args.failResults.begin(), args.failResults.end());
+        std::vector<zrn::String> const passResults(args.passResults.begin(), args.passResults.end());
+        // The store looks at runs ended by the bound; without --until that is now.
+        long long const until = range.until > 0 ? range.until : static_cast<long long>(std::time(nullptr));
+        logs = store->getRecentFails(zrn::String(args.deviceGuid), failResults.empty() ? nullptr : &failResults,
+                                     passResults.empty() ? nullptr : &passResults, at(until));
+        logs.erase(std::remove_if(logs.begin(), logs.end(),
+                                  [&](auto const& log) { return secondsOf(log.timeStamp()) < range.since; }),
+                   logs.end());
+    }
+    RecordPrinter printer = testRunPrinter(options);
+    for (auto const& log : logs) {
+        if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
+        printer.add(testRun(options, log));
+    }
+    printer.print(std::cout);
+}
+
+// ---- Alerts
+
+Json alert(Options const& options, zrn::EventDataStore& store, zrn::AlertResultLog const& log) {
+    return Json{{"alertId", log.alertId()},
+                {"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                {"type", log.type().str()},
+                {"key", log.key().str()},
+                {"title", log.title().str()},
+                {"deviceName", log.deviceName().str()},
+                {"tracked", store.alertTracked(log.guid())},
+                {"message", log.message().str()},
+                {"guid", log.guid().str()}};
+}
+
+RecordPrinter alertPrinter(Options const& options) {
+    return RecordPrinter({{"alertId", "ALERT"}, {"time", "TIME"}, {"type", "TYPE"}, {"title", "TITLE"},
+                          {"deviceName", "DEVICE"}, {"tracked", "TRACKED"}, {"message", "MESSAGE"}},
+                         options.json);
+}
+
+void alerts(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    RecordPrinter printer = alertPrinter(options);
+    for (auto const& log : store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
+                                                  args.untracked, limitOf(options))) {
+        printer.add(alert(options, *store, log));
+    }
+    printer.print(std::cout);
+}
+
+// One alert with its key/values and tips; --since/--until/--limit apply to the tips.
+void oneAlert(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    // No reader takes an alert id: the alert is found among all of them.
+    std::vector<zrn::AlertResultLog> const all = store->alertResultLogs(at(0), at(0), "", false, 0);
+    auto const found = std::find_if(all.begin(), all.end(), [&](auto const& log) { return log.alertId() == args.alertId; });
+    if (found == all.end()) throw ToolError(STORE, store.path() + ": no alert " + std::to_string(args.alertId));
+
+    RecordPrinter head = alertPrinter(options);
+    head.add(tagged("alert", alert(options, *store, *found)));
+    if (!options.json) std::cout << "Alert " << args.alertId << "\n";
+    head.print(std::cout);
+
+    RecordPrinter keyValues({{"key", "KEY"}, {"value", "VALUE"}}, options.json);
+    for (auto const& kv : store->alertKeyValueResultLogs(args.alertId)) {
+        keyValues.add(Json{{"record", "keyValue"}, {"alertId", args.alertId}, {"key", kv.key().str()},
+                           {"value", kv.value().str()}});
+    }
+    printSection(std::cout, options.json, "Key/values", keyValues);
+
+    RecordPrinter tips = tipPrinter(options);
+    for (auto const& log : store->alertTipResultLogs(args.alertId, at(range.since), at(range.until), limitOf(options))) {
+        Json record = tip(options, log);
+        record["alertId"] = args.alertId;
+        tips.add(tagged("tip", std::move(record)));
+    }
+    printSection(std::cout, options.json, "Tips", tips);
+}
+
+// ---- Measurements, profiler diffs, scriptlet results
+
+void measurements(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    RecordPrinter printer({{"type", "TYPE"}, {"spanStart", "SPAN START"}, {"spanMiddle", "MIDDLE"},
+                           {"spanEnd", "END"}, {"minimum", "MIN"}, {"maximum", "MAX"},
+                           {"average", "AVERAGE"}, {"median", "MEDIAN"}, {"numberOfSamples", "SAMPLES"}},
+                          options.json);
+    for (auto const& log : store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type),
+                                                  limitOf(options))) {
+        printer.add(Json{{"type", log.type().str()},
+                         {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
+                         {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
+                         {"spanEnd", timeCell(options.json, secondsOf(log.spanEnd()))},
+                         {"minimum", log.minimum()},
+                         {"maximum", log.maximum()},
+                         {"average", log.average()},
+                         {"median", log.median()},
+                         {"numberOfSamples", log.numberOfSamples()}});
+    }
+    printer.print(std::cout);
+}
+
+void diffs(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    RecordPrinter printer({{"time", "TIME"}, {"category", "CATEGORY"}, {"changesCount", "CHANGES"},
+                           {"serializedDiff", "DIFF"}},
+                          options.json);
+    for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until), zrn::String(args.category),
+                                                   limitOf(options))) {
+        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                         {"category", log.category().str()},
+                         {"changesCount", log.changesCount()},
+                         {"serializedDiff", log.serializedDiff().str()}});
+    }
+    printer.print(std::cout);
+}
+
+void scriptlets(Options const& options, EventArgs const& args) {
+    TimeRange const range = timeRange(options);
+    EventStore store(options);
+    RecordPrinter printer({{"time", "TIME"}, {"key", "KEY"}, {"category", "CATEGORY"}, {"status", "STATUS"},
+                           {"result", "RESULT"}},
+                          options.json);
+    for (auto const& log : store->scriptletResultLogs(at(range.since), at(range.until), zrn::String(args.user),
+                                                      zrn::String(args.category), zrn::String(args.status),
+                                                      limitOf(options))) {
+        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                         {"key", log.key().str()},
+                         {"category", log.category().str()},
+                         {"status", log.status().str()},
+                         {"result", log.result().str()}});
+    }
+    printer.print(std::cout);
+}
+
+}  // namespace
+
+void addEventCommands(CLI::App& app, Options& options) {
+    static EventArgs args;
+    auto run = [&options](void (*command)(Options const&, EventArgs const&)) {
+        return [&options, command] { command(options, args); };
+    };
+
+    CLI::App* c = addInspection(app, options, "apps", "Application runs (event.db), newest first",
+                                "datastore apps --since 2026-11-23 --type Scheduled");
+    c->add_option("--type", args.type, "Only runs of this type");
+    c->add_option("--user", args.user, "Only runs of this user");
+    c->callback(run(apps));
+
+    c = addInspection(app, options, "scripts", "Script runs with their script, newest first",
+                      "datastore scripts --name 'Quick hardware check' --limit 5");
+    c->add_option("--type", args.type, "Only runs within application runs of this type");
+    c->add_option("--name", args.name, "Only scripts of this name");
+    c->add_option("--guid", args.guid, "Only scripts of this GUID");
+    c->callback(run(scripts));
+
+    c = addInspection(app, options, "tests", "Test runs of one script run, newest first",
+                      "datastore tests 2 --json");
+    c->add_option("script-id", args.scriptId, "The script run (see 'datastore scripts')")->required();
+    c->callback(run(tests));
+
+    c = addInspection(app, options, "events", "Events of a test run or of every test of a script run",
+                      "datastore events --script 2 --since 2026-11-23T09:00");
+    c->add_option("--test", args.testId, "Events of this test run");
+    c->add_option("--script", args.scriptId, "Events of every test run of this script run");
+    c->callback(run(events));
+
+    c = addInspection(app, options, "tips", "Tips of a test run, of a script run's tests, or of an alert",
+                      "datastore tips --test 7");
+    c->add_option("--test", args.testId, "Tips of this test run");
+    c->add_option("--script", args.scriptId, "Tips of every test run of this script run");
+    c->add_option("--alert", args.alertId, "Tips of this alert");
+    c->callback(run(tips));
+
+    c = addInspection(app, options, "failures",
+                      "Failed test runs: of one device, the newest run of each test whose latest "
+                      "result is a failure; without a device, every FAIL",
+                      "datastore failures 5d1c-disk-0 --fail FAIL --fail ERROR");
+    c->add_option("device-guid", args.deviceGuid, "The device (see DEVICE GUID in 'datastore tests')");
+    c->add_option("--fail", args.failResults, "A result that counts as a failure (default FAIL); repeatable");
+    c->add_option("--pass", args.passResults, "A result that counts as a pass (default PASS); repeatable");
+    c->callback(run(failures));
+
+    c = addInspection(app, options, "alerts", "Alerts, newest first",
+                      "datastore alerts --untracked --type Hardware");
+    c->add_flag("--untracked", args.untracked, "Only alerts not marked as tracked");
+    c->add_option("--type", args.type, "Only alerts of this type");
+    c->callback(run(alerts));
+
+    c = addInspection(app, options, "alert", "One alert with its key/values and tips (range and limit apply to the tips)",
+                      "datastore alert 3");
+    c->add_option("alert-id", args.alertId, "The alert (see ALERT in 'datastore alerts')")->required();
+    c->callback(run(oneAlert));
+
+    c = addInspection(app, options, "measurements", "Measurements whose span middle is in the range, oldest first",
+                      "datastore measurements --type 'CPU temperature' --since 2026-11-23");
+    c->add_option("--type", args.type, "Only measurements of this type");
+    c->callback(run(measurements));
+
+    c = addInspection(app, options, "diffs", "Profiler diffs, newest first", "datastore diffs --category Drivers");
+    c->alias("profiler-diffs");
+    c->add_option("--category", args.category, "Only diffs of this category");
+    c->callback(run(diffs));
+
+    c = addInspection(app, options, "scriptlets", "Scriptlet results, newest first",
+                      "datastore scriptlets --status WARN");
+    c->add_option("--user", args.user, "Only results of application runs of this user");
+    c->add_option("--category", args.category, "Only results of this category");
+    c->add_option("--status", args.status, "Only results of this status");
+    c->callback(run(scriptlets));
+}
+
+}  // namespace datastore
