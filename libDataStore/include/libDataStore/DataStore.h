@@ -19,6 +19,7 @@
 #include <libCommon/System.h>
 #include <libCommon/ZRNValue.h>
 
+#include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
