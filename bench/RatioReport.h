@@ -2,7 +2,8 @@
 
 // A console reporter that also prints, at the end of the run, the ratio of each ".../ours"
 // benchmark to its ".../raw" twin measured in the same run (ours divided by raw: 1.00 means
-// no overhead). Use BENCH_MAIN_WITH_RATIOS() instead of BENCHMARK_MAIN().
+// no overhead), using the mean when the run has repetitions. Use BENCH_MAIN_WITH_RATIOS()
+// instead of BENCHMARK_MAIN().
 
 #include <benchmark/benchmark.h>
 
@@ -19,10 +20,14 @@ public:
     void ReportRuns(std::vector<Run> const& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (Run const& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-            std::string const name = run.benchmark_name();
+            if (run.error_occurred) continue;
+            // With --benchmark_repetitions the mean of the repetitions stands for the benchmark.
+            bool const mean = run.run_type == Run::RT_Aggregate && run.aggregate_name == "mean";
+            if (run.run_type != Run::RT_Iteration && !mean) continue;
+            std::string const name = run.run_name.str();
             if (m_times.find(name) == m_times.end()) m_order.push_back(name);
-            m_times[name] = run.GetAdjustedRealTime();
+            if (mean || m_means.count(name) == 0) m_times[name] = run.GetAdjustedRealTime();
+            if (mean) m_means[name] = true;
         }
     }
 
@@ -43,6 +48,7 @@ public:
 
 private:
     std::map<std::string, double> m_times;
+    std::map<std::string, bool> m_means;
     std::vector<std::string> m_order;
 };
 

@@ -22,5 +22,7 @@
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/GeneralDataStore.h>
+#include <libDataStore/GeneralRecords.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/TimeStamp.h>
