@@ -8,6 +8,8 @@
 #include <libCommon/OrderedHashTable.h>
 #include <libCommon/String.h>
 
+#include <utility>
+
 namespace zrn {
 
 class GeneralDataStore;
@@ -146,6 +148,8 @@ class ZRN_DATASTORE_API GenericLogList {
 public:
     unsigned int size() const { return static_cast<unsigned int>(m_logs.size()); }
     void append(GenericLog const& log) { m_logs.append(log); }
+    // Takes the log over instead of copying its key/values.
+    void append(GenericLog&& log) { m_logs.append(std::move(log)); }
     // An index not below size() fails the assertion "index < size()" and stops the process.
     GenericLog& get(unsigned int index) { return m_logs[index]; }
     GenericLog const& get(unsigned int index) const { return m_logs[index]; }
