@@ -52,6 +52,17 @@ private:
     std::vector<std::string> m_order;
 };
 
+// main() for a program that registers its cases in code rather than with BENCHMARK().
+inline int runWithRatios(int argc, char** argv, void (*registerCases)()) {
+    registerCases();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    zrn::bench::RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
+
 }  // namespace bench
 }  // namespace zrn
 
