@@ -8,20 +8,13 @@
 #include <algorithm>
 #include <string>
 
+#include "DefectLog.h"
+
 namespace zrn {
 
 using LoggerPriority::ERROR;
 
 namespace {
-
-Logger* defectLogger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("DEFECT.GENERIC", created);
-        return created;
-    }();
-    return instance;
-}
 
 String decimal(long long n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
 String decimal(unsigned int n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
