@@ -9,6 +9,7 @@
 #include <string>
 
 #include "BenchSupport.h"
+#include "RatioReport.h"
 
 namespace zrn {
 namespace {
@@ -112,15 +113,15 @@ void globalMutexRaw(benchmark::State& state) {
 void registerCases() {
     for (int mode : {0, 2}) {
         std::string const suffix = std::string("append@") + modeName(mode);
-        benchmark::RegisterBenchmark((suffix + ":ours").c_str(), appendOurs, mode);
-        benchmark::RegisterBenchmark((suffix + ":raw").c_str(), appendRaw, mode);
+        benchmark::RegisterBenchmark((suffix + "/ours").c_str(), appendOurs, mode);
+        benchmark::RegisterBenchmark((suffix + "/raw").c_str(), appendRaw, mode);
     }
-    benchmark::RegisterBenchmark("cellData@OFF:ours", cellDataOurs);
-    benchmark::RegisterBenchmark("cellData@OFF:raw", cellDataRaw);
-    benchmark::RegisterBenchmark("count@OFF:ours", countOurs);
-    benchmark::RegisterBenchmark("count@OFF:raw", countRaw);
-    benchmark::RegisterBenchmark("AutoGlobalMutex vs recursive_mutex:ours", globalMutexOurs);
-    benchmark::RegisterBenchmark("AutoGlobalMutex vs recursive_mutex:raw", globalMutexRaw);
+    benchmark::RegisterBenchmark("cellData@OFF/ours", cellDataOurs);
+    benchmark::RegisterBenchmark("cellData@OFF/raw", cellDataRaw);
+    benchmark::RegisterBenchmark("count@OFF/ours", countOurs);
+    benchmark::RegisterBenchmark("count@OFF/raw", countRaw);
+    benchmark::RegisterBenchmark("AutoGlobalMutex vs recursive_mutex/ours", globalMutexOurs);
+    benchmark::RegisterBenchmark("AutoGlobalMutex vs recursive_mutex/raw", globalMutexRaw);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include "BenchSupport.h"
+#include "RatioReport.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -293,71 +294,36 @@ void fixActionsByIssueRaw(benchmark::State& state) {
     }
 }
 
-// ---- Ratios -------------------------------------------------------------------------------
-
-// Prints the usual table, then library time / raw time for every "<case>/library" that has a
-// "<case>/raw" partner.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(std::vector<Run> const& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (Run const& run : runs) {
-            if (run.run_type == Run::RT_Iteration) {
-                m_times[run.benchmark_name()] = run.GetAdjustedRealTime();
-            }
-        }
-    }
-
-    void printRatios() const {
-        std::printf("\nlibrary / raw sqlite3, same statements:\n");
-        std::string const suffix = "/library";
-        for (auto const& entry : m_times) {
-            std::string const& name = entry.first;
-            if (name.size() < suffix.size() ||
-                name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0) {
-                continue;
-            }
-            std::string const base = name.substr(0, name.size() - suffix.size());
-            auto const raw = m_times.find(base + "/raw");
-            if (raw == m_times.end() || raw->second <= 0) continue;
-            std::printf("  %-40s %6.2fx\n", base.c_str(), entry.second / raw->second);
-        }
-    }
-
-private:
-    std::map<std::string, double> m_times;
-};
 
 }  // namespace
 }  // namespace zrn
 
 int main(int argc, char** argv) {
     using namespace zrn;
-    benchmark::RegisterBenchmark("Session/FULL/library", sessionLibrary, kFull)
+    benchmark::RegisterBenchmark("Session/FULL/ours", sessionLibrary, kFull)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("Session/FULL/raw", sessionRaw, kFull)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Session/OFF/library", sessionLibrary, kOff)
+    benchmark::RegisterBenchmark("Session/OFF/ours", sessionLibrary, kOff)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("Session/OFF/raw", sessionRaw, kOff)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("getSessions(all 10000)/library", allSessionsLibrary)
+    benchmark::RegisterBenchmark("getSessions(all 10000)/ours", allSessionsLibrary)
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("getSessions(all 10000)/raw", allSessionsRaw)
         ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("getSessions(range, limit 100)/library", rangeSessionsLibrary)
+    benchmark::RegisterBenchmark("getSessions(range, limit 100)/ours", rangeSessionsLibrary)
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("getSessions(range, limit 100)/raw", rangeSessionsRaw)
         ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("getFixActionsByIssue/library", fixActionsByIssueLibrary)
+    benchmark::RegisterBenchmark("getFixActionsByIssue/ours", fixActionsByIssueLibrary)
         ->Unit(benchmark::kMicrosecond);
     benchmark::RegisterBenchmark("getFixActionsByIssue/raw", fixActionsByIssueRaw)
         ->Unit(benchmark::kMicrosecond);
 
     benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
+    bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
     benchmark::Shutdown();
     for (std::string const& file : filesToRemove()) {
         ::unlink(file.c_str());

@@ -9,6 +9,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "SqlText.h"
@@ -169,13 +170,6 @@ String indexStatement(IndexSpec const& index) {
     return SprintfFormat("CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "",
                          index.table, index.column, index.direction, index.table, index.column,
                          index.direction);
-}
-
-Logger* defectLogger() {
-    // Fetched on every use, as every data-defect report of the library does.
-    Logger* logger = nullptr;
-    LogFactory::createLogger("DEFECT.GENERIC", logger);
-    return logger;
 }
 
 void logDefect(char const* message, long long id) {

@@ -7,6 +7,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "SqlText.h"
@@ -82,12 +83,6 @@ std::string joinToScriptRuns(char const* table) {
 }
 
 String orderDescending(char const* column) { return " ORDER BY " + id(column) + " DESC"; }
-
-Logger* defectLogger() {
-    Logger* logger = nullptr;
-    LogFactory::createLogger("DEFECT.GENERIC", logger);
-    return logger;
-}
 
 }  // namespace
 

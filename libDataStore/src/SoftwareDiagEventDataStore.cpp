@@ -9,6 +9,7 @@
 
 #include <libDataStore/DataStoreSettings.h>
 
+#include "DefectLog.h"
 #include "ModuleState.h"
 #include "SqlText.h"
 
@@ -121,15 +122,6 @@ IndexDefinition const kIndexes[] = {
 };
 
 // ---- Helpers ------------------------------------------------------------------------------
-
-Logger* defectLogger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("DEFECT.GENERIC", created);
-        return created;
-    }();
-    return instance;
-}
 
 unsigned long long addressOf(void const* object) {
     return static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(object));

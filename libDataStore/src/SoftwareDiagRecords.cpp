@@ -4,18 +4,11 @@
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 
+#include "DefectLog.h"
+
 namespace zrn {
 
 namespace {
-
-Logger* defectLogger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("DEFECT.GENERIC", created);
-        return created;
-    }();
-    return instance;
-}
 
 // A short row is logged and then read anyway: the missing cells read as the empty text, so
 // callers still get a record (deliberately lenient, old files must stay readable).

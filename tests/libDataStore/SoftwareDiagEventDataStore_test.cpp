@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include "SqlTrace.h"
 #include "TestSupport.h"
 
 #include <sys/stat.h>
@@ -25,60 +26,7 @@ namespace {
 
 using Rows = test::RawDb::Rows;
 
-// Records the text of every statement SQLite runs on connections opened while the process
-// lives (an auto extension installs a trace on each), so tests see the exact SQL the store
-// builds, also where the store does not log it.
-class StatementTrace {
-public:
-    StatementTrace() {
-        static bool const installed = [] {
-            return sqlite3_auto_extension(reinterpret_cast<void (*)()>(&install)) == SQLITE_OK;
-        }();
-        EXPECT_TRUE(installed);
-        std::lock_guard<std::mutex> guard(s_mutex);
-        s_current = this;
-    }
-    ~StatementTrace() {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        s_current = nullptr;
-    }
-    StatementTrace(StatementTrace const&) = delete;
-    StatementTrace& operator=(StatementTrace const&) = delete;
-
-    // Statements beginning with `prefix`, in the order they ran.
-    std::vector<std::string> startingWith(std::string const& prefix) const {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        std::vector<std::string> result;
-        for (auto const& s : m_statements) {
-            if (s.compare(0, prefix.size(), prefix) == 0) result.push_back(s);
-        }
-        return result;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        m_statements.clear();
-    }
-
-private:
-    static int install(sqlite3* db, char**, sqlite3_api_routines const*) {
-        sqlite3_trace_v2(db, SQLITE_TRACE_STMT, &onStatement, nullptr);
-        return SQLITE_OK;
-    }
-    static int onStatement(unsigned type, void*, void*, void* text) {
-        std::lock_guard<std::mutex> guard(s_mutex);
-        if (type == SQLITE_TRACE_STMT && s_current) {
-            s_current->m_statements.emplace_back(static_cast<char const*>(text));
-        }
-        return 0;
-    }
-
-    static std::mutex s_mutex;
-    static StatementTrace* s_current;
-    std::vector<std::string> m_statements;
-};
-
-std::mutex StatementTrace::s_mutex;
-StatementTrace* StatementTrace::s_current = nullptr;
+using StatementTrace = test::SqlTrace;
 
 // A record carrying only an id, for operations that look the id up.
 template <class Record>

@@ -65,6 +65,11 @@ public:
         ZRN_ASSERT(index < size(), "libCommon\\ZRNOrderedHashTable");
         return m_values[index];
     }
+    // Mutable access to a value in place; the key stays as it is.
+    V& valueAt(std::size_t index) {
+        ZRN_ASSERT(index < size(), "libCommon\\ZRNOrderedHashTable");
+        return m_values[index];
+    }
     V const& operator[](std::size_t index) const { return valueAt(index); }
 
     // Iteration in insertion order; each step yields a pair of references (key, value).

@@ -19,10 +19,13 @@
 #include <libCommon/System.h>
 #include <libCommon/ZRNValue.h>
 
+#include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/EventRecords.h>
+#include <libDataStore/GeneralDataStore.h>
+#include <libDataStore/GeneralRecords.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>

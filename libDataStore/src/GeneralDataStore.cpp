@@ -1,0 +1,359 @@
+#include <libDataStore/GeneralDataStore.h>
+
+#include <libCommon/DateTime.h>
+#include <libCommon/Exception.h>
+#include <libCommon/GlobalMutex.h>
+#include <libCommon/HashTable.h>
+#include <libCommon/Logger.h>
+#include <libCommon/ResultSet.h>
+#include <libCommon/SprintfFormat.h>
+#include <libCommon/ZRNValue.h>
+
+#include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/SQLiteDataStore.h>
+
+#include "ModuleState.h"
+#include "SqlText.h"
+
+#include <optional>
+
+namespace zrn {
+
+using LoggerPriority::ERROR;
+using LoggerPriority::TRACE;
+
+namespace {
+
+char const kVersionTable[] = "Version";
+char const kLogTable[] = "GenericLog";
+char const kKeyValueTable[] = "KeyValues";
+
+SQLiteDataStoreColumnSpec const kVersionColumns[] = {
+    {"version", "INTEGER PRIMARY KEY"},
+    {nullptr, nullptr},
+};
+
+SQLiteDataStoreColumnSpec const kLogColumns[] = {
+    {"typeUUID", "TEXT"},
+    {"guid", "TEXT"},
+    {"category", "TEXT"},
+    {"subCategory", "TEXT"},
+    {"creationTimeStamp", "INTEGER"},
+    {"updateTimeStamp", "INTEGER"},
+    {"tracked", "INTEGER"},
+    {"flags", "INTEGER"},
+    {nullptr, nullptr},
+};
+
+SQLiteDataStoreColumnSpec const kKeyValueColumns[] = {
+    {"setID", "INTEGER"},
+    {"key", "TEXT"},
+    {"value", "TEXT"},
+    {"tracked", "INTEGER"},
+    {"updateTimeStamp", "INTEGER"},
+    {nullptr, nullptr},
+};
+
+int const kSchemaVersion = 1;
+
+String decimal(long long n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
+
+// column = value, or column <op> value for any other operator. `value` is already SQL text.
+String condition(String const& column, String const& op, String const& value) {
+    String const separator = op == "=" ? String(" = ") : " " + op + " ";
+    return sql::identifier(column) + separator + value;
+}
+
+}  // namespace
+
+Logger* GeneralDataStore::logger() {
+    static Logger* const instance = [] {
+        Logger* created = nullptr;
+        LogFactory::createLogger("libDataStore.GeneralDataStore", created);
+        return created;
+    }();
+    return instance;
+}
+
+// ---- Schema and lifecycle ----------------------------------------------------------------
+
+GeneralDataStore::GeneralDataStore()
+    : GeneralDataStore(String(DataStoreSettings::generalDataStoreFilePath())) {}
+
+GeneralDataStore::GeneralDataStore(String const& path) : m_filePath(path) {
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "532 " + "GeneralDataStore(" + path + ") this: " +
+               static_cast<void const*>(this);
+    });
+    createDataStores();
+}
+
+GeneralDataStore::~GeneralDataStore() {
+    try {
+        logAt(logger(), TRACE, [&] {
+            return LoggerStream() + "541 " + "~GeneralDataStore() this: " +
+                   static_cast<void const*>(this);
+        });
+        AutoGlobalMutex lock(module::generalStoreMutex());
+        closeUnlocked();
+    } catch (...) {
+    }
+    // The members then go in reverse order: KeyValues, GenericLog, Version, the connection.
+}
+
+void GeneralDataStore::createDataStores() {
+    try {
+        AutoGlobalMutex lock(module::generalStoreMutex());
+        m_database = Database(new SQLite3Database(m_filePath, SQLiteDataStore::dbSyncMode()));
+        m_versionDataStore.reset();
+        m_versionDataStore.reset(new SQLiteDataStore(m_database, kVersionTable, kVersionColumns));
+        m_eventDataStore.reset();
+        m_eventDataStore.reset(new SQLiteDataStore(m_database, kLogTable, kLogColumns));
+        m_eventKeyValueDataStore.reset();
+        m_eventKeyValueDataStore.reset(
+            new SQLiteDataStore(m_database, kKeyValueTable, kKeyValueColumns));
+
+        SQLite3Database& db = *m_database;
+        if (getVersionUnlocked() == -1) {
+            // A new file: the indexes and the view are made once, here, and never again.
+            db.execute("BEGIN");
+            db.execute(SprintfFormat("INSERT OR IGNORE INTO `%s` (`%s`) values ('%i')",
+                                     kVersionTable, "version", kSchemaVersion));
+            db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValueSet_uniqueIDs on `%s` (`%s`, `%s`)",
+                                     kLogTable, "typeUUID", "guid"));
+            db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValues_uniqueIDs on `%s` (`%s`, `%s`)",
+                                     kKeyValueTable, "setID", "key"));
+            db.execute(SprintfFormat(
+                "CREATE VIEW kv_by_unique_id AS SELECT kv_set.`%s`, kv_set.`%s`, kv.`%s`, kv.`%s` "
+                "from `%s` kv_set JOIN `%s` kv ON kv_set.rowId = kv.`%s`",
+                "typeUUID", "guid", "key", "value", kLogTable, kKeyValueTable, "setID"));
+            db.execute("COMMIT");
+        } else {
+            db.execute(SprintfFormat("UPDATE `%s` SET `%s` = '%i'", kVersionTable, "version",
+                                     kSchemaVersion));
+        }
+        m_initialized = true;
+    } catch (Exception const& e) {
+        // Deliberately no ROLLBACK: a transaction begun above stays open on the connection.
+        // The store stays uninitialized, so none of its operations writes again; SQLite drops
+        // the transaction when close() or the destructor closes the connection.
+        logAt(logger(), ERROR,
+              [&] { return LoggerStream() + "536 " + "createDataStores(): " + e.getMessage(); });
+    }
+}
+
+int GeneralDataStore::getVersionUnlocked() const {
+    // REQUIRES: caller holds the "general_store" mutex.
+    if (!m_versionDataStore) return -1;
+    if (m_versionDataStore->count(String(), String()) != 0) {
+        String text;
+        m_versionDataStore->cellDataAtIndex(0, text, "version", String(), String());
+        if (!text.empty()) return String::strToInt(text, 10);
+    }
+    return -1;
+}
+
+int GeneralDataStore::getVersion() const {
+    AutoGlobalMutex lock(module::generalStoreMutex());
+    return getVersionUnlocked();
+}
+
+void GeneralDataStore::closeUnlocked() {
+    // REQUIRES: caller holds the "general_store" mutex.
+    // The three tables share one connection: the second and third close find it closed.
+    for (auto const* table : {&m_versionDataStore, &m_eventDataStore, &m_eventKeyValueDataStore}) {
+        if (*table) (*table)->close();
+    }
+}
+
+void GeneralDataStore::close() {
+    AutoGlobalMutex lock(module::generalStoreMutex());
+    closeUnlocked();
+}
+
+bool GeneralDataStore::checkValidity(String& error) const {
+    AutoGlobalMutex lock(module::generalStoreMutex());
+    struct Named {
+        SQLiteDataStore const* table;
+        char const* name;
+    };
+    Named const tables[] = {{m_versionDataStore.get(), "m_versionDataStore: "},
+                            {m_eventDataStore.get(), "m_eventDataStore: "},
+                            {m_eventKeyValueDataStore.get(), "m_eventKeyValueDataStore: "}};
+    for (Named const& t : tables) {
+        if (!t.table) {
+            // Never made (the opening failed): reads as a closed table.
+            error = t.name + String("Database is not open");
+            return false;
+        }
+        if (!t.table->checkValidity(error)) {
+            error = t.name + error;
+            return false;
+        }
+    }
+    return true;
+}
+
+long long GeneralDataStore::getSetIDUnlocked(String const& typeUUID, String const& guid) const {
+    // REQUIRES: caller holds the "general_store" mutex.
+    String const statement = "SELECT rowid from " + sql::identifier(kLogTable) + " WHERE " +
+                             sql::identifier("typeUUID") + " = " + sql::value(typeUUID) + " AND " +
+                             sql::identifier("guid") + " = " + sql::value(guid);
+    ResultSet result;
+    m_database->execute(statement, &result);
+    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
+    String const& cell = result.row(0).columnValue(0);
+    return cell.empty() ? -1 : String::strToInt64(cell, 10);
+}
+
+long long GeneralDataStore::getSetIDUnlocked(GenericLog const& log) const {
+    // REQUIRES: caller holds the "general_store" mutex.
+    return getSetIDUnlocked(log.typeUUID(), log.guid());
+}
+
+// ---- Logging -----------------------------------------------------------------------------
+
+bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
+    if (!m_initialized) return false;
+    // Declared outside the try block so that the ROLLBACK below still runs under the lock.
+    std::optional<AutoGlobalMutex> lock;
+    try {
+        lock.emplace(module::generalStoreMutex());
+        SQLite3Database& db = *m_database;
+
+        long long setId = getSetIDUnlocked(log);
+        bool const exists = setId != -1;
+        // One time for every row this call writes.
+        String const nowText = decimal(TimeStamp(DateTime::getCurrentUTCDateTime()).getUnixTimeStamp());
+
+        HashTable<String, String> row(32);
+        log.toRowData(row, exists, nowText);
+        db.execute("BEGIN");
+        if (exists) {
+            m_eventDataStore->update(row, "rowid", decimal(setId));
+        } else {
+            m_eventDataStore->append(row);
+        }
+
+        setId = getSetIDUnlocked(log);
+        if (setId == -1) {
+            // Deliberately neither COMMIT nor ROLLBACK: the transaction stays open. It cannot
+            // stay so for long: the next call's BEGIN fails, is logged (651) and its ROLLBACK
+            // ends the transaction, so the store recovers after that one failed call. Under
+            // the store mutex this path is not expected to be reached at all.
+            return false;
+        }
+
+        ResultSet stored;
+        db.execute(SprintfFormat("SELECT rowid, * FROM `%s` WHERE `%s`='%I64i'", kKeyValueTable,
+                                 "setID", setId),
+                   &stored);
+        HashTable<String, String> storedRowIds(32);
+        HashTable<String, LogKeyValue> storedKeyValues(32);
+        for (unsigned int i = 0; i < stored.rowCount(); ++i) {
+            ResultSetRow const& kvRow = stored.row(static_cast<int>(i));
+            String const& key = kvRow.columnValue(String("key"));
+            storedRowIds.insert(key, kvRow.columnValue(0));
+            storedKeyValues.insert(key, LogKeyValue::fromDbRow(kvRow));
+        }
+
+        LogKeyValueSet const& keyValues = log.keyValues();
+        for (unsigned int i = 0; i < keyValues.size(); ++i) {
+            LogKeyValue const& kv = keyValues.get(i);
+            LogKeyValue const* old = storedKeyValues.lookup(kv.key());
+            HashTable<String, String> kvRow(32);
+            if (!old) {
+                kv.toRowData(kvRow, setId, true, nowText);
+                m_eventKeyValueDataStore->append(kvRow);
+            } else if (!kv.areFieldValuesTheSame(*old)) {
+                kv.toRowData(kvRow, setId, false, nowText);
+                String const* rowId = storedRowIds.lookup(kv.key());
+                if (!rowId) {
+                    throw DatabaseError("Unexpected condition - could not associate rowID with record.");
+                }
+                m_eventKeyValueDataStore->update(kvRow, "rowid", *rowId);
+            }
+            // Unchanged: nothing written, so its stored time stays that of its last change.
+        }
+
+        db.execute("COMMIT");
+        return true;
+    } catch (Exception const& e) {
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "651 " + e.getMessage(); });
+        if (lock) {
+            try {
+                m_database->execute("ROLLBACK");
+            } catch (Exception const&) {
+                // No transaction was open (the failure came before BEGIN, or BEGIN itself
+                // failed on a closed connection): there is nothing to undo.
+            }
+        }
+        return false;
+    }
+}
+
+// ---- Queries -----------------------------------------------------------------------------
+
+GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
+    GenericLogList logs;
+    if (!m_initialized) return logs;
+    try {
+        Array<String> conditions;
+        if (!filter.m_typeUUID.empty()) {
+            conditions.append(condition("typeUUID", "=", sql::value(filter.m_typeUUID)));
+        }
+        if (!filter.m_guid.empty()) {
+            conditions.append(condition("guid", "=", sql::value(filter.m_guid)));
+        }
+        if (!filter.m_category.empty()) {
+            conditions.append(condition("category", "=", sql::value(filter.m_category)));
+        }
+        if (!filter.m_subCategory.empty()) {
+            conditions.append(condition("subCategory", "=", sql::value(filter.m_subCategory)));
+        }
+        if (filter.m_dateFrom != TimeStamp()) {
+            conditions.append(
+                condition("creationTimeStamp", ">=", decimal(filter.m_dateFrom.getUnixTimeStamp())));
+        }
+        if (filter.m_dateTo != TimeStamp()) {
+            conditions.append(
+                condition("creationTimeStamp", "<=", decimal(filter.m_dateTo.getUnixTimeStamp())));
+        }
+        for (unsigned int i = 0; i < filter.m_keyValues.size(); ++i) {
+            LogKeyValue const& kv = filter.m_keyValues.get(i);
+            conditions.append("kv_set.rowID IN (SELECT kv." + sql::identifier("setID") + " FROM " +
+                              sql::identifier(kKeyValueTable) + " kv WHERE kv." +
+                              sql::identifier("key") + " = " + sql::value(kv.key()) + " AND kv." +
+                              sql::identifier("value") + " = " + sql::value(kv.value()) + ")");
+        }
+
+        String statement = "SELECT kv_set.rowid, * FROM " + sql::identifier(kLogTable) + " kv_set\n";
+        for (std::size_t i = 0; i < conditions.size(); ++i) {
+            statement += (i == 0 ? " WHERE " : "\n AND ") + conditions[i];
+        }
+        if (filter.m_resultLimit != 0) statement += " LIMIT " + decimal(filter.m_resultLimit);
+
+        // Held for the per-log queries too, so a concurrent logOrUpdate is never seen half done.
+        AutoGlobalMutex lock(module::generalStoreMutex());
+        ResultSet result;
+        m_database->execute(statement, &result);
+        for (unsigned int i = 0; i < result.rowCount(); ++i) {
+            ResultSetRow const& row = result.row(static_cast<int>(i));
+            ResultSet stored;
+            m_database->execute("SELECT * from " + sql::identifier(kKeyValueTable) + " WHERE " +
+                                    sql::identifier("setID") + " = " + sql::value(row.columnValue(0)),
+                                &stored);
+            LogKeyValueSet keyValues;
+            for (unsigned int k = 0; k < stored.rowCount(); ++k) {
+                keyValues.append(LogKeyValue::fromDbRow(stored.row(static_cast<int>(k))));
+            }
+            logs.append(GenericLog::fromDbRow(row, keyValues));
+        }
+    } catch (Exception const& e) {
+        // The logs read before the failure are kept: a partial list is the intended outcome.
+        logAt(logger(), ERROR, [&] { return LoggerStream() + "717 " + "getLogs(): " + e.getMessage(); });
+    }
+    return logs;
+}
+
+}  // namespace zrn
