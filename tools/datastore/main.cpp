@@ -28,6 +28,9 @@ int main(int argc, char** argv) {
 
     try {
         app.parse(argc, argv);
+    } catch (CLI::CallForVersion const& e) {
+        std::cout << e.what() << "\n";
+        return OK;
     } catch (CLI::ParseError const& e) {
         // Help and --version end here too, with 0.
         return app.exit(e) == 0 ? OK : USAGE;

@@ -1,0 +1,161 @@
+// datastore info: for each store file, where it is, whether it exists, its size, schema
+// version, validity and the rows of each table.
+
+#include <libDataStore/AppStateDataStore.h>
+#include <libDataStore/EventDataStore.h>
+#include <libDataStore/GeneralDataStore.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
+#include <libCommon/FileSystem.h>
+#include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
+
+#include <filesystem>
+#include <iostream>
+#include <system_error>
+#include <type_traits>
+#include <vector>
+
+#include "Commands.h"
+#include "Output.h"
+
+namespace datastore {
+
+namespace {
+
+struct StoreInfo {
+    char const* name;
+    std::string path;
+    bool exists = false;
+    long long size = -1;
+    Json version;  // null when the store keeps none
+    bool valid = false;
+    std::string problem;
+    std::vector<std::pair<std::string, long long>> tables;
+};
+
+// The store's own opinion: its version and validity. Opening an existing file may complete
+// its schema, as any user of the library would; a missing file is never opened.
+template <class StoreClass>
+void askStore(StoreInfo& info, bool hasVersion) {
+    try {
+        StoreClass store{zrn::String(info.path)};
+        zrn::String error;
+        info.valid = store.checkValidity(error);
+        if (!info.valid) info.problem = error.str();
+        if constexpr (std::is_same_v<StoreClass, zrn::GeneralDataStore>) {
+            // Its failed opening shows only here.
+            if (!store.isInitialized()) info.valid = false;
+        }
+        if (hasVersion && info.valid) info.version = store.getVersion();
+    } catch (zrn::Exception const& e) {
+        info.problem = e.getMessage().str();
+    }
+}
+
+template <>
+void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool) {
+    // Never throws; a failed opening shows as invalid.
+    zrn::AppStateDataStore const store{zrn::String(info.path)};
+    zrn::String error;
+    info.valid = store.checkValidity(error);
+    if (!info.valid) info.problem = error.empty() ? "cannot open" : error.str();
+}
+
+void countRows(StoreInfo& info) {
+    try {
+        zrn::SQLite3Database database(zrn::String(info.path), zrn::SQLite3Database::FULL,
+                                      zrn::SQLite3Database::ENCODING_UTF8, zrn::SQLite3Database::OPEN_EXISTING,
+                                      zrn::SQLite3Database::READ_ONLY);
+        zrn::ResultSet names;
+        database.execute("SELECT `name` FROM `sqlite_master` WHERE `type` = 'table' "
+                         "AND `name` NOT LIKE 'sqlite_%' ORDER BY `rowid`",
+                         &names);
+        for (unsigned i = 0; i < names.rowCount(); ++i) {
+            std::string const table = names.row(static_cast<int>(i)).columnValue(0).str();
+            zrn::ResultSet count;
+            // Table names come from the file itself; a backquote in one is doubled.
+            std::string quoted;
+            for (char c : table) quoted += c == '`' ? std::string("``") : std::string(1, c);
+            database.execute(zrn::String("SELECT count(*) FROM `" + quoted + "`"), &count);
+            info.tables.emplace_back(table, zrn::String::strToInt64(count.row(0).columnValue(0), 10));
+        }
+    } catch (zrn::Exception const& e) {
+        if (info.problem.empty()) info.problem = e.getMessage().str();
+        info.valid = false;
+    }
+}
+
+StoreInfo inspect(Options const& options, Store store) {
+    StoreInfo info;
+    info.name = fileNameOf(store);
+    info.path = storePath(options, store);
+    info.exists = zrn::FileSystem::exists(info.path);
+    if (!info.exists) return info;
+    std::error_code error;
+    auto const size = std::filesystem::file_size(info.path, error);
+    if (!error) info.size = static_cast<long long>(size);
+    switch (store) {
+        case Store::AppState: askStore<zrn::AppStateDataStore>(info, false); break;
+        case Store::General: askStore<zrn::GeneralDataStore>(info, true); break;
+        case Store::Event: askStore<zrn::EventDataStore>(info, true); break;
+        case Store::SoftwareDiag: askStore<zrn::SoftwareDiagEventDataStore>(info, true); break;
+    }
+    countRows(info);
+    if (!info.valid && info.problem.empty()) info.problem = QuietLog::takeFirstError();
+    QuietLog::takeFirstError();
+    return info;
+}
+
+void info(Options const& options) {
+    std::vector<StoreInfo> stores;
+    for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag}) {
+        stores.push_back(inspect(options, store));
+    }
+
+    RecordPrinter summary({{"store", "STORE"}, {"exists", "EXISTS"}, {"size", "SIZE"}, {"version", "VERSION"},
+                           {"valid", "VALID"}, {"path", "PATH"}},
+                          options.json);
+    RecordPrinter tables({{"store", "STORE"}, {"table", "TABLE"}, {"rows", "ROWS"}}, false);
+    for (StoreInfo const& store : stores) {
+        Json record{{"store", store.name},
+                    {"path", store.path},
+                    {"exists", store.exists},
+                    {"size", store.exists && store.size >= 0 ? Json(store.size) : Json()},
+                    {"version", store.version},
+                    {"valid", store.exists ? Json(store.valid) : Json()}};
+        if (!store.problem.empty()) record["problem"] = store.problem;
+        Json rows = Json::object();
+        for (auto const& [table, count] : store.tables) {
+            rows[table] = count;
+            tables.add(Json{{"store", store.name}, {"table", table}, {"rows", count}});
+        }
+        if (options.json) record["tables"] = std::move(rows);
+        summary.add(std::move(record));
+    }
+    summary.print(std::cout);
+    if (!options.json && tables.count() > 0) {
+        std::cout << "\n";
+        tables.print(std::cout);
+    }
+
+    // A store that is there but cannot be used is a store error, after the report.
+    for (StoreInfo const& store : stores) {
+        if (store.exists && !store.valid) {
+            throw ToolError(STORE, store.path + ": not usable: " + store.problem);
+        }
+    }
+}
+
+}  // namespace
+
+void addInfoCommand(CLI::App& app, Options& options) {
+    CLI::App* c = app.add_subcommand("info", "Each store file: path, existence, size, schema version, validity, "
+                                            "rows per table (never creates a store)");
+    addDirOption(*c, options);
+    addJsonOption(*c, options);
+    c->footer("Example: datastore info --dir /var/lib/diagnostics/datastore");
+    c->callback([&options] { info(options); });
+}
+
+}  // namespace datastore
