@@ -71,7 +71,7 @@ void apps(Options const& options, EventArgs const& args) {
     auto const database = openReadOnly(store.path());
     try {
         database->execute("SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "
-                          "FROM `ApplicationRuns` ORDER BY `appId` DESC",
+                          "FROM `ApplicationRuns` ORDER BY CAST(`startTime` AS INTEGER) DESC, `appId` DESC",
                           &rows);
     } catch (zrn::Exception const& e) {
         storeFailure(store.path(), "cannot read the application runs: " + e.getMessage().str());

@@ -1,0 +1,478 @@
+// The built datastore tool, run as a separate process on stores made by its own demo: its
+// JSON is checked against what the library reads from the same files.
+
+#include <libDataStore/AppStateDataStore.h>
+#include <libDataStore/EventDataStore.h>
+#include <libDataStore/GeneralDataStore.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
+#include <libCommon/DateTime.h>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "TestSupport.h"
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace zrn {
+namespace {
+
+using Json = nlohmann::json;
+
+struct ToolRun {
+    int code = -1;
+    std::string out;
+    std::string err;
+
+    // Every line of standard output as one JSON object.
+    std::vector<Json> records() const {
+        std::vector<Json> result;
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            Json record = Json::parse(line);
+            EXPECT_TRUE(record.is_object()) << line;
+            result.push_back(std::move(record));
+        }
+        return result;
+    }
+    std::vector<std::string> lines() const {
+        std::vector<std::string> result;
+        std::istringstream stream(out);
+        for (std::string line; std::getline(stream, line);) result.push_back(line);
+        return result;
+    }
+};
+
+std::string quoted(std::string const& text) {
+    std::string result = "'";
+    for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
+EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
+long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
+long long secondsOf(Json const& iso) { return DateTime(String(iso.get<std::string>())).unixTimeStamp(); }
+
+class DatastoreToolTest : public ::testing::Test {
+protected:
+    // Runs the tool with `args` (plus --dir of this test unless `withDir` is false), with the
+    // library's own log settings cleared, and `columns` as the terminal width (0: none).
+    ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
+        std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE ";
+        command += columns > 0 ? "COLUMNS=" + std::to_string(columns) : "-u COLUMNS";
+        command += " " + quoted(DATASTORE_TOOL);
+        for (auto const& arg : args) command += " " + quoted(arg);
+        if (withDir) command += " --dir " + quoted(m_stores);
+        std::string const errFile = m_dir.file("stderr.txt");
+        command += " 2>" + quoted(errFile);
+
+        ToolRun run;
+        FILE* pipe = ::popen(command.c_str(), "r");
+        if (!pipe) return run;
+        char buffer[4096];
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+        int const status = ::pclose(pipe);
+        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        run.err = test::readFile(errFile);
+        return run;
+    }
+
+    void demo() const {
+        ToolRun const run = tool({"demo"});
+        ASSERT_EQ(run.code, 0) << run.err;
+        ASSERT_EQ(run.err, "");
+    }
+
+    std::string store(char const* name) const { return m_stores + "/" + name; }
+
+    test::TempDir m_dir;
+    // Deliberately not there yet: the demo must create it.
+    std::string const m_stores = m_dir.file("stores");
+};
+
+TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryReads) {
+    demo();
+    EventDataStore events{String(store("event.db"))};
+
+    // Application runs.
+    std::vector<Json> const apps = tool({"apps", "--json"}).records();
+    ASSERT_EQ(apps.size(), 1u);
+    long long const appId = apps[0]["appId"].get<long long>();
+    EXPECT_EQ(secondsOf(apps[0]["start"]), secondsOf(events.getAppStartTime(appId)));
+    EXPECT_EQ(secondsOf(apps[0]["end"]), secondsOf(events.getAppEndTime(appId)));
+    EXPECT_EQ(apps[0]["seconds"].get<long long>(), events.appRunTime(appId));
+    EXPECT_EQ(apps[0]["typeOfRun"], events.getAppTypeOfRun(appId).str());
+
+    // Script runs, their test runs and events.
+    std::vector<ScriptResultLog> const scripts = events.scriptResultLogs(boost::none, boost::none, boost::none,
+                                                                         boost::none, boost::none, 0);
+    std::vector<Json> const scriptRecords = tool({"scripts", "--json"}).records();
+    ASSERT_EQ(scriptRecords.size(), 2u);
+    ASSERT_EQ(scripts.size(), 2u);
+    for (std::size_t i = 0; i < scripts.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(scriptRecords[i]["scriptId"], scripts[i].scriptId());
+        EXPECT_EQ(scriptRecords[i]["name"], scripts[i].name().str());
+        EXPECT_EQ(scriptRecords[i]["result"], scripts[i].result().str());
+        EXPECT_EQ(scriptRecords[i]["guid"], scripts[i].guid().str());
+        EXPECT_EQ(scriptRecords[i]["scriptXml"], scripts[i].scriptXml().str());
+        EXPECT_EQ(secondsOf(scriptRecords[i]["start"]), secondsOf(scripts[i].startTime()));
+        EXPECT_EQ(secondsOf(scriptRecords[i]["end"]), secondsOf(scripts[i].endTime()));
+
+        long long const scriptId = scripts[i].scriptId();
+        std::vector<TestRunResultLog> const runs = events.testRunResultLogs(scriptId, at(0), at(0), 0);
+        std::vector<Json> const testRecords = tool({"tests", std::to_string(scriptId), "--json"}).records();
+        ASSERT_EQ(testRecords.size(), runs.size());
+        ASSERT_EQ(runs.size(), 3u);
+        for (std::size_t t = 0; t < runs.size(); ++t) {
+            EXPECT_EQ(testRecords[t]["testId"], runs[t].testId());
+            EXPECT_EQ(testRecords[t]["result"], runs[t].result().str());
+            EXPECT_EQ(testRecords[t]["errorCode"], runs[t].errorCode().str());
+            EXPECT_EQ(testRecords[t]["deviceGuid"], runs[t].deviceGuid().str());
+            EXPECT_EQ(secondsOf(testRecords[t]["start"]), secondsOf(runs[t].timeStamp()));
+        }
+        std::vector<Json> const eventRecords = tool({"events", "--script", std::to_string(scriptId), "--json"}).records();
+        std::vector<TestRunEventResultLog> const logged = events.scriptRunEventResultLogs(scriptId, at(0), at(0), 0);
+        ASSERT_EQ(eventRecords.size(), logged.size());
+        for (std::size_t e = 0; e < logged.size(); ++e) {
+            EXPECT_EQ(eventRecords[e]["message"], logged[e].message().str());
+            EXPECT_EQ(eventRecords[e]["eventCode"], logged[e].eventCode().str());
+        }
+    }
+
+    // Alerts, their tracked marks, key/values and tips.
+    std::vector<AlertResultLog> const alerts = events.alertResultLogs(at(0), at(0), "", false, 0);
+    std::vector<Json> const alertRecords = tool({"alerts", "--json"}).records();
+    ASSERT_EQ(alerts.size(), 3u);
+    ASSERT_EQ(alertRecords.size(), alerts.size());
+    int tracked = 0;
+    for (std::size_t i = 0; i < alerts.size(); ++i) {
+        EXPECT_EQ(alertRecords[i]["alertId"], alerts[i].alertId());
+        EXPECT_EQ(alertRecords[i]["guid"], alerts[i].guid().str());
+        EXPECT_EQ(alertRecords[i]["tracked"].get<bool>(), events.alertTracked(alerts[i].guid()));
+        tracked += alertRecords[i]["tracked"].get<bool>();
+
+        long long const id = alerts[i].alertId();
+        std::map<std::string, std::string> expected, shown;
+        for (auto const& kv : events.alertKeyValueResultLogs(id)) expected[kv.key().str()] = kv.value().str();
+        std::size_t tips = 0;
+        for (Json const& record : tool({"alert", std::to_string(id), "--json"}).records()) {
+            if (record["record"] == "keyValue") shown[record["key"].get<std::string>()] = record["value"].get<std::string>();
+            if (record["record"] == "tip") ++tips;
+            if (record["record"] == "alert") {
+                EXPECT_EQ(record["alertId"], id);
+            }
+        }
+        EXPECT_EQ(shown, expected);
+        EXPECT_EQ(expected.size(), 3u);
+        EXPECT_EQ(tips, events.alertTipResultLogs(id, at(0), at(0), 0).size());
+        EXPECT_EQ(tips, 1u);
+    }
+    EXPECT_EQ(tracked, 1);
+
+    // Generic logs with their key/values.
+    GeneralDataStore general{String(store("genstore.db"))};
+    GenericLogList const logs = general.getLogs(GenericLogFilter());
+    std::map<std::string, std::map<std::string, std::string>> expectedLogs, shownLogs;
+    for (unsigned i = 0; i < logs.size(); ++i) {
+        for (unsigned k = 0; k < logs.get(i).keyValues().size(); ++k) {
+            auto const& kv = logs.get(i).keyValues().get(k);
+            expectedLogs[logs.get(i).guid().str()][kv.key().str()] = kv.value().str();
+        }
+    }
+    for (Json const& record : tool({"logs", "--json"}).records()) {
+        for (Json const& kv : record["keyValues"]) {
+            shownLogs[record["guid"].get<std::string>()][kv["key"].get<std::string>()] = kv["value"].get<std::string>();
+        }
+    }
+    EXPECT_EQ(shownLogs, expectedLogs);
+    EXPECT_EQ(shownLogs.size(), 3u);
+
+    // Application state.
+    AppStateDataStore state{String(store("appstate.db"))};
+    std::map<std::string, std::string> expectedItems, shownItems;
+    for (auto const& [key, data] : state.getItems("")) expectedItems[key.str()] = data.str();
+    for (Json const& record : tool({"state", "list", "--json"}).records()) {
+        shownItems[record["key"].get<std::string>()] = record["data"].get<std::string>();
+        EXPECT_EQ(record["group"], state.group(String(record["key"].get<std::string>())).str());
+    }
+    EXPECT_EQ(shownItems, expectedItems);
+    EXPECT_EQ(shownItems.size(), 5u);
+
+    // The repair session as a whole: diagnostics, issues and the fix actions linked to them.
+    SoftwareDiagEventDataStore repair{String(store("softwarediagevent.db"))};
+    SessionLog const session = repair.getLastSessionLog();
+    std::multiset<std::string> kinds;
+    std::map<long long, std::vector<long long>> fixesOfIssue;
+    for (Json const& record : tool({"session", std::to_string(session.sessionId()), "--json"}).records()) {
+        kinds.insert(record["record"].get<std::string>());
+        if (record["record"] == "issue") {
+            fixesOfIssue[record["issueId"].get<long long>()] = record["fixActionIds"].get<std::vector<long long>>();
+        }
+        if (record["record"] == "fixTransaction") {
+            EXPECT_EQ(record["restorePoint"], repair.getFixTransactionBySession(session).restorePointUuid().str());
+        }
+    }
+    EXPECT_EQ(kinds, (std::multiset<std::string>{"session", "runTransaction", "fixTransaction", "diagnostic",
+                                                 "diagnostic", "diagnostic", "issue", "issue", "issue",
+                                                 "fixAction", "fixAction", "fixAction"}));
+    IssueList const issues = repair.getIssuesBySession(session, false, 0);
+    ASSERT_EQ(issues.size(), 3u);
+    for (unsigned i = 0; i < issues.size(); ++i) {
+        FixActionList const fixes = repair.getFixActionsByIssue(issues.get(i), false, 0);
+        ASSERT_EQ(fixes.size(), 1u);
+        EXPECT_EQ(fixesOfIssue[issues.get(i).issueId()], std::vector<long long>{fixes.get(0).fixActionId()});
+    }
+
+    // info: the row counts are those of the files.
+    std::vector<Json> const info = tool({"info", "--json"}).records();
+    ASSERT_EQ(info.size(), 4u);
+    for (Json const& record : info) {
+        SCOPED_TRACE(record.dump());
+        EXPECT_TRUE(record["exists"].get<bool>());
+        EXPECT_TRUE(record["valid"].get<bool>());
+        test::RawDb raw(record["path"].get<std::string>(), true);
+        for (auto const& [table, rows] : record["tables"].items()) {
+            EXPECT_EQ(std::to_string(rows.get<long long>()), raw.scalar("SELECT count(*) FROM `" + table + "`"));
+        }
+        EXPECT_EQ(record["size"].get<long long>(), static_cast<long long>(std::filesystem::file_size(record["path"].get<std::string>())));
+    }
+    EXPECT_EQ(info[2]["store"], "event.db");
+    EXPECT_EQ(info[2]["version"], 3);
+    EXPECT_EQ(info[2]["tables"]["TestRuns"], 6);
+    EXPECT_TRUE(info[0]["version"].is_null());  // appstate.db keeps no version
+}
+
+TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
+    demo();
+    demo();  // a second, earlier day
+
+    std::vector<Json> const apps = tool({"apps", "--json"}).records();
+    ASSERT_EQ(apps.size(), 2u);
+    // Newest first; the second demo recorded the day before the first.
+    long long const laterDay = secondsOf(apps[0]["start"]);
+    long long const earlierDay = secondsOf(apps[1]["start"]);
+    EXPECT_GT(laterDay, earlierDay);
+    std::string const since = DateTime::fromUnixTimeStamp(laterDay).toLocalTime().toString().str().substr(0, 10);
+    std::string const until = DateTime::fromUnixTimeStamp(earlierDay).toLocalTime().toString().str().substr(0, 10);
+
+    EXPECT_EQ(tool({"scripts", "--json"}).records().size(), 4u);
+    for (Json const& script : tool({"scripts", "--json", "--since", since}).records()) {
+        EXPECT_GE(secondsOf(script["start"]), laterDay);
+    }
+    EXPECT_EQ(tool({"scripts", "--json", "--since", since}).records().size(), 2u);
+    // A bare date as --until covers that whole day.
+    EXPECT_EQ(tool({"scripts", "--json", "--until", until}).records().size(), 2u);
+    EXPECT_EQ(tool({"alerts", "--json", "--until", until}).records().size(), 3u);
+    EXPECT_EQ(tool({"apps", "--json", "--since", std::to_string(laterDay)}).records().size(), 1u);
+    EXPECT_EQ(tool({"scripts", "--json", "--limit", "3"}).records().size(), 3u);
+
+    std::vector<Json> const untracked = tool({"alerts", "--json", "--untracked"}).records();
+    EXPECT_EQ(untracked.size(), 4u);
+    for (Json const& alert : untracked) EXPECT_FALSE(alert["tracked"].get<bool>());
+    std::vector<Json> const software = tool({"alerts", "--json", "--type", "Software"}).records();
+    EXPECT_EQ(software.size(), 2u);
+    for (Json const& alert : software) EXPECT_EQ(alert["type"], "Software");
+
+    std::vector<Json> const temperatures = tool({"measurements", "--json", "--type", "CPU temperature"}).records();
+    EXPECT_EQ(temperatures.size(), 16u);
+    for (Json const& m : temperatures) EXPECT_EQ(m["type"], "CPU temperature");
+    EXPECT_EQ(tool({"scriptlets", "--json", "--status", "WARN"}).records().size(), 4u);
+    EXPECT_EQ(tool({"diffs", "--json", "--category", "Drivers"}).records().size(), 2u);
+
+    // Generic logs by category and by key/values: every requirement must hold.
+    EXPECT_EQ(tool({"logs", "--json"}).records().size(), 6u);
+    EXPECT_EQ(tool({"logs", "--json", "--category", "Power"}).records().size(), 2u);
+    std::vector<Json> const warnings = tool({"logs", "--json", "--kv", "Status=Warning"}).records();
+    EXPECT_EQ(warnings.size(), 4u);
+    EXPECT_EQ(tool({"logs", "--json", "--kv", "Status=Warning", "--kv", "Wear=29%"}).records().size(), 2u);
+    EXPECT_EQ(tool({"logs", "--json", "--kv", "Status=warning"}).records().size(), 0u);
+    EXPECT_EQ(tool({"logs", "--json", "--guid", warnings.at(0)["guid"].get<std::string>()}).records().size(), 1u);
+
+    // Recent failures of a device: the disk still fails, the memory passed after reseating.
+    std::vector<Json> const disk = tool({"failures", "8d2f4a61-5b3c-4f9e-a7d0-1c6e9b2f3a58", "--json"}).records();
+    ASSERT_EQ(disk.size(), 1u);
+    EXPECT_EQ(disk[0]["testName"], "Disk SMART check");
+    EXPECT_GE(secondsOf(disk[0]["start"]), laterDay);
+    EXPECT_EQ(tool({"failures", "3f6b9c2e-1a4d-4e7b-9c0f-5d2e8a7b6c41", "--json"}).records().size(), 0u);
+    EXPECT_EQ(tool({"failures", "--json"}).records().size(), 6u);
+
+    // Events of one test are a part of its script's.
+    long long const scriptId = tool({"scripts", "--json", "--limit", "1"}).records().at(0)["scriptId"].get<long long>();
+    std::vector<Json> const tests = tool({"tests", std::to_string(scriptId), "--json"}).records();
+    std::size_t perTest = 0;
+    for (Json const& t : tests) {
+        perTest += tool({"events", "--test", std::to_string(t["testId"].get<long long>()), "--json"}).records().size();
+    }
+    EXPECT_EQ(perTest, tool({"events", "--script", std::to_string(scriptId), "--json"}).records().size());
+
+    EXPECT_EQ(tool({"state", "list", "--group", "ui", "--json"}).records().size(), 2u);
+    EXPECT_EQ(tool({"sessions", "--json", "--limit", "1"}).records().size(), 1u);
+    EXPECT_EQ(tool({"sessions", "--json"}).records().size(), 2u);
+}
+
+TEST_F(DatastoreToolTest, InspectionRefusesAMissingStoreWithoutCreatingIt) {
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"apps"}, {"alerts", "--json"}, {"tests", "1"}, {"logs"},
+                                               {"state", "list"}, {"state", "get", "k"}, {"state", "rm", "k"},
+                                               {"sessions"}, {"session", "1"}}) {
+        SCOPED_TRACE(args[0]);
+        ToolRun const run = tool(args);
+        EXPECT_EQ(run.code, 2);
+        EXPECT_EQ(run.out, "");
+        // One line naming the file.
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_NE(run.err.find(m_stores + "/"), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("no such store"), std::string::npos) << run.err;
+    }
+    // --file names the store itself.
+    ToolRun const one = tool({"alerts", "--file", m_dir.file("elsewhere.db")}, false);
+    EXPECT_EQ(one.code, 2);
+    EXPECT_EQ(one.err, "datastore: " + m_dir.file("elsewhere.db") +
+                           ": no such store (nothing was created; record with 'datastore demo' or give --dir/--file)\n");
+    EXPECT_FALSE(std::filesystem::exists(m_dir.file("elsewhere.db")));
+
+    // info reports what is missing and still creates nothing.
+    ToolRun const info = tool({"info", "--json"});
+    EXPECT_EQ(info.code, 0) << info.err;
+    for (Json const& record : info.records()) EXPECT_FALSE(record["exists"].get<bool>());
+    EXPECT_FALSE(std::filesystem::exists(m_stores));
+}
+
+TEST_F(DatastoreToolTest, UsageErrorsExitWithOneAndSayWhy) {
+    demo();
+    ToolRun const bad = tool({"alerts", "--since", "yesterday"});
+    EXPECT_EQ(bad.code, 1);
+    EXPECT_EQ(bad.out, "");
+    EXPECT_EQ(bad.err, "datastore: --since: cannot read 'yesterday' as a date (2026-11-23), a date-time "
+                       "(2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z) or Unix seconds\n");
+
+    for (std::vector<std::string> const& args : std::vector<std::vector<std::string>>{
+             {"scripts", "--since", "2026-13-01"},
+             {"scripts", "--until", "2026-11-23T25:00"},
+             {"scripts", "--since", "2026-11-23", "--until", "2026-11-22"},
+             {"alerts", "--limit", "-1"},
+             {"alerts", "--no-such-option"},
+             {"events"},
+             {"tips", "--test", "1", "--alert", "1"},
+             {"logs", "--kv", "novalue"},
+             {"logs", "--kv", "a=1", "--kv", "a=2"},
+             {"tests"},
+             {"frobnicate"}}) {
+        SCOPED_TRACE(args[0] + " " + (args.size() > 1 ? args[1] : ""));
+        ToolRun const run = tool(args);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_EQ(run.out, "");
+        EXPECT_FALSE(run.err.empty());
+    }
+    ToolRun const none = tool({}, false);
+    EXPECT_EQ(none.code, 1);
+}
+
+TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
+    std::filesystem::create_directories(m_stores);
+    test::writeFile(store("event.db"), "this is not a database, just text long enough to be looked at");
+    ToolRun const run = tool({"alerts"});
+    EXPECT_EQ(run.code, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err.rfind("datastore: " + store("event.db") + ": cannot open: ", 0), 0u) << run.err;
+    EXPECT_NE(run.err.find("not a database"), std::string::npos) << run.err;
+
+    // info reports everything, then fails on the unusable store.
+    ToolRun const info = tool({"info", "--json"});
+    EXPECT_EQ(info.code, 2);
+    std::vector<Json> const records = info.records();
+    ASSERT_EQ(records.size(), 4u);
+    EXPECT_FALSE(records[2]["valid"].get<bool>());
+    EXPECT_EQ(info.err.rfind("datastore: " + store("event.db") + ": not usable: ", 0), 0u) << info.err;
+
+    // Things that are not there.
+    std::filesystem::remove(store("event.db"));
+    demo();
+    EXPECT_EQ(tool({"state", "get", "no.such.key"}).err,
+              "datastore: " + store("appstate.db") + ": no item with the key 'no.such.key'\n");
+    EXPECT_EQ(tool({"session", "999"}).code, 2);
+    EXPECT_EQ(tool({"alert", "999"}).code, 2);
+}
+
+TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
+    // Recording creates the folder and the store.
+    ASSERT_EQ(tool({"state", "set", "ui.theme", "light", "--group", "ui"}).code, 0);
+    EXPECT_EQ(tool({"state", "get", "ui.theme"}).out, "light\n");
+    ToolRun const replaced = tool({"state", "set", "ui.theme", "it's dark", "--group", "look"});
+    EXPECT_EQ(replaced.code, 0) << replaced.err;
+
+    AppStateDataStore state{String(store("appstate.db"))};
+    EXPECT_EQ(state.data("ui.theme").str(), "it's dark");
+    EXPECT_EQ(state.group("ui.theme").str(), "look");
+    EXPECT_EQ(state.count(""), 1);
+    Json const item = tool({"state", "get", "ui.theme", "--json"}).records().at(0);
+    EXPECT_EQ(item["group"], "look");
+    EXPECT_EQ(secondsOf(item["written"]), std::chrono::duration_cast<std::chrono::seconds>(
+                                              state.entryTime("ui.theme")->time_since_epoch()).count());
+
+    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 0);
+    EXPECT_FALSE(state.contains("ui.theme"));
+    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 2);
+}
+
+TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
+    demo();
+    ToolRun const wide = tool({"alerts"});
+    ASSERT_EQ(wide.code, 0);
+    std::vector<std::string> const lines = wide.lines();
+    ASSERT_EQ(lines.size(), 4u);  // header and three alerts
+    EXPECT_EQ(lines[0].rfind("ALERT  TIME", 0), 0u) << lines[0];
+    // Every column starts where its header does.
+    std::size_t const message = lines[0].find("MESSAGE");
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i][message - 1], ' ');
+        EXPECT_NE(lines[i][message], ' ');
+    }
+    EXPECT_NE(wide.out.find("Reallocated sector count rose to 112 (threshold 100)."), std::string::npos);
+
+    ToolRun const narrow = tool({"alerts"}, true, 80);
+    for (std::string const& line : narrow.lines()) EXPECT_LE(String(line).size(), 80u) << line;
+    EXPECT_NE(narrow.out.find("..."), std::string::npos);
+    EXPECT_EQ(narrow.lines().size(), 4u);
+}
+
+TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
+    ToolRun const top = tool({"--help"}, false);
+    EXPECT_EQ(top.code, 0);
+    for (char const* command : {"demo", "info", "apps", "scripts", "tests", "events", "tips", "failures",
+                                "alerts", "alert", "measurements", "diffs", "scriptlets", "logs", "state",
+                                "sessions", "session"}) {
+        SCOPED_TRACE(command);
+        // Listed as a command of its own ("alert" is not "alerts"), possibly with an alias.
+        std::string const listed = std::string("\n  ") + command;
+        bool found = false;
+        for (std::size_t at = top.out.find(listed); at != std::string::npos && !found; at = top.out.find(listed, at + 1)) {
+            char const next = top.out[at + listed.size()];
+            found = next == ' ' || next == ',';
+        }
+        EXPECT_TRUE(found);
+        ToolRun const help = tool({command, "--help"}, false);
+        EXPECT_EQ(help.code, 0);
+        EXPECT_NE(help.out.find(std::string("Example: datastore ") + command), std::string::npos) << help.out;
+    }
+    for (char const* command : {"list", "get", "set", "rm"}) {
+        ToolRun const help = tool({"state", command, "--help"}, false);
+        EXPECT_EQ(help.code, 0);
+        EXPECT_NE(help.out.find("Example: datastore state " + std::string(command)), std::string::npos) << help.out;
+    }
+}
+
+}  // namespace
+}  // namespace zrn
