@@ -1,16 +1,38 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test twice: a normal build, then one under
 # AddressSanitizer + UndefinedBehaviorSanitizer that halts on the first report.
+# The normal phase also installs into a fresh prefix and builds and runs an outside project
+# (examples/consumer) against it, once through CMake's package and once through pkg-config.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh
 jobs=$(nproc)
 
+# ---- Phase 1: normal build, tests, install and an outside consumer
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATASTORE_BUILD_TESTS=ON -DDATASTORE_BUILD_EXAMPLES=ON -DDATASTORE_BUILD_BENCHMARKS=ON
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 
+prefix="$PWD/build/install"
+consumer="$PWD/build/consumer"
+rm -rf "$prefix" "$consumer"
+cmake --install build --prefix "$prefix"
+cmake -S examples/consumer -B "$consumer" -DCMAKE_PREFIX_PATH="$prefix"
+cmake --build "$consumer" -j "$jobs"
+"$consumer/consumer" "$consumer/event.db"
+
+pcdir=$(dirname "$(find "$prefix" -name datastore.pc -print -quit)")
+libdir=$(PKG_CONFIG_PATH="$pcdir" pkg-config --variable=libdir datastore)
+# shellcheck disable=SC2046 # the flags are meant to split
+g++ -o "$consumer/consumer-pkgconfig" examples/consumer/main.cpp \
+    $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs datastore) -Wl,-rpath,"$libdir"
+"$consumer/consumer-pkgconfig" "$consumer/event-pkgconfig.db"
+
+"$prefix/bin/datastore" demo --dir "$consumer/stores" > /dev/null
+"$prefix/bin/datastore" info --dir "$consumer/stores"
+
+# ---- Phase 2: everything again under the sanitizers
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DDATASTORE_SANITIZE=ON -DDATASTORE_BUILD_TESTS=ON -DDATASTORE_BUILD_BENCHMARKS=OFF
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=halt_on_error=1:detect_leaks=1 \

@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -442,10 +443,13 @@ TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
     }
     EXPECT_NE(wide.out.find("Reallocated sector count rose to 112 (threshold 100)."), std::string::npos);
 
+    // Texts are cut to fit; numbers and times never are.
     ToolRun const narrow = tool({"alerts"}, true, 80);
+    ASSERT_EQ(narrow.lines().size(), 4u);
     for (std::string const& line : narrow.lines()) EXPECT_LE(String(line).size(), 80u) << line;
     EXPECT_NE(narrow.out.find("..."), std::string::npos);
-    EXPECT_EQ(narrow.lines().size(), 4u);
+    std::regex const time("^[0-9]+ +[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}  ");
+    for (std::size_t i = 1; i < 4; ++i) EXPECT_TRUE(std::regex_search(narrow.lines()[i], time)) << narrow.lines()[i];
 }
 
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 
@@ -15,6 +16,20 @@ namespace datastore {
 namespace {
 
 std::size_t characters(std::string const& text) { return zrn::String(text).size(); }
+
+// Numbers and times are never cut: a cut one would read as another value.
+bool uncuttable(Json const& value) {
+    if (value.is_null() || value.is_number() || value.is_boolean()) return true;
+    if (!value.is_string()) return false;
+    std::string const& text = value.get_ref<std::string const&>();
+    static char const pattern[] = "0000-00-00 00:00:00";
+    if (text.size() != sizeof pattern - 1) return text.empty();
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        bool const digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+        if (pattern[i] == '0' ? !digit : text[i] != pattern[i]) return false;
+    }
+    return true;
+}
 
 std::string padded(std::string const& text, std::size_t width) {
     std::size_t const length = characters(text);
@@ -97,11 +112,13 @@ void RecordPrinter::print(std::ostream& out) const {
     std::size_t const columns = m_fields.size();
     std::vector<std::vector<std::string>> cells;
     std::vector<std::size_t> widths(columns);
+    std::vector<bool> fixed(columns, true);
     for (std::size_t c = 0; c < columns; ++c) widths[c] = characters(m_fields[c].header);
     for (auto const& record : m_records) {
         std::vector<std::string> row;
         for (std::size_t c = 0; c < columns; ++c) {
             auto const it = record.find(m_fields[c].key);
+            if (it != record.end() && !uncuttable(*it)) fixed[c] = false;
             std::string text = it == record.end() ? "" : displayText(*it);
             std::replace(text.begin(), text.end(), '\n', ' ');
             std::replace(text.begin(), text.end(), '\t', ' ');
@@ -111,11 +128,14 @@ void RecordPrinter::print(std::ostream& out) const {
         cells.push_back(std::move(row));
     }
 
-    // Shrink the widest column that can still give until the line fits; no column goes below
-    // its header or 8 characters, so a very narrow terminal still gets readable, longer lines.
+    // Shrink the widest text column that can still give until the line fits; no column goes
+    // below its header or 8 characters, so a very narrow terminal still gets readable, longer
+    // lines. Columns of numbers and times keep their width.
     std::size_t const limit = terminalWidth();
     std::vector<std::size_t> floors(columns);
-    for (std::size_t c = 0; c < columns; ++c) floors[c] = std::max<std::size_t>(8, characters(m_fields[c].header));
+    for (std::size_t c = 0; c < columns; ++c) {
+        floors[c] = fixed[c] ? widths[c] : std::max<std::size_t>(8, characters(m_fields[c].header));
+    }
     std::size_t total = columns ? 2 * (columns - 1) : 0;
     for (auto w : widths) total += w;
     for (; limit > 0 && total > limit; --total) {
