@@ -1,9 +1,8 @@
 // Logs an application run into an event store and reads it back, through the installed
 // package only. Usage: consumer [STORE-FILE] (default: ./consumer-event.db).
 
-#include <libDataStore/EventDataStore.h>
-
 #include <libCommon/Exception.h>
+#include <libDataStore/EventDataStore.h>
 
 #include <ctime>
 #include <iostream>
@@ -15,7 +14,8 @@ int main(int argc, char** argv) {
     try {
         EventDataStore store(path);
         long long const start = static_cast<long long>(std::time(nullptr));
-        boost::optional<long long> const run = store.logAppStart("Consumer", "example", "Smoke test", at(start));
+        boost::optional<long long> const run =
+            store.logAppStart("Consumer", "example", "Smoke test", at(start));
         if (!run) {
             std::cerr << "consumer: no id for the application run\n";
             return 1;
@@ -24,8 +24,8 @@ int main(int argc, char** argv) {
 
         String const type = store.getAppTypeOfRun(*run);
         long long const seconds = store.appRunTime(*run);
-        std::cout << "application run " << *run << " in " << path << ": type \"" << type << "\", " << seconds
-                  << " seconds\n";
+        std::cout << "application run " << *run << " in " << path << ": type \"" << type << "\", "
+                  << seconds << " seconds\n";
         bool const readBack = type == "Smoke test" && seconds == 42 &&
                               store.getAppStartTime(*run).time_since_epoch().count() == start;
         if (!readBack) std::cerr << "consumer: the run did not read back as it was logged\n";

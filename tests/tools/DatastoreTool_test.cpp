@@ -1,18 +1,12 @@
 // The built datastore tool, run as a separate process on stores made by its own demo: its
 // JSON is checked against what the library reads from the same files.
 
+#include <gtest/gtest.h>
+#include <libCommon/DateTime.h>
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
-
-#include <libCommon/DateTime.h>
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include "TestSupport.h"
-
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -20,11 +14,14 @@
 #include <cstdio>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -63,7 +60,9 @@ std::string quoted(std::string const& text) {
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
-long long secondsOf(Json const& iso) { return DateTime(String(iso.get<std::string>())).unixTimeStamp(); }
+long long secondsOf(Json const& iso) {
+    return DateTime(String(iso.get<std::string>())).unixTimeStamp();
+}
 
 class DatastoreToolTest : public ::testing::Test {
 protected:
@@ -82,7 +81,8 @@ protected:
         FILE* pipe = ::popen(command.c_str(), "r");
         if (!pipe) return run;
         char buffer[4096];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.out.append(buffer, n);
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+            run.out.append(buffer, n);
         int const status = ::pclose(pipe);
         run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         run.err = test::readFile(errFile);
@@ -116,8 +116,8 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
     EXPECT_EQ(apps[0]["typeOfRun"], events.getAppTypeOfRun(appId).str());
 
     // Script runs, their test runs and events.
-    std::vector<ScriptResultLog> const scripts = events.scriptResultLogs(boost::none, boost::none, boost::none,
-                                                                         boost::none, boost::none, 0);
+    std::vector<ScriptResultLog> const scripts =
+        events.scriptResultLogs(boost::none, boost::none, boost::none, boost::none, boost::none, 0);
     std::vector<Json> const scriptRecords = tool({"scripts", "--json"}).records();
     ASSERT_EQ(scriptRecords.size(), 2u);
     ASSERT_EQ(scripts.size(), 2u);
@@ -132,8 +132,10 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
         EXPECT_EQ(secondsOf(scriptRecords[i]["end"]), secondsOf(scripts[i].endTime()));
 
         long long const scriptId = scripts[i].scriptId();
-        std::vector<TestRunResultLog> const runs = events.testRunResultLogs(scriptId, at(0), at(0), 0);
-        std::vector<Json> const testRecords = tool({"tests", std::to_string(scriptId), "--json"}).records();
+        std::vector<TestRunResultLog> const runs =
+            events.testRunResultLogs(scriptId, at(0), at(0), 0);
+        std::vector<Json> const testRecords =
+            tool({"tests", std::to_string(scriptId), "--json"}).records();
         ASSERT_EQ(testRecords.size(), runs.size());
         ASSERT_EQ(runs.size(), 3u);
         for (std::size_t t = 0; t < runs.size(); ++t) {
@@ -143,8 +145,10 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
             EXPECT_EQ(testRecords[t]["deviceGuid"], runs[t].deviceGuid().str());
             EXPECT_EQ(secondsOf(testRecords[t]["start"]), secondsOf(runs[t].timeStamp()));
         }
-        std::vector<Json> const eventRecords = tool({"events", "--script", std::to_string(scriptId), "--json"}).records();
-        std::vector<TestRunEventResultLog> const logged = events.scriptRunEventResultLogs(scriptId, at(0), at(0), 0);
+        std::vector<Json> const eventRecords =
+            tool({"events", "--script", std::to_string(scriptId), "--json"}).records();
+        std::vector<TestRunEventResultLog> const logged =
+            events.scriptRunEventResultLogs(scriptId, at(0), at(0), 0);
         ASSERT_EQ(eventRecords.size(), logged.size());
         for (std::size_t e = 0; e < logged.size(); ++e) {
             EXPECT_EQ(eventRecords[e]["message"], logged[e].message().str());
@@ -166,10 +170,12 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
 
         long long const id = alerts[i].alertId();
         std::map<std::string, std::string> expected, shown;
-        for (auto const& kv : events.alertKeyValueResultLogs(id)) expected[kv.key().str()] = kv.value().str();
+        for (auto const& kv : events.alertKeyValueResultLogs(id))
+            expected[kv.key().str()] = kv.value().str();
         std::size_t tips = 0;
         for (Json const& record : tool({"alert", std::to_string(id), "--json"}).records()) {
-            if (record["record"] == "keyValue") shown[record["key"].get<std::string>()] = record["value"].get<std::string>();
+            if (record["record"] == "keyValue")
+                shown[record["key"].get<std::string>()] = record["value"].get<std::string>();
             if (record["record"] == "tip") ++tips;
             if (record["record"] == "alert") {
                 EXPECT_EQ(record["alertId"], id);
@@ -194,7 +200,8 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
     }
     for (Json const& record : tool({"logs", "--json"}).records()) {
         for (Json const& kv : record["keyValues"]) {
-            shownLogs[record["guid"].get<std::string>()][kv["key"].get<std::string>()] = kv["value"].get<std::string>();
+            shownLogs[record["guid"].get<std::string>()][kv["key"].get<std::string>()] =
+                kv["value"].get<std::string>();
         }
     }
     EXPECT_EQ(shownLogs, expectedLogs);
@@ -216,24 +223,29 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
     SessionLog const session = repair.getLastSessionLog();
     std::multiset<std::string> kinds;
     std::map<long long, std::vector<long long>> fixesOfIssue;
-    for (Json const& record : tool({"session", std::to_string(session.sessionId()), "--json"}).records()) {
+    for (Json const& record :
+         tool({"session", std::to_string(session.sessionId()), "--json"}).records()) {
         kinds.insert(record["record"].get<std::string>());
         if (record["record"] == "issue") {
-            fixesOfIssue[record["issueId"].get<long long>()] = record["fixActionIds"].get<std::vector<long long>>();
+            fixesOfIssue[record["issueId"].get<long long>()] =
+                record["fixActionIds"].get<std::vector<long long>>();
         }
         if (record["record"] == "fixTransaction") {
-            EXPECT_EQ(record["restorePoint"], repair.getFixTransactionBySession(session).restorePointUuid().str());
+            EXPECT_EQ(record["restorePoint"],
+                      repair.getFixTransactionBySession(session).restorePointUuid().str());
         }
     }
-    EXPECT_EQ(kinds, (std::multiset<std::string>{"session", "runTransaction", "fixTransaction", "diagnostic",
-                                                 "diagnostic", "diagnostic", "issue", "issue", "issue",
-                                                 "fixAction", "fixAction", "fixAction"}));
+    EXPECT_EQ(kinds,
+              (std::multiset<std::string>{
+                  "session", "runTransaction", "fixTransaction", "diagnostic", "diagnostic",
+                  "diagnostic", "issue", "issue", "issue", "fixAction", "fixAction", "fixAction"}));
     IssueList const issues = repair.getIssuesBySession(session, false, 0);
     ASSERT_EQ(issues.size(), 3u);
     for (unsigned i = 0; i < issues.size(); ++i) {
         FixActionList const fixes = repair.getFixActionsByIssue(issues.get(i), false, 0);
         ASSERT_EQ(fixes.size(), 1u);
-        EXPECT_EQ(fixesOfIssue[issues.get(i).issueId()], std::vector<long long>{fixes.get(0).fixActionId()});
+        EXPECT_EQ(fixesOfIssue[issues.get(i).issueId()],
+                  std::vector<long long>{fixes.get(0).fixActionId()});
     }
 
     // info: the row counts are those of the files.
@@ -245,9 +257,12 @@ TEST_F(DatastoreToolTest, DemoCreatesTheFolderAndItsJsonMatchesWhatTheLibraryRea
         EXPECT_TRUE(record["valid"].get<bool>());
         test::RawDb raw(record["path"].get<std::string>(), true);
         for (auto const& [table, rows] : record["tables"].items()) {
-            EXPECT_EQ(std::to_string(rows.get<long long>()), raw.scalar("SELECT count(*) FROM `" + table + "`"));
+            EXPECT_EQ(std::to_string(rows.get<long long>()),
+                      raw.scalar("SELECT count(*) FROM `" + table + "`"));
         }
-        EXPECT_EQ(record["size"].get<long long>(), static_cast<long long>(std::filesystem::file_size(record["path"].get<std::string>())));
+        EXPECT_EQ(
+            record["size"].get<long long>(),
+            static_cast<long long>(std::filesystem::file_size(record["path"].get<std::string>())));
     }
     EXPECT_EQ(info[2]["store"], "event.db");
     EXPECT_EQ(info[2]["version"], 3);
@@ -265,8 +280,10 @@ TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
     long long const laterDay = secondsOf(apps[0]["start"]);
     long long const earlierDay = secondsOf(apps[1]["start"]);
     EXPECT_GT(laterDay, earlierDay);
-    std::string const since = DateTime::fromUnixTimeStamp(laterDay).toLocalTime().toString().str().substr(0, 10);
-    std::string const until = DateTime::fromUnixTimeStamp(earlierDay).toLocalTime().toString().str().substr(0, 10);
+    std::string const since =
+        DateTime::fromUnixTimeStamp(laterDay).toLocalTime().toString().str().substr(0, 10);
+    std::string const until =
+        DateTime::fromUnixTimeStamp(earlierDay).toLocalTime().toString().str().substr(0, 10);
 
     EXPECT_EQ(tool({"scripts", "--json"}).records().size(), 4u);
     for (Json const& script : tool({"scripts", "--json", "--since", since}).records()) {
@@ -286,7 +303,8 @@ TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
     EXPECT_EQ(software.size(), 2u);
     for (Json const& alert : software) EXPECT_EQ(alert["type"], "Software");
 
-    std::vector<Json> const temperatures = tool({"measurements", "--json", "--type", "CPU temperature"}).records();
+    std::vector<Json> const temperatures =
+        tool({"measurements", "--json", "--type", "CPU temperature"}).records();
     EXPECT_EQ(temperatures.size(), 16u);
     for (Json const& m : temperatures) EXPECT_EQ(m["type"], "CPU temperature");
     EXPECT_EQ(tool({"scriptlets", "--json", "--status", "WARN"}).records().size(), 4u);
@@ -297,26 +315,38 @@ TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
     EXPECT_EQ(tool({"logs", "--json", "--category", "Power"}).records().size(), 2u);
     std::vector<Json> const warnings = tool({"logs", "--json", "--kv", "Status=Warning"}).records();
     EXPECT_EQ(warnings.size(), 4u);
-    EXPECT_EQ(tool({"logs", "--json", "--kv", "Status=Warning", "--kv", "Wear=29%"}).records().size(), 2u);
+    EXPECT_EQ(
+        tool({"logs", "--json", "--kv", "Status=Warning", "--kv", "Wear=29%"}).records().size(),
+        2u);
     EXPECT_EQ(tool({"logs", "--json", "--kv", "Status=warning"}).records().size(), 0u);
-    EXPECT_EQ(tool({"logs", "--json", "--guid", warnings.at(0)["guid"].get<std::string>()}).records().size(), 1u);
+    EXPECT_EQ(tool({"logs", "--json", "--guid", warnings.at(0)["guid"].get<std::string>()})
+                  .records()
+                  .size(),
+              1u);
 
     // Recent failures of a device: the disk still fails, the memory passed after reseating.
-    std::vector<Json> const disk = tool({"failures", "8d2f4a61-5b3c-4f9e-a7d0-1c6e9b2f3a58", "--json"}).records();
+    std::vector<Json> const disk =
+        tool({"failures", "8d2f4a61-5b3c-4f9e-a7d0-1c6e9b2f3a58", "--json"}).records();
     ASSERT_EQ(disk.size(), 1u);
     EXPECT_EQ(disk[0]["testName"], "Disk SMART check");
     EXPECT_GE(secondsOf(disk[0]["start"]), laterDay);
-    EXPECT_EQ(tool({"failures", "3f6b9c2e-1a4d-4e7b-9c0f-5d2e8a7b6c41", "--json"}).records().size(), 0u);
+    EXPECT_EQ(tool({"failures", "3f6b9c2e-1a4d-4e7b-9c0f-5d2e8a7b6c41", "--json"}).records().size(),
+              0u);
     EXPECT_EQ(tool({"failures", "--json"}).records().size(), 6u);
 
     // Events of one test are a part of its script's.
-    long long const scriptId = tool({"scripts", "--json", "--limit", "1"}).records().at(0)["scriptId"].get<long long>();
+    long long const scriptId =
+        tool({"scripts", "--json", "--limit", "1"}).records().at(0)["scriptId"].get<long long>();
     std::vector<Json> const tests = tool({"tests", std::to_string(scriptId), "--json"}).records();
     std::size_t perTest = 0;
     for (Json const& t : tests) {
-        perTest += tool({"events", "--test", std::to_string(t["testId"].get<long long>()), "--json"}).records().size();
+        perTest +=
+            tool({"events", "--test", std::to_string(t["testId"].get<long long>()), "--json"})
+                .records()
+                .size();
     }
-    EXPECT_EQ(perTest, tool({"events", "--script", std::to_string(scriptId), "--json"}).records().size());
+    EXPECT_EQ(perTest,
+              tool({"events", "--script", std::to_string(scriptId), "--json"}).records().size());
 
     EXPECT_EQ(tool({"state", "list", "--group", "ui", "--json"}).records().size(), 2u);
     EXPECT_EQ(tool({"sessions", "--json", "--limit", "1"}).records().size(), 1u);
@@ -325,9 +355,15 @@ TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
 
 TEST_F(DatastoreToolTest, InspectionRefusesAMissingStoreWithoutCreatingIt) {
     for (std::vector<std::string> const& args :
-         std::vector<std::vector<std::string>>{{"apps"}, {"alerts", "--json"}, {"tests", "1"}, {"logs"},
-                                               {"state", "list"}, {"state", "get", "k"}, {"state", "rm", "k"},
-                                               {"sessions"}, {"session", "1"}}) {
+         std::vector<std::vector<std::string>>{{"apps"},
+                                               {"alerts", "--json"},
+                                               {"tests", "1"},
+                                               {"logs"},
+                                               {"state", "list"},
+                                               {"state", "get", "k"},
+                                               {"state", "rm", "k"},
+                                               {"sessions"},
+                                               {"session", "1"}}) {
         SCOPED_TRACE(args[0]);
         ToolRun const run = tool(args);
         EXPECT_EQ(run.code, 2);
@@ -341,7 +377,8 @@ TEST_F(DatastoreToolTest, InspectionRefusesAMissingStoreWithoutCreatingIt) {
     ToolRun const one = tool({"alerts", "--file", m_dir.file("elsewhere.db")}, false);
     EXPECT_EQ(one.code, 2);
     EXPECT_EQ(one.err, "datastore: " + m_dir.file("elsewhere.db") +
-                           ": no such store (nothing was created; record with 'datastore demo' or give --dir/--file)\n");
+                           ": no such store (nothing was created; record with 'datastore demo' or "
+                           "give --dir/--file)\n");
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("elsewhere.db")));
 
     // info reports what is missing and still creates nothing.
@@ -356,8 +393,10 @@ TEST_F(DatastoreToolTest, UsageErrorsExitWithOneAndSayWhy) {
     ToolRun const bad = tool({"alerts", "--since", "yesterday"});
     EXPECT_EQ(bad.code, 1);
     EXPECT_EQ(bad.out, "");
-    EXPECT_EQ(bad.err, "datastore: --since: cannot read 'yesterday' as a date (2026-11-23), a date-time "
-                       "(2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z) or Unix seconds\n");
+    EXPECT_EQ(
+        bad.err,
+        "datastore: --since: cannot read 'yesterday' as a date (2026-11-23), a date-time "
+        "(2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z) or Unix seconds\n");
 
     for (std::vector<std::string> const& args : std::vector<std::vector<std::string>>{
              {"scripts", "--since", "2026-13-01"},
@@ -383,11 +422,13 @@ TEST_F(DatastoreToolTest, UsageErrorsExitWithOneAndSayWhy) {
 
 TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     std::filesystem::create_directories(m_stores);
-    test::writeFile(store("event.db"), "this is not a database, just text long enough to be looked at");
+    test::writeFile(store("event.db"),
+                    "this is not a database, just text long enough to be looked at");
     ToolRun const run = tool({"alerts"});
     EXPECT_EQ(run.code, 2);
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err.rfind("datastore: " + store("event.db") + ": cannot open: ", 0), 0u) << run.err;
+    EXPECT_EQ(run.err.rfind("datastore: " + store("event.db") + ": cannot open: ", 0), 0u)
+        << run.err;
     EXPECT_NE(run.err.find("not a database"), std::string::npos) << run.err;
 
     // info reports everything, then fails on the unusable store.
@@ -396,7 +437,8 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     std::vector<Json> const records = info.records();
     ASSERT_EQ(records.size(), 4u);
     EXPECT_FALSE(records[2]["valid"].get<bool>());
-    EXPECT_EQ(info.err.rfind("datastore: " + store("event.db") + ": not usable: ", 0), 0u) << info.err;
+    EXPECT_EQ(info.err.rfind("datastore: " + store("event.db") + ": not usable: ", 0), 0u)
+        << info.err;
 
     // Things that are not there.
     std::filesystem::remove(store("event.db"));
@@ -421,7 +463,8 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
     Json const item = tool({"state", "get", "ui.theme", "--json"}).records().at(0);
     EXPECT_EQ(item["group"], "look");
     EXPECT_EQ(secondsOf(item["written"]), std::chrono::duration_cast<std::chrono::seconds>(
-                                              state.entryTime("ui.theme")->time_since_epoch()).count());
+                                              state.entryTime("ui.theme")->time_since_epoch())
+                                              .count());
 
     EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 0);
     EXPECT_FALSE(state.contains("ui.theme"));
@@ -441,7 +484,8 @@ TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
         EXPECT_EQ(lines[i][message - 1], ' ');
         EXPECT_NE(lines[i][message], ' ');
     }
-    EXPECT_NE(wide.out.find("Reallocated sector count rose to 112 (threshold 100)."), std::string::npos);
+    EXPECT_NE(wide.out.find("Reallocated sector count rose to 112 (threshold 100)."),
+              std::string::npos);
 
     // Texts are cut to fit; numbers and times never are.
     ToolRun const narrow = tool({"alerts"}, true, 80);
@@ -449,32 +493,37 @@ TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
     for (std::string const& line : narrow.lines()) EXPECT_LE(String(line).size(), 80u) << line;
     EXPECT_NE(narrow.out.find("..."), std::string::npos);
     std::regex const time("^[0-9]+ +[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}  ");
-    for (std::size_t i = 1; i < 4; ++i) EXPECT_TRUE(std::regex_search(narrow.lines()[i], time)) << narrow.lines()[i];
+    for (std::size_t i = 1; i < 4; ++i)
+        EXPECT_TRUE(std::regex_search(narrow.lines()[i], time)) << narrow.lines()[i];
 }
 
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
     ToolRun const top = tool({"--help"}, false);
     EXPECT_EQ(top.code, 0);
-    for (char const* command : {"demo", "info", "apps", "scripts", "tests", "events", "tips", "failures",
-                                "alerts", "alert", "measurements", "diffs", "scriptlets", "logs", "state",
-                                "sessions", "session"}) {
+    for (char const* command :
+         {"demo", "info", "apps", "scripts", "tests", "events", "tips", "failures", "alerts",
+          "alert", "measurements", "diffs", "scriptlets", "logs", "state", "sessions", "session"}) {
         SCOPED_TRACE(command);
         // Listed as a command of its own ("alert" is not "alerts"), possibly with an alias.
         std::string const listed = std::string("\n  ") + command;
         bool found = false;
-        for (std::size_t at = top.out.find(listed); at != std::string::npos && !found; at = top.out.find(listed, at + 1)) {
+        for (std::size_t at = top.out.find(listed); at != std::string::npos && !found;
+             at = top.out.find(listed, at + 1)) {
             char const next = top.out[at + listed.size()];
             found = next == ' ' || next == ',';
         }
         EXPECT_TRUE(found);
         ToolRun const help = tool({command, "--help"}, false);
         EXPECT_EQ(help.code, 0);
-        EXPECT_NE(help.out.find(std::string("Example: datastore ") + command), std::string::npos) << help.out;
+        EXPECT_NE(help.out.find(std::string("Example: datastore ") + command), std::string::npos)
+            << help.out;
     }
     for (char const* command : {"list", "get", "set", "rm"}) {
         ToolRun const help = tool({"state", command, "--help"}, false);
         EXPECT_EQ(help.code, 0);
-        EXPECT_NE(help.out.find("Example: datastore state " + std::string(command)), std::string::npos) << help.out;
+        EXPECT_NE(help.out.find("Example: datastore state " + std::string(command)),
+                  std::string::npos)
+            << help.out;
     }
 }
 

@@ -1,12 +1,11 @@
 #include "Context.h"
 
-#include <libDataStore/DataStoreSettings.h>
-
 #include <libCommon/DateTime.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 #include <libCommon/SQLite3Database.h>
+#include <libDataStore/DataStoreSettings.h>
 
 #include <algorithm>
 #include <cctype>
@@ -21,10 +20,14 @@ namespace datastore {
 
 char const* fileNameOf(Store store) {
     switch (store) {
-        case Store::AppState: return "appstate.db";
-        case Store::General: return "genstore.db";
-        case Store::Event: return "event.db";
-        case Store::SoftwareDiag: return "softwarediagevent.db";
+        case Store::AppState:
+            return "appstate.db";
+        case Store::General:
+            return "genstore.db";
+        case Store::Event:
+            return "event.db";
+        case Store::SoftwareDiag:
+            return "softwarediagevent.db";
     }
     return "";
 }
@@ -32,9 +35,15 @@ char const* fileNameOf(Store store) {
 std::string defaultFolder(Store store) {
     std::string folder;
     switch (store) {
-        case Store::AppState: folder = zrn::DataStoreSettings::appStateDataStorePath().str(); break;
-        case Store::General: folder = zrn::DataStoreSettings::generalDataStorePath().str(); break;
-        case Store::Event: folder = zrn::DataStoreSettings::eventDataStorePath().str(); break;
+        case Store::AppState:
+            folder = zrn::DataStoreSettings::appStateDataStorePath().str();
+            break;
+        case Store::General:
+            folder = zrn::DataStoreSettings::generalDataStorePath().str();
+            break;
+        case Store::Event:
+            folder = zrn::DataStoreSettings::eventDataStorePath().str();
+            break;
         case Store::SoftwareDiag:
             folder = zrn::DataStoreSettings::softwareDiagEventDataStorePath().str();
             break;
@@ -55,8 +64,9 @@ std::string storePath(Options const& options, Store store) {
 std::string existingStorePath(Options const& options, Store store) {
     std::string const path = storePath(options, store);
     if (!zrn::FileSystem::exists(path)) {
-        throw ToolError(STORE, path + ": no such store (nothing was created; record with "
-                                      "'datastore demo' or give --dir/--file)");
+        throw ToolError(STORE, path +
+                                   ": no such store (nothing was created; record with "
+                                   "'datastore demo' or give --dir/--file)");
     }
     return path;
 }
@@ -67,7 +77,9 @@ std::string recordingStorePath(Options const& options, Store store) {
     std::error_code error;
     if (!folder.empty() && !std::filesystem::is_directory(folder, error)) {
         std::filesystem::create_directories(folder, error);
-        if (error) throw ToolError(STORE, folder.string() + ": cannot create the folder: " + error.message());
+        if (error)
+            throw ToolError(STORE,
+                            folder.string() + ": cannot create the folder: " + error.message());
     }
     return path;
 }
@@ -84,8 +96,9 @@ std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path) {
 
 long long parseTime(std::string const& text, char const* option, bool endOfDay) {
     if (text.empty()) return 0;
-    bool const allDigits = std::all_of(text.begin(), text.end(),
-                                       [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+    bool const allDigits = std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isdigit(static_cast<unsigned char>(c));
+    });
     if (allDigits && text.size() <= 18) return std::stoll(text);
 
     // A bare date as an upper bound means the whole day; asking for its last second lets
@@ -93,9 +106,10 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay) 
     bool const dateOnly = text.size() == 10 && text[4] == '-' && text[7] == '-';
     zrn::DateTime const parsed{zrn::String(dateOnly && endOfDay ? text + "T23:59:59" : text)};
     if (!parsed.isInitialized() || parsed.unixTimeStamp() <= 0) {
-        throw ToolError(USAGE, std::string(option) + ": cannot read '" + text +
-                                   "' as a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
-                                   "optionally with an offset such as +01:00 or Z) or Unix seconds");
+        throw ToolError(USAGE,
+                        std::string(option) + ": cannot read '" + text +
+                            "' as a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
+                            "optionally with an offset such as +01:00 or Z) or Unix seconds");
     }
     return parsed.unixTimeStamp();
 }
@@ -105,7 +119,8 @@ TimeRange timeRange(Options const& options) {
     range.since = parseTime(options.since, "--since", false);
     range.until = parseTime(options.until, "--until", true);
     if (range.since > 0 && range.until > 0 && range.since > range.until) {
-        throw ToolError(USAGE, "--since '" + options.since + "' is after --until '" + options.until + "'");
+        throw ToolError(USAGE,
+                        "--since '" + options.since + "' is after --until '" + options.until + "'");
     }
     return range;
 }
@@ -113,8 +128,8 @@ TimeRange timeRange(Options const& options) {
 // ---- Options
 
 void addDirOption(CLI::App& command, Options& options) {
-    command.add_option("--dir", options.dir, "Folder of all stores (default: " +
-                                                 defaultFolder(Store::Event) + ")");
+    command.add_option("--dir", options.dir,
+                       "Folder of all stores (default: " + defaultFolder(Store::Event) + ")");
 }
 
 void addLocationOptions(CLI::App& command, Options& options) {
@@ -127,17 +142,19 @@ void addJsonOption(CLI::App& command, Options& options) {
 }
 
 void addLimitOption(CLI::App& command, Options& options) {
-    command.add_option("--limit", options.limit, "At most N records (0: all)")->check(CLI::NonNegativeNumber);
+    command.add_option("--limit", options.limit, "At most N records (0: all)")
+        ->check(CLI::NonNegativeNumber);
 }
 
 void addRangeOptions(CLI::App& command, Options& options) {
     command.add_option("--since", options.since, "From this date, date-time or Unix second");
-    command.add_option("--until", options.until, "Up to this date (whole day), date-time or Unix second");
+    command.add_option("--until", options.until,
+                       "Up to this date (whole day), date-time or Unix second");
 }
 
 CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
-                        std::string const& description, std::string const& example,
-                        bool withRange, bool withLimit) {
+                        std::string const& description, std::string const& example, bool withRange,
+                        bool withLimit) {
     CLI::App* command = parent.add_subcommand(name, description);
     addLocationOptions(*command, options);
     addJsonOption(*command, options);

@@ -6,7 +6,6 @@
 #include <libCommon/Exception.h>
 
 #include <CLI/CLI.hpp>
-
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -23,7 +22,8 @@ enum ExitCode { OK = 0, USAGE = 1, STORE = 2 };
 // Ends the program with one line on standard error and the given exit code.
 class ToolError : public std::runtime_error {
 public:
-    ToolError(ExitCode code, std::string const& message) : std::runtime_error(message), m_code(code) {}
+    ToolError(ExitCode code, std::string const& message)
+        : std::runtime_error(message), m_code(code) {}
     ExitCode code() const { return m_code; }
 
 private:
@@ -78,7 +78,7 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay);
 
 // Adds the options a subcommand understands.
 void addLocationOptions(CLI::App& command, Options& options);  // --dir, --file
-void addDirOption(CLI::App& command, Options& options);         // --dir only
+void addDirOption(CLI::App& command, Options& options);        // --dir only
 void addJsonOption(CLI::App& command, Options& options);
 void addLimitOption(CLI::App& command, Options& options);
 void addRangeOptions(CLI::App& command, Options& options);

@@ -6,12 +6,11 @@
 // already stored. The machine's devices, tests and script keep their GUIDs from day to day,
 // so days can be compared; alerts, logs, restore points and repairs get new ones.
 
+#include <libCommon/DateTime.h>
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
-
-#include <libCommon/DateTime.h>
 
 #include <cmath>
 #include <cstdio>
@@ -47,9 +46,12 @@ char const kScriptGuid[] = "6f1d2a9e-3b5c-4d7e-8f90-a1b2c3d4e5f6";
 char const kScriptName[] = "Quick hardware check";
 char const kScriptXml[] =
     "<script name=\"Quick hardware check\" version=\"2\">\n"
-    "  <test name=\"Memory pattern test\" guid=\"0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90\" device=\"Memory\"/>\n"
-    "  <test name=\"Disk SMART check\" guid=\"5a3d9f02-6c1e-4b7a-8d4f-2e9c0b7a1f63\" device=\"Storage\"/>\n"
-    "  <test name=\"Battery health\" guid=\"e2c4a7f9-8b1d-4c6e-a3f5-9d0b2e7c4a18\" device=\"Battery\"/>\n"
+    "  <test name=\"Memory pattern test\" guid=\"0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90\" "
+    "device=\"Memory\"/>\n"
+    "  <test name=\"Disk SMART check\" guid=\"5a3d9f02-6c1e-4b7a-8d4f-2e9c0b7a1f63\" "
+    "device=\"Storage\"/>\n"
+    "  <test name=\"Battery health\" guid=\"e2c4a7f9-8b1d-4c6e-a3f5-9d0b2e7c4a18\" "
+    "device=\"Battery\"/>\n"
     "</script>";
 
 char const kHealthType[] = "2c5e8f1a-4b7d-4e3a-9f6c-0d1b2a3c4e5f";     // hardware health summaries
@@ -59,8 +61,9 @@ std::string newGuid() {
     static std::mt19937_64 random{std::random_device{}()};
     unsigned long long const a = random(), b = random();
     char text[40];
-    std::snprintf(text, sizeof text, "%08llx-%04llx-4%03llx-%04llx-%012llx", a >> 32, (a >> 16) & 0xffff,
-                  a & 0xfff, 0x8000 | (b >> 48 & 0x3fff), b & 0xffffffffffffULL);
+    std::snprintf(text, sizeof text, "%08llx-%04llx-4%03llx-%04llx-%012llx", a >> 32,
+                  (a >> 16) & 0xffff, a & 0xfff, 0x8000 | (b >> 48 & 0x3fff),
+                  b & 0xffffffffffffULL);
     return text;
 }
 
@@ -125,62 +128,71 @@ struct EventDay {
 };
 
 long long required(boost::optional<long long> const& id, char const* what) {
-    if (!id || *id <= 0) throw zrn::Exception(zrn::String(std::string("no id for the new ") + what));
+    if (!id || *id <= 0)
+        throw zrn::Exception(zrn::String(std::string("no id for the new ") + what));
     return *id;
 }
 
-void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& test, long long start, bool initialize) {
+void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& test, long long start,
+             bool initialize) {
     long long testId;
     if (initialize) {
         // A test that reports an initialisation phase before it runs.
-        testId = required(store.logTestInitializing(scriptId, test.name, test.device.name, test.guid, test.device.guid,
-                                                    test.device.type, "INITIALIZING", at(start), 1),
+        testId = required(store.logTestInitializing(scriptId, test.name, test.device.name,
+                                                    test.guid, test.device.guid, test.device.type,
+                                                    "INITIALIZING", at(start), 1),
                           "test run");
         store.logTestInitialized(testId, "RUNNING", at(start + 20));
     } else {
-        testId = required(store.logTestStart(scriptId, test.name, test.device.name, test.guid, test.device.guid,
-                                             test.device.type, "RUNNING", at(start), 1),
-                          "test run");
+        testId = required(
+            store.logTestStart(scriptId, test.name, test.device.name, test.guid, test.device.guid,
+                               test.device.type, "RUNNING", at(start), 1),
+            "test run");
     }
-    store.logTestRunEvent(testId, zrn::String(std::string("Started on ") + test.device.name), "INFO", "1000", "",
-                          at(start + 1));
+    store.logTestRunEvent(testId, zrn::String(std::string("Started on ") + test.device.name),
+                          "INFO", "1000", "", at(start + 1));
     bool const failed = std::string(test.result) == "FAIL";
     if (test.device.type == kMemory.type && failed) {
-        store.logTestRunEvent(testId, "Pattern 0x55AA mismatch at 0x3A2F1000 (bit 17)", "ERROR", "2031", "MEM-31",
-                              at(start + 95));
+        store.logTestRunEvent(testId, "Pattern 0x55AA mismatch at 0x3A2F1000 (bit 17)", "ERROR",
+                              "2031", "MEM-31", at(start + 95));
         store.logTestRunTip(testId, "memory.reseat", "Action", "Reseat the memory module",
                             "Switch off, unplug, and press DIMM A1 firmly into its slot.",
-                            "If the error returns after reseating, replace the module.", at(start + 96));
+                            "If the error returns after reseating, replace the module.",
+                            at(start + 96));
     } else if (test.device.type == kDisk.type && failed) {
-        store.logTestRunEvent(testId, "Reallocated sector count 112 exceeds threshold 100", "ERROR", "3112",
-                              "DSK-112", at(start + 40));
+        store.logTestRunEvent(testId, "Reallocated sector count 112 exceeds threshold 100", "ERROR",
+                              "3112", "DSK-112", at(start + 40));
         store.logTestRunTip(testId, "disk.backup", "Action", "Back up your data",
                             "Copy important files to another drive today.",
-                            "The drive is remapping failing sectors; more failures are likely.", at(start + 41));
+                            "The drive is remapping failing sectors; more failures are likely.",
+                            at(start + 41));
     } else if (test.device.type == kBattery.type) {
-        store.logTestRunEvent(testId, "Full charge capacity 39800 mWh of 56000 mWh design (71%)", "WARNING", "4071",
-                              "", at(start + 30));
+        store.logTestRunEvent(testId, "Full charge capacity 39800 mWh of 56000 mWh design (71%)",
+                              "WARNING", "4071", "", at(start + 30));
     }
-    store.logTestRunEvent(testId, zrn::String(std::string("Finished: ") + test.result), "INFO", "1001", "",
-                          at(start + 120));
+    store.logTestRunEvent(testId, zrn::String(std::string("Finished: ") + test.result), "INFO",
+                          "1001", "", at(start + 120));
     store.logTestFinished(testId, test.result, test.errorCode, at(start + 120));
 }
 
-long long runScript(zrn::EventDataStore& store, long long appId, long long start, std::vector<TestPlan> const& tests) {
-    long long const scriptId =
-        required(store.logScriptStart(appId, "RUNNING", kScriptGuid, kScriptName, at(start), 1, kScriptXml),
-                 "script run");
+long long runScript(zrn::EventDataStore& store, long long appId, long long start,
+                    std::vector<TestPlan> const& tests) {
+    long long const scriptId = required(
+        store.logScriptStart(appId, "RUNNING", kScriptGuid, kScriptName, at(start), 1, kScriptXml),
+        "script run");
     bool failed = false;
     for (std::size_t i = 0; i < tests.size(); ++i) {
         runTest(store, scriptId, tests[i], start + 10 + static_cast<long long>(i) * 150, i == 0);
         failed = failed || std::string(tests[i].result) == "FAIL";
     }
-    store.logScriptFinished(scriptId, failed ? "FAIL" : "PASS", at(start + 10 + static_cast<long long>(tests.size()) * 150));
+    store.logScriptFinished(scriptId, failed ? "FAIL" : "PASS",
+                            at(start + 10 + static_cast<long long>(tests.size()) * 150));
     return scriptId;
 }
 
-zrn::EventDataStore::AlertData alertData(long long appId, long long time, char const* key, char const* type,
-                                         char const* title, char const* message, char const* device,
+zrn::EventDataStore::AlertData alertData(long long appId, long long time, char const* key,
+                                         char const* type, char const* title, char const* message,
+                                         char const* device,
                                          std::vector<std::pair<zrn::String, zrn::String>> keyValues,
                                          zrn::TipResultLog tip) {
     zrn::EventDataStore::AlertData alert;
@@ -199,16 +211,20 @@ zrn::EventDataStore::AlertData alertData(long long appId, long long time, char c
 
 EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
     EventDay recorded;
-    long long const app = required(store.logAppStart("Diagnostics Suite", zrn::String(userName()), "Scheduled",
-                                                     at(day.at(8, 55))),
+    long long const app = required(store.logAppStart("Diagnostics Suite", zrn::String(userName()),
+                                                     "Scheduled", at(day.at(8, 55))),
                                    "application run");
     recorded.appId = app;
 
     // Morning: memory and disk fail. Afternoon, after the memory was reseated: only the disk.
-    TestPlan const memoryFail{"Memory pattern test", "0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90", kMemory, "FAIL", "MEM-0031"};
-    TestPlan const memoryPass{"Memory pattern test", "0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90", kMemory, "PASS", ""};
-    TestPlan const disk{"Disk SMART check", "5a3d9f02-6c1e-4b7a-8d4f-2e9c0b7a1f63", kDisk, "FAIL", "DSK-0112"};
-    TestPlan const battery{"Battery health", "e2c4a7f9-8b1d-4c6e-a3f5-9d0b2e7c4a18", kBattery, "PASS", ""};
+    TestPlan const memoryFail{"Memory pattern test", "0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90",
+                              kMemory, "FAIL", "MEM-0031"};
+    TestPlan const memoryPass{"Memory pattern test", "0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90",
+                              kMemory, "PASS", ""};
+    TestPlan const disk{"Disk SMART check", "5a3d9f02-6c1e-4b7a-8d4f-2e9c0b7a1f63", kDisk, "FAIL",
+                        "DSK-0112"};
+    TestPlan const battery{"Battery health", "e2c4a7f9-8b1d-4c6e-a3f5-9d0b2e7c4a18", kBattery,
+                           "PASS", ""};
     recorded.scriptIds.push_back(runScript(store, app, day.at(9, 0), {memoryFail, disk, battery}));
     recorded.scriptIds.push_back(runScript(store, app, day.at(14, 0), {memoryPass, disk, battery}));
 
@@ -219,20 +235,21 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
                   zrn::TipResultLog("disk.backup", "Action", "Back up your data",
                                     "Copy important files to another drive today.",
                                     "The drive is remapping failing sectors.", at(day.at(9, 7)))),
-        alertData(app, day.at(9, 12), "battery.wear", "Hardware", "Battery capacity low",
-                  "The battery holds 71% of its design capacity.", kBattery.name,
-                  {{"designCapacity", "56000 mWh"}, {"fullChargeCapacity", "39800 mWh"}, {"wear", "29%"}},
-                  zrn::TipResultLog("battery.calibrate", "Advice", "Calibrate the battery",
-                                    "Charge to 100%, then run on battery until it switches off.", "",
-                                    at(day.at(9, 12)))),
+        alertData(
+            app, day.at(9, 12), "battery.wear", "Hardware", "Battery capacity low",
+            "The battery holds 71% of its design capacity.", kBattery.name,
+            {{"designCapacity", "56000 mWh"}, {"fullChargeCapacity", "39800 mWh"}, {"wear", "29%"}},
+            zrn::TipResultLog("battery.calibrate", "Advice", "Calibrate the battery",
+                              "Charge to 100%, then run on battery until it switches off.", "",
+                              at(day.at(9, 12)))),
     };
     if (!store.logAlerts(alerts)) throw zrn::Exception("the morning's alerts were not recorded");
     zrn::EventDataStore::AlertData const driver = alertData(
         app, day.at(11, 30), "driver.update", "Software", "Driver update available",
         "A newer Wi-Fi driver is available: 22.10.0 (installed 21.40.1).", "Wi-Fi adapter",
         {{"driver", "Example Wi-Fi driver"}, {"installed", "21.40.1"}, {"available", "22.10.0"}},
-        zrn::TipResultLog("driver.update", "Action", "Update the driver", "Let the repair tool install 22.10.0.", "",
-                          at(day.at(11, 30))));
+        zrn::TipResultLog("driver.update", "Action", "Update the driver",
+                          "Let the repair tool install 22.10.0.", "", at(day.at(11, 30))));
     if (!store.logAlert(driver)) throw zrn::Exception("the driver alert was not recorded");
     for (auto const& alert : alerts) recorded.alertGuids.push_back(alert.guid.str());
     recorded.alertGuids.push_back(driver.guid.str());
@@ -245,23 +262,28 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
         auto const start = static_cast<unsigned>(day.at(hour, 0));
         auto const middle = static_cast<unsigned>(day.at(hour, 30));
         auto const end = static_cast<unsigned>(day.at(hour, 59, 59));
-        store.logMeasurement("CPU temperature", start, middle, end, 71.0 + 12 * load, 38.0 + 2 * load,
-                             49.5 + 6 * load, 48.0 + 6 * load, 360);
-        store.logMeasurement("Memory usage", start, middle, end, 82.0 + 9 * load, 41.0, 58.0 + 8 * load,
-                             57.5 + 8 * load, 360);
+        store.logMeasurement("CPU temperature", start, middle, end, 71.0 + 12 * load,
+                             38.0 + 2 * load, 49.5 + 6 * load, 48.0 + 6 * load, 360);
+        store.logMeasurement("Memory usage", start, middle, end, 82.0 + 9 * load, 41.0,
+                             58.0 + 8 * load, 57.5 + 8 * load, 360);
     }
 
     store.logProfilerDiff(app, "Drivers", day.at(14, 30), 2,
-                          "{\"added\":[\"Example Wi-Fi driver 22.10.0\"],\"removed\":[\"Example Wi-Fi driver 21.40.1\"]}");
+                          "{\"added\":[\"Example Wi-Fi driver 22.10.0\"],\"removed\":[\"Example "
+                          "Wi-Fi driver 21.40.1\"]}");
     store.logProfilerDiff(app, "Startup programs", day.at(14, 31), 3,
                           "{\"disabled\":[\"Updater Helper\",\"Chat Launcher\",\"Photo Sync\"]}");
 
-    store.logScriptletResult(app, "disk.freeSpace", "Storage", "23% free", "WARN", at(day.at(9, 10)));
+    store.logScriptletResult(app, "disk.freeSpace", "Storage", "23% free", "WARN",
+                             at(day.at(9, 10)));
     store.logScriptletResult(app, "network.latency", "Network", "14 ms", "OK", at(day.at(9, 10)));
-    store.logScriptletResult(app, "os.pendingUpdates", "System", "3 updates", "WARN", at(day.at(9, 11)));
+    store.logScriptletResult(app, "os.pendingUpdates", "System", "3 updates", "WARN",
+                             at(day.at(9, 11)));
     // The afternoon's checks: an unchanged result is not recorded again.
-    store.logScriptletResult(app, "disk.freeSpace", "Storage", "23% free", "WARN", at(day.at(14, 10)));
-    store.logScriptletResult(app, "os.pendingUpdates", "System", "0 updates", "OK", at(day.at(14, 11)));
+    store.logScriptletResult(app, "disk.freeSpace", "Storage", "23% free", "WARN",
+                             at(day.at(14, 10)));
+    store.logScriptletResult(app, "os.pendingUpdates", "System", "0 updates", "OK",
+                             at(day.at(14, 11)));
 
     store.logAppStop(app, at(day.at(16, 45)));
     return recorded;
@@ -269,7 +291,8 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
 
 // ---- genstore.db
 
-std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataStore& store, std::string const& path) {
+std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataStore& store,
+                                                               std::string const& path) {
     auto keyValues = [](std::vector<std::pair<char const*, char const*>> const& pairs) {
         zrn::LogKeyValueSet set;
         for (auto const& [key, value] : pairs) set.append(zrn::LogKeyValue(key, value));
@@ -281,8 +304,9 @@ std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataS
     std::vector<std::pair<std::string, std::string>> recorded;
 
     std::string const disk = newGuid();
-    zrn::GenericLog diskLog(kHealthType, zrn::String(disk), "Storage", "NVMe", 0x1,
-                            keyValues({{"Status", "Warning"}, {"ReallocatedSectors", "112"}, {"Model", kDisk.name}}));
+    zrn::GenericLog diskLog(
+        kHealthType, zrn::String(disk), "Storage", "NVMe", 0x1,
+        keyValues({{"Status", "Warning"}, {"ReallocatedSectors", "112"}, {"Model", kDisk.name}}));
     log(diskLog);
     // Checked again in the afternoon: one value changes, one is added.
     diskLog.keyValues().updateKeyValue("ReallocatedSectors", "114");
@@ -296,9 +320,10 @@ std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataS
     recorded.emplace_back(kHealthType, battery);
 
     std::string const driver = newGuid();
-    zrn::GenericLog driverLog(kInventoryType, zrn::String(driver), "Software", "Drivers", 0x4,
-                              keyValues({{"Driver", "Example Wi-Fi driver"}, {"Version", "22.10.0"},
-                                         {"Previous", "21.40.1"}}));
+    zrn::GenericLog driverLog(
+        kInventoryType, zrn::String(driver), "Software", "Drivers", 0x4,
+        keyValues(
+            {{"Driver", "Example Wi-Fi driver"}, {"Version", "22.10.0"}, {"Previous", "21.40.1"}}));
     driverLog.setTracked(true);
     log(driverLog);
     recorded.emplace_back(kInventoryType, driver);
@@ -316,10 +341,12 @@ void recordState(zrn::AppStateDataStore& store, std::string const& path, Day con
     };
     put("ui.lastView", "alerts", "ui");
     put("ui.theme", "dark", "ui");
-    put("scheduler.lastRun", zrn::DateTime::fromUnixTimeStamp(day.at(16, 45)).toLocalTime().toString().str(),
+    put("scheduler.lastRun",
+        zrn::DateTime::fromUnixTimeStamp(day.at(16, 45)).toLocalTime().toString().str(),
         "scheduler");
     put("scheduler.lastResult", "FAIL: Disk SMART check", "scheduler");
-    put("scheduler.nextRun", zrn::DateTime::fromUnixTimeStamp(day.at(33, 0)).toLocalTime().toString().str(),
+    put("scheduler.nextRun",
+        zrn::DateTime::fromUnixTimeStamp(day.at(33, 0)).toLocalTime().toString().str(),
         "scheduler");
 }
 
@@ -344,7 +371,8 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
         unsigned state;  // this suite's fix states: 1 done, 2 done in part
     };
     std::vector<Finding> const findings{
-        {"Startup programs", "Slow start-up", "7 programs start with the system; 3 are rarely used.",
+        {"Startup programs", "Slow start-up",
+         "7 programs start with the system; 3 are rarely used.",
          "Disable 3 rarely used start-up programs", "Disabled 3 programs", 1},
         {"Wi-Fi driver check", "Outdated Wi-Fi driver", "Installed 21.40.1; 22.10.0 is available.",
          "Update the Wi-Fi driver to 22.10.0", "Installed 22.10.0", 1},
@@ -353,9 +381,11 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
     };
     std::vector<zrn::IssueLog> issues;
     for (Finding const& finding : findings) {
-        check(store.logSoftwareDiagnosticStarted(session, run, zrn::String(newGuid()), finding.diagnostic),
+        check(store.logSoftwareDiagnosticStarted(session, run, zrn::String(newGuid()),
+                                                 finding.diagnostic),
               "a diagnostic");
-        zrn::SoftwareDiagnosticLog const diagnostic = store.getSoftwareDiagnosticsByRunTransaction(run, true, 1).get(0);
+        zrn::SoftwareDiagnosticLog const diagnostic =
+            store.getSoftwareDiagnosticsByRunTransaction(run, true, 1).get(0);
         check(store.logIssue(session, diagnostic, finding.issue, finding.description), "an issue");
         issues.push_back(store.getIssuesBySoftwareDiagnostic(diagnostic, true, 1).get(0));
         store.logSoftwareDiagnosticFinished(diagnostic, "ISSUES FOUND");
@@ -366,14 +396,16 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
     check(store.logFixTransactionStarted(session, ""), "the fix transaction");
     check(store.sessionHasFixTransaction(session), "the fix transaction");
     zrn::FixTransactionLog const fixTransaction = store.getFixTransactionBySession(session);
-    check(store.associateRestorePointToFixTransaction(fixTransaction, zrn::String("{" + newGuid() + "}")),
+    check(store.associateRestorePointToFixTransaction(fixTransaction,
+                                                      zrn::String("{" + newGuid() + "}")),
           "the restore point");
     for (std::size_t i = 0; i < findings.size(); ++i) {
         check(store.logFixAction(session, zrn::String(newGuid()), findings[i].fix), "a fix action");
         zrn::FixActionLog const fix = store.getFixActionsBySession(session, true, 1).get(0);
         check(store.associateIssueToFixAction(issues[i], fix), "an issue's fix action");
         store.logFixActionStarted(fix);
-        store.logFixActionFinished(fix, static_cast<zrn::FixActionState>(findings[i].state), findings[i].fixResult);
+        store.logFixActionFinished(fix, static_cast<zrn::FixActionState>(findings[i].state),
+                                   findings[i].fixResult);
     }
     store.logFixTransactionFinished(fixTransaction);
     store.logSessionFinished(session);
@@ -388,7 +420,8 @@ void demo(Options const& options) {
     std::string const statePath = recordingStorePath(options, Store::AppState);
     std::string const repairPath = recordingStorePath(options, Store::SoftwareDiag);
 
-    auto events = openOrFail(eventPath, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(eventPath)); });
+    auto events = openOrFail(
+        eventPath, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(eventPath)); });
     Day const day = dayToRecord(*events);
     EventDay recorded;
     try {
@@ -397,7 +430,9 @@ void demo(Options const& options) {
         storeFailure(eventPath, "cannot record: " + e.getMessage().str());
     }
 
-    auto general = openOrFail(generalPath, [&] { return std::make_unique<zrn::GeneralDataStore>(zrn::String(generalPath)); });
+    auto general = openOrFail(generalPath, [&] {
+        return std::make_unique<zrn::GeneralDataStore>(zrn::String(generalPath));
+    });
     if (!general->isInitialized()) storeFailure(generalPath, "cannot open");
     auto const logs = recordGeneral(*general, generalPath);
 
@@ -406,7 +441,9 @@ void demo(Options const& options) {
     if (!state.checkValidity(error)) storeFailure(statePath, "cannot open");
     recordState(state, statePath, day);
 
-    auto repair = openOrFail(repairPath, [&] { return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(repairPath)); });
+    auto repair = openOrFail(repairPath, [&] {
+        return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(repairPath));
+    });
     zrn::SessionLog session = [&] {
         try {
             return recordRepair(*repair, repairPath);
@@ -430,38 +467,49 @@ void demo(Options const& options) {
     for (auto const& guid : recorded.alertGuids) tracked += events->alertTracked(zrn::String(guid));
     std::size_t generalCount = 0, keyValues = 0;
     for (auto const& [type, guid] : logs) {
-        zrn::GenericLogList const found = general->getLogs(zrn::GenericLogFilter(zrn::String(type), zrn::String(guid)));
+        zrn::GenericLogList const found =
+            general->getLogs(zrn::GenericLogFilter(zrn::String(type), zrn::String(guid)));
         generalCount += found.size();
         for (unsigned i = 0; i < found.size(); ++i) keyValues += found.get(i).keyValues().size();
     }
     zrn::RunTransactionLog const run = repair->getRunTransactionBySession(session);
 
     std::size_t const scripts =
-        events->scriptResultLogs(from, to, boost::none, boost::none, zrn::String(kScriptGuid), 0).size();
-    std::cout << "Recorded a diagnostics day, " << day.date() << " (application run " << recorded.appId
-              << ", repair session " << session.sessionId() << "). Read back:\n"
-              << "  event.db              " << scripts << " script runs, " << tests << " test runs (" << failed
-              << " failed), " << eventCount << " events, " << tips << " tips,\n"
-              << "                        " << events->alertResultLogs(from, to, "", false, 0).size()
-              << " alerts (" << tracked << " tracked), " << events->measurementLogs(from, to, "", 0).size()
-              << " measurements, " << events->profilerDiffLogs(from, to, "", 0).size() << " profiler diffs, "
-              << events->scriptletResultLogs(from, to, "", "", "", 0).size() << " scriptlet results\n"
-              << "  genstore.db           " << generalCount << " generic logs with " << keyValues << " key/values\n"
-              << "  appstate.db           " << state.count("") << " items: " << state.count("ui") << " in \"ui\", "
-              << state.count("scheduler") << " in \"scheduler\"\n"
-              << "  softwarediagevent.db  " << repair->getSoftwareDiagnosticsByRunTransaction(run, false, 0).size()
-              << " diagnostics, " << repair->getIssuesBySession(session, false, 0).size() << " issues, "
-              << repair->getFixActionsBySession(session, false, 0).size() << " fix actions, restore point "
+        events->scriptResultLogs(from, to, boost::none, boost::none, zrn::String(kScriptGuid), 0)
+            .size();
+    std::cout << "Recorded a diagnostics day, " << day.date() << " (application run "
+              << recorded.appId << ", repair session " << session.sessionId() << "). Read back:\n"
+              << "  event.db              " << scripts << " script runs, " << tests
+              << " test runs (" << failed << " failed), " << eventCount << " events, " << tips
+              << " tips,\n"
+              << "                        "
+              << events->alertResultLogs(from, to, "", false, 0).size() << " alerts (" << tracked
+              << " tracked), " << events->measurementLogs(from, to, "", 0).size()
+              << " measurements, " << events->profilerDiffLogs(from, to, "", 0).size()
+              << " profiler diffs, " << events->scriptletResultLogs(from, to, "", "", "", 0).size()
+              << " scriptlet results\n"
+              << "  genstore.db           " << generalCount << " generic logs with " << keyValues
+              << " key/values\n"
+              << "  appstate.db           " << state.count("") << " items: " << state.count("ui")
+              << " in \"ui\", " << state.count("scheduler") << " in \"scheduler\"\n"
+              << "  softwarediagevent.db  "
+              << repair->getSoftwareDiagnosticsByRunTransaction(run, false, 0).size()
+              << " diagnostics, " << repair->getIssuesBySession(session, false, 0).size()
+              << " issues, " << repair->getFixActionsBySession(session, false, 0).size()
+              << " fix actions, restore point "
               << repair->getFixTransactionBySession(session).restorePointUuid() << "\n"
               << "Files:\n";
-    for (auto const* path : {&eventPath, &generalPath, &statePath, &repairPath}) std::cout << "  " << *path << "\n";
+    for (auto const* path : {&eventPath, &generalPath, &statePath, &repairPath})
+        std::cout << "  " << *path << "\n";
 }
 
 }  // namespace
 
 void addDemoCommand(CLI::App& app, Options& options) {
-    CLI::App* c = app.add_subcommand("demo", "Record a realistic diagnostics day into all four stores (a new, "
-                                            "earlier day on each run) and print what was read back");
+    CLI::App* c =
+        app.add_subcommand("demo",
+                           "Record a realistic diagnostics day into all four stores (a new, "
+                           "earlier day on each run) and print what was read back");
     addDirOption(*c, options);
     c->footer("Example: datastore demo --dir /tmp/stores && datastore alerts --dir /tmp/stores");
     c->callback([&options] { demo(options); });

@@ -2,10 +2,9 @@
 // events and tips, failures, alerts with their key/values and tips, measurements, profiler
 // diffs and scriptlet results.
 
-#include <libDataStore/EventDataStore.h>
-
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
+#include <libDataStore/EventDataStore.h>
 
 #include <algorithm>
 #include <ctime>
@@ -44,8 +43,9 @@ long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(
 class EventStore {
 public:
     explicit EventStore(Options const& options)
-        : m_path(existingStorePath(options, Store::Event)),
-          m_store(openOrFail(m_path, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(m_path)); })) {
+        : m_path(existingStorePath(options, Store::Event)), m_store(openOrFail(m_path, [&] {
+              return std::make_unique<zrn::EventDataStore>(zrn::String(m_path));
+          })) {
         zrn::String error;
         if (!m_store->checkValidity(error)) storeFailure(m_path, "not usable: " + error.str());
     }
@@ -70,14 +70,19 @@ void apps(Options const& options, EventArgs const& args) {
     zrn::ResultSet rows;
     auto const database = openReadOnly(store.path());
     try {
-        database->execute("SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "
-                          "FROM `ApplicationRuns` ORDER BY CAST(`startTime` AS INTEGER) DESC, `appId` DESC",
-                          &rows);
+        database->execute(
+            "SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "
+            "FROM `ApplicationRuns` ORDER BY CAST(`startTime` AS INTEGER) DESC, `appId` DESC",
+            &rows);
     } catch (zrn::Exception const& e) {
         storeFailure(store.path(), "cannot read the application runs: " + e.getMessage().str());
     }
-    RecordPrinter printer({{"appId", "RUN"}, {"name", "APPLICATION"}, {"userName", "USER"},
-                           {"typeOfRun", "TYPE"}, {"start", "STARTED"}, {"end", "ENDED"},
+    RecordPrinter printer({{"appId", "RUN"},
+                           {"name", "APPLICATION"},
+                           {"userName", "USER"},
+                           {"typeOfRun", "TYPE"},
+                           {"start", "STARTED"},
+                           {"end", "ENDED"},
                            {"seconds", "SECONDS"}},
                           options.json);
     for (unsigned i = 0; i < rows.rowCount(); ++i) {
@@ -104,16 +109,22 @@ void scripts(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     auto text = [](std::string const& value) {
-        return value.empty() ? boost::optional<zrn::String>() : boost::optional<zrn::String>(zrn::String(value));
+        return value.empty() ? boost::optional<zrn::String>()
+                             : boost::optional<zrn::String>(zrn::String(value));
     };
     auto bound = [](long long seconds) {
-        return seconds > 0 ? boost::optional<EventTimePoint>(at(seconds)) : boost::optional<EventTimePoint>();
+        return seconds > 0 ? boost::optional<EventTimePoint>(at(seconds))
+                           : boost::optional<EventTimePoint>();
     };
     std::vector<zrn::ScriptResultLog> const logs =
-        store->scriptResultLogs(bound(range.since), bound(range.until), text(args.type), text(args.name),
-                                text(args.guid), limitOf(options));
-    RecordPrinter printer({{"scriptId", "SCRIPT"}, {"name", "NAME"}, {"result", "RESULT"},
-                           {"start", "STARTED"}, {"end", "ENDED"}, {"totalPasses", "PASSES"},
+        store->scriptResultLogs(bound(range.since), bound(range.until), text(args.type),
+                                text(args.name), text(args.guid), limitOf(options));
+    RecordPrinter printer({{"scriptId", "SCRIPT"},
+                           {"name", "NAME"},
+                           {"result", "RESULT"},
+                           {"start", "STARTED"},
+                           {"end", "ENDED"},
+                           {"totalPasses", "PASSES"},
                            {"guid", "GUID"}},
                           options.json);
     for (auto const& log : logs) {
@@ -145,9 +156,14 @@ Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
 }
 
 RecordPrinter testRunPrinter(Options const& options) {
-    return RecordPrinter({{"testId", "TEST"}, {"testName", "NAME"}, {"deviceName", "DEVICE"},
-                          {"result", "RESULT"}, {"errorCode", "ERROR"}, {"pass", "PASS"},
-                          {"start", "STARTED"}, {"deviceGuid", "DEVICE GUID"}},
+    return RecordPrinter({{"testId", "TEST"},
+                          {"testName", "NAME"},
+                          {"deviceName", "DEVICE"},
+                          {"result", "RESULT"},
+                          {"errorCode", "ERROR"},
+                          {"pass", "PASS"},
+                          {"start", "STARTED"},
+                          {"deviceGuid", "DEVICE GUID"}},
                          options.json);
 }
 
@@ -155,7 +171,8 @@ void tests(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer = testRunPrinter(options);
-    for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until), limitOf(options))) {
+    for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until),
+                                                    limitOf(options))) {
         printer.add(testRun(options, log));
     }
     printer.print(std::cout);
@@ -177,11 +194,15 @@ void events(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     std::vector<zrn::TestRunEventResultLog> const logs =
-        args.testId > 0
-            ? store->testRunEventResultLogs(args.testId, at(range.since), at(range.until), limitOf(options))
-            : store->scriptRunEventResultLogs(args.scriptId, at(range.since), at(range.until), limitOf(options));
-    RecordPrinter printer({{"time", "TIME"}, {"type", "TYPE"}, {"eventCode", "CODE"},
-                           {"customerEventCode", "CUSTOMER CODE"}, {"message", "MESSAGE"}},
+        args.testId > 0 ? store->testRunEventResultLogs(args.testId, at(range.since),
+                                                        at(range.until), limitOf(options))
+                        : store->scriptRunEventResultLogs(args.scriptId, at(range.since),
+                                                          at(range.until), limitOf(options));
+    RecordPrinter printer({{"time", "TIME"},
+                           {"type", "TYPE"},
+                           {"eventCode", "CODE"},
+                           {"customerEventCode", "CUSTOMER CODE"},
+                           {"message", "MESSAGE"}},
                           options.json);
     for (auto const& log : logs) {
         printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
@@ -203,21 +224,23 @@ Json tip(Options const& options, zrn::TipResultLog const& log) {
 }
 
 RecordPrinter tipPrinter(Options const& options) {
-    return RecordPrinter({{"time", "TIME"}, {"key", "KEY"}, {"type", "TYPE"}, {"title", "TITLE"},
-                          {"text", "TEXT"}},
-                         options.json);
+    return RecordPrinter(
+        {{"time", "TIME"}, {"key", "KEY"}, {"type", "TYPE"}, {"title", "TITLE"}, {"text", "TEXT"}},
+        options.json);
 }
 
 void tips(Options const& options, EventArgs const& args) {
-    requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}, {"--alert", args.alertId}});
+    requireOneOwner(
+        {{"--test", args.testId}, {"--script", args.scriptId}, {"--alert", args.alertId}});
     TimeRange const range = timeRange(options);
     EventStore store(options);
     EventTimePoint const from = at(range.since);
     EventTimePoint const to = at(range.until);
     std::vector<zrn::TipResultLog> const logs =
-        args.testId > 0     ? store->testRunTipResultLogs(args.testId, from, to, limitOf(options))
-        : args.scriptId > 0 ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
-                            : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
+        args.testId > 0 ? store->testRunTipResultLogs(args.testId, from, to, limitOf(options))
+        : args.scriptId > 0
+            ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
+            : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
     RecordPrinter printer = tipPrinter(options);
     for (auto const& log : logs) printer.add(tip(options, log));
     printer.print(std::cout);
@@ -230,14 +253,19 @@ void failures(Options const& options, EventArgs const& args) {
     if (args.deviceGuid.empty()) {
         logs = store->getAllFails(at(range.since), at(range.until));
     } else {
-        std::vector<zrn::String> const failResults(args.failResults.begin(), args.failResults.end());
-        std::vector<zrn::String> const passResults(args.passResults.begin(), args.passResults.end());
+        std::vector<zrn::String> const failResults(args.failResults.begin(),
+                                                   args.failResults.end());
+        std::vector<zrn::String> const passResults(args.passResults.begin(),
+                                                   args.passResults.end());
         // The store looks at runs ended by the bound; without --until that is now.
-        long long const until = range.until > 0 ? range.until : static_cast<long long>(std::time(nullptr));
-        logs = store->getRecentFails(zrn::String(args.deviceGuid), failResults.empty() ? nullptr : &failResults,
+        long long const until =
+            range.until > 0 ? range.until : static_cast<long long>(std::time(nullptr));
+        logs = store->getRecentFails(zrn::String(args.deviceGuid),
+                                     failResults.empty() ? nullptr : &failResults,
                                      passResults.empty() ? nullptr : &passResults, at(until));
-        logs.erase(std::remove_if(logs.begin(), logs.end(),
-                                  [&](auto const& log) { return secondsOf(log.timeStamp()) < range.since; }),
+        logs.erase(std::remove_if(
+                       logs.begin(), logs.end(),
+                       [&](auto const& log) { return secondsOf(log.timeStamp()) < range.since; }),
                    logs.end());
     }
     RecordPrinter printer = testRunPrinter(options);
@@ -263,8 +291,13 @@ Json alert(Options const& options, zrn::EventDataStore& store, zrn::AlertResultL
 }
 
 RecordPrinter alertPrinter(Options const& options) {
-    return RecordPrinter({{"alertId", "ALERT"}, {"time", "TIME"}, {"type", "TYPE"}, {"title", "TITLE"},
-                          {"deviceName", "DEVICE"}, {"tracked", "TRACKED"}, {"message", "MESSAGE"}},
+    return RecordPrinter({{"alertId", "ALERT"},
+                          {"time", "TIME"},
+                          {"type", "TYPE"},
+                          {"title", "TITLE"},
+                          {"deviceName", "DEVICE"},
+                          {"tracked", "TRACKED"},
+                          {"message", "MESSAGE"}},
                          options.json);
 }
 
@@ -272,8 +305,9 @@ void alerts(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer = alertPrinter(options);
-    for (auto const& log : store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
-                                                  args.untracked, limitOf(options))) {
+    for (auto const& log :
+         store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
+                                args.untracked, limitOf(options))) {
         printer.add(alert(options, *store, log));
     }
     printer.print(std::cout);
@@ -285,8 +319,10 @@ void oneAlert(Options const& options, EventArgs const& args) {
     EventStore store(options);
     // No reader takes an alert id: the alert is found among all of them.
     std::vector<zrn::AlertResultLog> const all = store->alertResultLogs(at(0), at(0), "", false, 0);
-    auto const found = std::find_if(all.begin(), all.end(), [&](auto const& log) { return log.alertId() == args.alertId; });
-    if (found == all.end()) throw ToolError(STORE, store.path() + ": no alert " + std::to_string(args.alertId));
+    auto const found = std::find_if(all.begin(), all.end(),
+                                    [&](auto const& log) { return log.alertId() == args.alertId; });
+    if (found == all.end())
+        throw ToolError(STORE, store.path() + ": no alert " + std::to_string(args.alertId));
 
     RecordPrinter head = alertPrinter(options);
     head.add(tagged("alert", alert(options, *store, *found)));
@@ -295,13 +331,16 @@ void oneAlert(Options const& options, EventArgs const& args) {
 
     RecordPrinter keyValues({{"key", "KEY"}, {"value", "VALUE"}}, options.json);
     for (auto const& kv : store->alertKeyValueResultLogs(args.alertId)) {
-        keyValues.add(Json{{"record", "keyValue"}, {"alertId", args.alertId}, {"key", kv.key().str()},
+        keyValues.add(Json{{"record", "keyValue"},
+                           {"alertId", args.alertId},
+                           {"key", kv.key().str()},
                            {"value", kv.value().str()}});
     }
     printSection(std::cout, options.json, "Key/values", keyValues);
 
     RecordPrinter tips = tipPrinter(options);
-    for (auto const& log : store->alertTipResultLogs(args.alertId, at(range.since), at(range.until), limitOf(options))) {
+    for (auto const& log : store->alertTipResultLogs(args.alertId, at(range.since), at(range.until),
+                                                     limitOf(options))) {
         Json record = tip(options, log);
         record["alertId"] = args.alertId;
         tips.add(tagged("tip", std::move(record)));
@@ -314,12 +353,18 @@ void oneAlert(Options const& options, EventArgs const& args) {
 void measurements(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"type", "TYPE"}, {"spanStart", "SPAN START"}, {"spanMiddle", "MIDDLE"},
-                           {"spanEnd", "END"}, {"minimum", "MIN"}, {"maximum", "MAX"},
-                           {"average", "AVERAGE"}, {"median", "MEDIAN"}, {"numberOfSamples", "SAMPLES"}},
+    RecordPrinter printer({{"type", "TYPE"},
+                           {"spanStart", "SPAN START"},
+                           {"spanMiddle", "MIDDLE"},
+                           {"spanEnd", "END"},
+                           {"minimum", "MIN"},
+                           {"maximum", "MAX"},
+                           {"average", "AVERAGE"},
+                           {"median", "MEDIAN"},
+                           {"numberOfSamples", "SAMPLES"}},
                           options.json);
-    for (auto const& log : store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type),
-                                                  limitOf(options))) {
+    for (auto const& log : store->measurementLogs(at(range.since), at(range.until),
+                                                  zrn::String(args.type), limitOf(options))) {
         printer.add(Json{{"type", log.type().str()},
                          {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
                          {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
@@ -336,11 +381,13 @@ void measurements(Options const& options, EventArgs const& args) {
 void diffs(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"time", "TIME"}, {"category", "CATEGORY"}, {"changesCount", "CHANGES"},
+    RecordPrinter printer({{"time", "TIME"},
+                           {"category", "CATEGORY"},
+                           {"changesCount", "CHANGES"},
                            {"serializedDiff", "DIFF"}},
                           options.json);
-    for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until), zrn::String(args.category),
-                                                   limitOf(options))) {
+    for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until),
+                                                   zrn::String(args.category), limitOf(options))) {
         printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
                          {"category", log.category().str()},
                          {"changesCount", log.changesCount()},
@@ -352,12 +399,15 @@ void diffs(Options const& options, EventArgs const& args) {
 void scriptlets(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"time", "TIME"}, {"key", "KEY"}, {"category", "CATEGORY"}, {"status", "STATUS"},
+    RecordPrinter printer({{"time", "TIME"},
+                           {"key", "KEY"},
+                           {"category", "CATEGORY"},
+                           {"status", "STATUS"},
                            {"result", "RESULT"}},
                           options.json);
-    for (auto const& log : store->scriptletResultLogs(at(range.since), at(range.until), zrn::String(args.user),
-                                                      zrn::String(args.category), zrn::String(args.status),
-                                                      limitOf(options))) {
+    for (auto const& log : store->scriptletResultLogs(
+             at(range.since), at(range.until), zrn::String(args.user), zrn::String(args.category),
+             zrn::String(args.status), limitOf(options))) {
         printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
                          {"key", log.key().str()},
                          {"category", log.category().str()},
@@ -390,16 +440,19 @@ void addEventCommands(CLI::App& app, Options& options) {
 
     c = addInspection(app, options, "tests", "Test runs of one script run, newest first",
                       "datastore tests 2 --json");
-    c->add_option("script-id", args.scriptId, "The script run (see 'datastore scripts')")->required();
+    c->add_option("script-id", args.scriptId, "The script run (see 'datastore scripts')")
+        ->required();
     c->callback(run(tests));
 
-    c = addInspection(app, options, "events", "Events of a test run or of every test of a script run",
+    c = addInspection(app, options, "events",
+                      "Events of a test run or of every test of a script run",
                       "datastore events --script 2 --since 2026-11-23T09:00");
     c->add_option("--test", args.testId, "Events of this test run");
     c->add_option("--script", args.scriptId, "Events of every test run of this script run");
     c->callback(run(events));
 
-    c = addInspection(app, options, "tips", "Tips of a test run, of a script run's tests, or of an alert",
+    c = addInspection(app, options, "tips",
+                      "Tips of a test run, of a script run's tests, or of an alert",
                       "datastore tips --test 7");
     c->add_option("--test", args.testId, "Tips of this test run");
     c->add_option("--script", args.scriptId, "Tips of every test run of this script run");
@@ -410,9 +463,12 @@ void addEventCommands(CLI::App& app, Options& options) {
                       "Failed test runs: of one device, the newest run of each test whose latest "
                       "result is a failure; without a device, every FAIL",
                       "datastore failures 5d1c-disk-0 --fail FAIL --fail ERROR");
-    c->add_option("device-guid", args.deviceGuid, "The device (see DEVICE GUID in 'datastore tests')");
-    c->add_option("--fail", args.failResults, "A result that counts as a failure (default FAIL); repeatable");
-    c->add_option("--pass", args.passResults, "A result that counts as a pass (default PASS); repeatable");
+    c->add_option("device-guid", args.deviceGuid,
+                  "The device (see DEVICE GUID in 'datastore tests')");
+    c->add_option("--fail", args.failResults,
+                  "A result that counts as a failure (default FAIL); repeatable");
+    c->add_option("--pass", args.passResults,
+                  "A result that counts as a pass (default PASS); repeatable");
     c->callback(run(failures));
 
     c = addInspection(app, options, "alerts", "Alerts, newest first",
@@ -421,17 +477,21 @@ void addEventCommands(CLI::App& app, Options& options) {
     c->add_option("--type", args.type, "Only alerts of this type");
     c->callback(run(alerts));
 
-    c = addInspection(app, options, "alert", "One alert with its key/values and tips (range and limit apply to the tips)",
+    c = addInspection(app, options, "alert",
+                      "One alert with its key/values and tips (range and limit apply to the tips)",
                       "datastore alert 3");
-    c->add_option("alert-id", args.alertId, "The alert (see ALERT in 'datastore alerts')")->required();
+    c->add_option("alert-id", args.alertId, "The alert (see ALERT in 'datastore alerts')")
+        ->required();
     c->callback(run(oneAlert));
 
-    c = addInspection(app, options, "measurements", "Measurements whose span middle is in the range, oldest first",
+    c = addInspection(app, options, "measurements",
+                      "Measurements whose span middle is in the range, oldest first",
                       "datastore measurements --type 'CPU temperature' --since 2026-11-23");
     c->add_option("--type", args.type, "Only measurements of this type");
     c->callback(run(measurements));
 
-    c = addInspection(app, options, "diffs", "Profiler diffs, newest first", "datastore diffs --category Drivers");
+    c = addInspection(app, options, "diffs", "Profiler diffs, newest first",
+                      "datastore diffs --category Drivers");
     c->alias("profiler-diffs");
     c->add_option("--category", args.category, "Only diffs of this category");
     c->callback(run(diffs));

@@ -23,7 +23,9 @@ struct GeneralArgs {
     std::vector<std::string> keyValues;  // KEY=VALUE
 };
 
-long long unixSeconds(zrn::TimeStamp const& time) { return time.isInitialized() ? time.getUnixTimeStamp() : 0; }
+long long unixSeconds(zrn::TimeStamp const& time) {
+    return time.isInitialized() ? time.getUnixTimeStamp() : 0;
+}
 
 zrn::GenericLogFilter filterOf(GeneralArgs const& args, TimeRange const& range) {
     zrn::GenericLogFilter filter{zrn::String(args.type), zrn::String(args.guid)};
@@ -38,7 +40,8 @@ zrn::GenericLogFilter filterOf(GeneralArgs const& args, TimeRange const& range) 
         }
         std::string const key = pair.substr(0, equals);
         // The store keeps the first requirement on a key and drops the others silently.
-        if (!keys.insert(key).second) throw ToolError(USAGE, "--kv: the key '" + key + "' is given twice");
+        if (!keys.insert(key).second)
+            throw ToolError(USAGE, "--kv: the key '" + key + "' is given twice");
         filter.addKeyValueRequirement(zrn::String(key), zrn::String(pair.substr(equals + 1)));
     }
     return filter;
@@ -48,7 +51,8 @@ void logs(Options const& options, GeneralArgs const& args) {
     TimeRange const range = timeRange(options);
     zrn::GenericLogFilter const filter = filterOf(args, range);
     std::string const path = existingStorePath(options, Store::General);
-    auto const store = openOrFail(path, [&] { return std::make_unique<zrn::GeneralDataStore>(zrn::String(path)); });
+    auto const store = openOrFail(
+        path, [&] { return std::make_unique<zrn::GeneralDataStore>(zrn::String(path)); });
     zrn::String error;
     if (!store->isInitialized() || !store->checkValidity(error)) {
         storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));
@@ -67,8 +71,12 @@ void logs(Options const& options, GeneralArgs const& args) {
     });
 
     // People get the columns they filter on; JSON has every field.
-    RecordPrinter printer({{"created", "CREATED"}, {"category", "CATEGORY"}, {"subCategory", "SUBCATEGORY"},
-                           {"tracked", "TRACKED"}, {"keyValuesText", "KEY/VALUES"}, {"guid", "GUID"},
+    RecordPrinter printer({{"created", "CREATED"},
+                           {"category", "CATEGORY"},
+                           {"subCategory", "SUBCATEGORY"},
+                           {"tracked", "TRACKED"},
+                           {"keyValuesText", "KEY/VALUES"},
+                           {"guid", "GUID"},
                            {"typeUUID", "TYPE"}},
                           options.json);
     for (zrn::GenericLog const* log : sorted) {
@@ -77,11 +85,13 @@ void logs(Options const& options, GeneralArgs const& args) {
         std::string keyValuesText;
         for (unsigned k = 0; k < log->keyValues().size(); ++k) {
             zrn::LogKeyValue const& kv = log->keyValues().get(k);
-            keyValues.push_back(Json{{"key", kv.key().str()},
-                                     {"value", kv.value().str()},
-                                     {"tracked", kv.tracked()},
-                                     {"updated", timeCell(true, unixSeconds(kv.updateUTCTimeStamp()))}});
-            keyValuesText += (keyValuesText.empty() ? "" : ", ") + kv.key().str() + "=" + kv.value().str();
+            keyValues.push_back(
+                Json{{"key", kv.key().str()},
+                     {"value", kv.value().str()},
+                     {"tracked", kv.tracked()},
+                     {"updated", timeCell(true, unixSeconds(kv.updateUTCTimeStamp()))}});
+            keyValuesText +=
+                (keyValuesText.empty() ? "" : ", ") + kv.key().str() + "=" + kv.value().str();
         }
         Json record{{"typeUUID", log->typeUUID().str()},
                     {"guid", log->guid().str()},
@@ -105,13 +115,15 @@ void logs(Options const& options, GeneralArgs const& args) {
 
 void addGeneralCommands(CLI::App& app, Options& options) {
     static GeneralArgs args;
-    CLI::App* c = addInspection(app, options, "logs", "Generic logs with their key/values (genstore.db), newest first",
-                                "datastore logs --category Storage --kv Status=Warning --since 2026-11-23");
+    CLI::App* c = addInspection(
+        app, options, "logs", "Generic logs with their key/values (genstore.db), newest first",
+        "datastore logs --category Storage --kv Status=Warning --since 2026-11-23");
     c->add_option("--type", args.type, "Only logs of this type UUID");
     c->add_option("--guid", args.guid, "Only the log of this GUID");
     c->add_option("--category", args.category, "Only logs of this category");
     c->add_option("--subcategory", args.subCategory, "Only logs of this sub-category");
-    c->add_option("--kv", args.keyValues, "Only logs holding KEY with exactly VALUE (KEY=VALUE); repeatable");
+    c->add_option("--kv", args.keyValues,
+                  "Only logs holding KEY with exactly VALUE (KEY=VALUE); repeatable");
     c->callback([&options] { logs(options, args); });
 }
 

@@ -1,14 +1,13 @@
 // datastore info: for each store file, where it is, whether it exists, its size, schema
 // version, validity and the rows of each table.
 
+#include <libCommon/FileSystem.h>
+#include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
-
-#include <libCommon/FileSystem.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 
 #include <filesystem>
 #include <iostream>
@@ -64,13 +63,14 @@ void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool) {
 
 void countRows(StoreInfo& info) {
     try {
-        zrn::SQLite3Database database(zrn::String(info.path), zrn::SQLite3Database::FULL,
-                                      zrn::SQLite3Database::ENCODING_UTF8, zrn::SQLite3Database::OPEN_EXISTING,
-                                      zrn::SQLite3Database::READ_ONLY);
+        zrn::SQLite3Database database(
+            zrn::String(info.path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
+            zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
         zrn::ResultSet names;
-        database.execute("SELECT `name` FROM `sqlite_master` WHERE `type` = 'table' "
-                         "AND `name` NOT LIKE 'sqlite_%' ORDER BY `rowid`",
-                         &names);
+        database.execute(
+            "SELECT `name` FROM `sqlite_master` WHERE `type` = 'table' "
+            "AND `name` NOT LIKE 'sqlite_%' ORDER BY `rowid`",
+            &names);
         for (unsigned i = 0; i < names.rowCount(); ++i) {
             std::string const table = names.row(static_cast<int>(i)).columnValue(0).str();
             zrn::ResultSet count;
@@ -78,7 +78,8 @@ void countRows(StoreInfo& info) {
             std::string quoted;
             for (char c : table) quoted += c == '`' ? std::string("``") : std::string(1, c);
             database.execute(zrn::String("SELECT count(*) FROM `" + quoted + "`"), &count);
-            info.tables.emplace_back(table, zrn::String::strToInt64(count.row(0).columnValue(0), 10));
+            info.tables.emplace_back(table,
+                                     zrn::String::strToInt64(count.row(0).columnValue(0), 10));
         }
     } catch (zrn::Exception const& e) {
         if (info.problem.empty()) info.problem = e.getMessage().str();
@@ -96,10 +97,18 @@ StoreInfo inspect(Options const& options, Store store) {
     auto const size = std::filesystem::file_size(info.path, error);
     if (!error) info.size = static_cast<long long>(size);
     switch (store) {
-        case Store::AppState: askStore<zrn::AppStateDataStore>(info, false); break;
-        case Store::General: askStore<zrn::GeneralDataStore>(info, true); break;
-        case Store::Event: askStore<zrn::EventDataStore>(info, true); break;
-        case Store::SoftwareDiag: askStore<zrn::SoftwareDiagEventDataStore>(info, true); break;
+        case Store::AppState:
+            askStore<zrn::AppStateDataStore>(info, false);
+            break;
+        case Store::General:
+            askStore<zrn::GeneralDataStore>(info, true);
+            break;
+        case Store::Event:
+            askStore<zrn::EventDataStore>(info, true);
+            break;
+        case Store::SoftwareDiag:
+            askStore<zrn::SoftwareDiagEventDataStore>(info, true);
+            break;
     }
     countRows(info);
     if (!info.valid && info.problem.empty()) info.problem = QuietLog::takeFirstError();
@@ -113,8 +122,12 @@ void info(Options const& options) {
         stores.push_back(inspect(options, store));
     }
 
-    RecordPrinter summary({{"store", "STORE"}, {"exists", "EXISTS"}, {"size", "SIZE"}, {"version", "VERSION"},
-                           {"valid", "VALID"}, {"path", "PATH"}},
+    RecordPrinter summary({{"store", "STORE"},
+                           {"exists", "EXISTS"},
+                           {"size", "SIZE"},
+                           {"version", "VERSION"},
+                           {"valid", "VALID"},
+                           {"path", "PATH"}},
                           options.json);
     RecordPrinter tables({{"store", "STORE"}, {"table", "TABLE"}, {"rows", "ROWS"}}, false);
     for (StoreInfo const& store : stores) {
@@ -150,8 +163,10 @@ void info(Options const& options) {
 }  // namespace
 
 void addInfoCommand(CLI::App& app, Options& options) {
-    CLI::App* c = app.add_subcommand("info", "Each store file: path, existence, size, schema version, validity, "
-                                            "rows per table (never creates a store)");
+    CLI::App* c =
+        app.add_subcommand("info",
+                           "Each store file: path, existence, size, schema version, validity, "
+                           "rows per table (never creates a store)");
     addDirOption(*c, options);
     addJsonOption(*c, options);
     c->footer("Example: datastore info --dir /var/lib/diagnostics/datastore");

@@ -2,7 +2,6 @@
 
 #include <libCommon/DateTime.h>
 #include <libCommon/String.h>
-
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -56,7 +55,8 @@ std::size_t terminalWidth() {
         if (width > 0) return static_cast<std::size_t>(width);
     }
     winsize size{};
-    if (::isatty(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+    if (::isatty(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 &&
+        size.ws_col > 0) {
         return size.ws_col;
     }
     return 0;
@@ -141,7 +141,8 @@ void RecordPrinter::print(std::ostream& out) const {
     for (; limit > 0 && total > limit; --total) {
         std::size_t widest = columns;
         for (std::size_t c = 0; c < columns; ++c) {
-            if (widths[c] > floors[c] && (widest == columns || widths[c] > widths[widest])) widest = c;
+            if (widths[c] > floors[c] && (widest == columns || widths[c] > widths[widest]))
+                widest = c;
         }
         if (widest == columns) break;
         // One character at a time, so the two widest columns end up sharing the cut.

@@ -3,9 +3,8 @@
 // Printing records: aligned columns with a header for people, one JSON object per line for
 // programs.
 
-#include <nlohmann/json.hpp>
-
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>

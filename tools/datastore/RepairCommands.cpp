@@ -3,7 +3,6 @@
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <boost/optional.hpp>
-
 #include <iostream>
 #include <map>
 #include <memory>
@@ -20,9 +19,11 @@ struct RepairArgs {
     bool ascending = false;
 };
 
-std::unique_ptr<zrn::SoftwareDiagEventDataStore> openStore(Options const& options, std::string& path) {
+std::unique_ptr<zrn::SoftwareDiagEventDataStore> openStore(Options const& options,
+                                                           std::string& path) {
     path = existingStorePath(options, Store::SoftwareDiag);
-    auto store = openOrFail(path, [&] { return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path)); });
+    auto store = openOrFail(
+        path, [&] { return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path)); });
     zrn::String error;
     if (!store->checkValidity(error)) storeFailure(path, "not usable: " + error.str());
     return store;
@@ -40,10 +41,14 @@ void sessions(Options const& options, RepairArgs const& args) {
     TimeRange const range = timeRange(options);
     std::string path;
     auto const store = openStore(options, path);
-    zrn::SessionList const list = store->getSessions(bound(range.since), bound(range.until), !args.ascending,
-                                                     static_cast<int>(options.limit));
-    RecordPrinter printer({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"},
-                           {"issues", "ISSUES"}, {"fixActions", "FIX ACTIONS"}, {"restorePoint", "RESTORE POINT"}},
+    zrn::SessionList const list = store->getSessions(
+        bound(range.since), bound(range.until), !args.ascending, static_cast<int>(options.limit));
+    RecordPrinter printer({{"sessionId", "SESSION"},
+                           {"start", "STARTED"},
+                           {"end", "ENDED"},
+                           {"issues", "ISSUES"},
+                           {"fixActions", "FIX ACTIONS"},
+                           {"restorePoint", "RESTORE POINT"}},
                           options.json);
     for (unsigned i = 0; i < list.size(); ++i) {
         zrn::SessionLog const session = list.get(i);
@@ -70,7 +75,8 @@ void session(Options const& options, RepairArgs const& args) {
     }
     zrn::SessionLog const session = found.get(0);
 
-    // Human output: one table per kind of record. JSON: one object per record with its "record" kind.
+    // Human output: one table per kind of record. JSON: one object per record with its "record"
+    // kind.
     auto section = [&](char const* title, RecordPrinter const& printer) {
         printSection(std::cout, options.json, title, printer);
     };
@@ -88,21 +94,27 @@ void session(Options const& options, RepairArgs const& args) {
         sessionPrinter.print(std::cout);
     }
 
-    RecordPrinter transactions({{"record", "KIND"}, {"id", "ID"}, {"restorePoint", "RESTORE POINT"},
-                                {"start", "STARTED"}, {"end", "ENDED"}},
+    RecordPrinter transactions({{"record", "KIND"},
+                                {"id", "ID"},
+                                {"restorePoint", "RESTORE POINT"},
+                                {"start", "STARTED"},
+                                {"end", "ENDED"}},
                                options.json);
     // The single-record getters stop the process when there is no match: ask first.
     boost::optional<zrn::RunTransactionLog> run;
     if (store->sessionHasRunTransaction(session)) run = store->getRunTransactionBySession(session);
     if (run) {
-        transactions.add(Json{{"record", "runTransaction"}, {"id", run->runTransactionId()},
-                              {"sessionId", run->sessionId()}, {"restorePoint", nullptr},
+        transactions.add(Json{{"record", "runTransaction"},
+                              {"id", run->runTransactionId()},
+                              {"sessionId", run->sessionId()},
+                              {"restorePoint", nullptr},
                               {"start", when(options, run->startTimeStamp())},
                               {"end", when(options, run->endTimeStamp())}});
     }
     if (store->sessionHasFixTransaction(session)) {
         zrn::FixTransactionLog const fix = store->getFixTransactionBySession(session);
-        transactions.add(Json{{"record", "fixTransaction"}, {"id", fix.fixTransactionId()},
+        transactions.add(Json{{"record", "fixTransaction"},
+                              {"id", fix.fixTransactionId()},
                               {"sessionId", fix.sessionId()},
                               {"restorePoint", fix.restorePointUuid().str()},
                               {"start", when(options, fix.startTimeStamp())},
@@ -110,8 +122,12 @@ void session(Options const& options, RepairArgs const& args) {
     }
     section("Transactions", transactions);
 
-    RecordPrinter diagnostics({{"softwareDiagnosticId", "ID"}, {"name", "DIAGNOSTIC"}, {"result", "RESULT"},
-                               {"start", "STARTED"}, {"end", "ENDED"}, {"uuid", "UUID"}},
+    RecordPrinter diagnostics({{"softwareDiagnosticId", "ID"},
+                               {"name", "DIAGNOSTIC"},
+                               {"result", "RESULT"},
+                               {"start", "STARTED"},
+                               {"end", "ENDED"},
+                               {"uuid", "UUID"}},
                               options.json);
     if (run) {
         zrn::SoftwareDiagnosticList const list =
@@ -132,8 +148,11 @@ void session(Options const& options, RepairArgs const& args) {
 
     zrn::IssueList const issues = store->getIssuesBySession(session, false, 0);
     std::map<long long, std::vector<long long>> issuesOfFix;
-    RecordPrinter issuePrinter({{"issueId", "ID"}, {"softwareDiagnosticId", "DIAGNOSTIC"}, {"name", "ISSUE"},
-                                {"time", "FOUND"}, {"description", "DESCRIPTION"}},
+    RecordPrinter issuePrinter({{"issueId", "ID"},
+                                {"softwareDiagnosticId", "DIAGNOSTIC"},
+                                {"name", "ISSUE"},
+                                {"time", "FOUND"},
+                                {"description", "DESCRIPTION"}},
                                options.json);
     for (unsigned i = 0; i < issues.size(); ++i) {
         zrn::IssueLog const issue = issues.get(i);
@@ -154,8 +173,12 @@ void session(Options const& options, RepairArgs const& args) {
     section("Issues", issuePrinter);
 
     zrn::FixActionList const fixes = store->getFixActionsBySession(session, false, 0);
-    RecordPrinter fixPrinter({{"fixActionId", "ID"}, {"state", "STATE"}, {"summary", "FIX"},
-                              {"result", "RESULT"}, {"issues", "ISSUES"}, {"start", "STARTED"},
+    RecordPrinter fixPrinter({{"fixActionId", "ID"},
+                              {"state", "STATE"},
+                              {"summary", "FIX"},
+                              {"result", "RESULT"},
+                              {"issues", "ISSUES"},
+                              {"start", "STARTED"},
                               {"end", "ENDED"}},
                              options.json);
     for (unsigned i = 0; i < fixes.size(); ++i) {
@@ -183,15 +206,18 @@ void session(Options const& options, RepairArgs const& args) {
 
 void addRepairCommands(CLI::App& app, Options& options) {
     static RepairArgs args;
-    CLI::App* list = addInspection(app, options, "sessions", "Repair sessions (softwarediagevent.db), newest first",
+    CLI::App* list = addInspection(app, options, "sessions",
+                                   "Repair sessions (softwarediagevent.db), newest first",
                                    "datastore sessions --since 2026-11-01 --limit 10");
     list->add_flag("--oldest-first", args.ascending, "Oldest first");
     list->callback([&options] { sessions(options, args); });
 
-    CLI::App* one = addInspection(app, options, "session",
-                                  "One whole repair session: transactions, diagnostics, issues, fix actions",
-                                  "datastore session 3 --json", false, false);
-    one->add_option("session-id", args.sessionId, "The session (see 'datastore sessions')")->required();
+    CLI::App* one =
+        addInspection(app, options, "session",
+                      "One whole repair session: transactions, diagnostics, issues, fix actions",
+                      "datastore session 3 --json", false, false);
+    one->add_option("session-id", args.sessionId, "The session (see 'datastore sessions')")
+        ->required();
     one->callback([&options] { session(options, args); });
 }
 

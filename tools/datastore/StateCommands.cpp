@@ -22,7 +22,8 @@ struct StateArgs {
 zrn::AppStateDataStore openStore(std::string const& path) {
     zrn::AppStateDataStore store{zrn::String(path)};
     zrn::String error;
-    if (!store.checkValidity(error)) storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));
+    if (!store.checkValidity(error))
+        storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));
     return store;
 }
 
@@ -35,8 +36,9 @@ long long entrySeconds(zrn::AppStateDataStore const& store, zrn::String const& k
 void list(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
     zrn::AppStateDataStore const store = openStore(path);
-    RecordPrinter printer({{"key", "KEY"}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
-                          options.json);
+    RecordPrinter printer(
+        {{"key", "KEY"}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
+        options.json);
     for (auto const& [key, data] : store.getItems(zrn::String(args.group))) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
         long long const seconds = entrySeconds(store, key);
@@ -52,7 +54,8 @@ void get(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
     zrn::AppStateDataStore const store = openStore(path);
     zrn::String const key(args.key);
-    if (!store.contains(key)) throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
+    if (!store.contains(key))
+        throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
     zrn::String const data = store.data(key);
     if (options.json) {
         std::cout << Json{{"key", args.key},
@@ -72,7 +75,8 @@ void set(Options const& options, StateArgs const& args) {
     zrn::AppStateDataStore store = openStore(path);
     zrn::String const key(args.key);
     // An item is never updated in place: replacing it is a removal and a new insertion.
-    if (store.contains(key) && !store.remove(key)) storeFailure(path, "cannot replace '" + args.key + "'");
+    if (store.contains(key) && !store.remove(key))
+        storeFailure(path, "cannot replace '" + args.key + "'");
     if (!store.insert(key, zrn::String(args.value), zrn::String(args.group))) {
         storeFailure(path, "cannot store '" + args.key + "'");
     }
@@ -82,7 +86,8 @@ void remove(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
     zrn::AppStateDataStore store = openStore(path);
     zrn::String const key(args.key);
-    if (!store.contains(key)) throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
+    if (!store.contains(key))
+        throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
     if (!store.remove(key)) storeFailure(path, "cannot remove '" + args.key + "'");
 }
 
@@ -90,21 +95,25 @@ void remove(Options const& options, StateArgs const& args) {
 
 void addStateCommands(CLI::App& app, Options& options) {
     static StateArgs args;
-    CLI::App* state = app.add_subcommand("state", "Application state items (appstate.db): list, get, set, rm");
+    CLI::App* state =
+        app.add_subcommand("state", "Application state items (appstate.db): list, get, set, rm");
     state->require_subcommand(1);
     state->footer("Example: datastore state list --group scheduler");
 
-    CLI::App* listCommand = addInspection(*state, options, "list", "List items (key, group, written, data), by key",
-                                          "datastore state list --group ui", false, true);
+    CLI::App* listCommand =
+        addInspection(*state, options, "list", "List items (key, group, written, data), by key",
+                      "datastore state list --group ui", false, true);
     listCommand->add_option("--group", args.group, "Only items of this group");
     listCommand->callback([&options] { list(options, args); });
 
-    CLI::App* getCommand = addInspection(*state, options, "get", "Print one item's data (with --json: the whole item)",
-                                         "datastore state get scheduler.lastResult", false, false);
+    CLI::App* getCommand =
+        addInspection(*state, options, "get", "Print one item's data (with --json: the whole item)",
+                      "datastore state get scheduler.lastResult", false, false);
     getCommand->add_option("key", args.key, "The item's key")->required();
     getCommand->callback([&options] { get(options, args); });
 
-    CLI::App* setCommand = state->add_subcommand("set", "Store an item, replacing one of the same key");
+    CLI::App* setCommand =
+        state->add_subcommand("set", "Store an item, replacing one of the same key");
     setCommand->add_option("key", args.key, "The item's key")->required();
     setCommand->add_option("value", args.value, "The item's data")->required();
     setCommand->add_option("--group", args.group, "The item's group");

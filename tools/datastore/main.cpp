@@ -10,14 +10,16 @@ int main(int argc, char** argv) {
     using namespace datastore;
     QuietLog const quiet;
 
-    CLI::App app{"Records and inspects the diagnostics suite's stores (appstate.db, genstore.db, "
-                 "event.db, softwarediagevent.db).",
-                 "datastore"};
+    CLI::App app{
+        "Records and inspects the diagnostics suite's stores (appstate.db, genstore.db, "
+        "event.db, softwarediagevent.db).",
+        "datastore"};
     app.require_subcommand(1);
     app.set_version_flag("--version", DATASTORE_VERSION);
-    app.footer("Run 'datastore <command> --help' for a command's options and an example.\n"
-               "Times: --since/--until take 2026-11-23, 2026-11-23T14:05:00[+01:00] or Unix seconds.\n"
-               "Exit codes: 0 success, 1 usage error, 2 store error.");
+    app.footer(
+        "Run 'datastore <command> --help' for a command's options and an example.\n"
+        "Times: --since/--until take 2026-11-23, 2026-11-23T14:05:00[+01:00] or Unix seconds.\n"
+        "Exit codes: 0 success, 1 usage error, 2 store error.");
     Options options;
     addDemoCommand(app, options);
     addInfoCommand(app, options);
