@@ -446,6 +446,15 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     EXPECT_EQ(tool({"state", "get", "no.such.key"}).err,
               "datastore: " + store("appstate.db") + ": no item with the key 'no.such.key'\n");
     EXPECT_EQ(tool({"session", "999"}).code, 2);
+
+    // A file of another store is refused before any store class could add its tables to it.
+    ToolRun const foreign = tool({"alerts", "--file", store("appstate.db")}, false);
+    EXPECT_EQ(foreign.code, 2);
+    EXPECT_EQ(foreign.err, "datastore: " + store("appstate.db") +
+                               ": not an event store (it has no ApplicationRuns table)\n");
+    EXPECT_EQ(test::RawDb(store("appstate.db"), true)
+                  .scalar("SELECT count(*) FROM sqlite_master WHERE type = 'table'"),
+              "1");
     EXPECT_EQ(tool({"alert", "999"}).code, 2);
 }
 

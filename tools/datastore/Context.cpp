@@ -4,6 +4,7 @@
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
+#include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libDataStore/DataStoreSettings.h>
 
@@ -61,6 +62,36 @@ std::string storePath(Options const& options, Store store) {
     return zrn::FileSystem::getAbsolutePath(folder, fileNameOf(store), true).str();
 }
 
+std::string notThisStore(std::string const& path, Store store) {
+    // The table every file of the store has; a database without it belongs to something else.
+    char const* table = "";
+    char const* kind = "";
+    switch (store) {
+        case Store::AppState:
+            table = "AppState", kind = "an application-state store";
+            break;
+        case Store::General:
+            table = "GenericLog", kind = "a general store";
+            break;
+        case Store::Event:
+            table = "ApplicationRuns", kind = "an event store";
+            break;
+        case Store::SoftwareDiag:
+            table = "Sessions", kind = "a software-diagnostics store";
+            break;
+    }
+    zrn::SQLite3Database database(
+        zrn::String(path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
+        zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
+    zrn::ResultSet rows;
+    database.execute(zrn::String(std::string("SELECT count(*) FROM `sqlite_master` WHERE `type` = "
+                                             "'table' AND `name` = '") +
+                                 table + "'"),
+                     &rows);
+    if (rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0") return "";
+    return std::string("not ") + kind + " (it has no " + table + " table)";
+}
+
 std::string existingStorePath(Options const& options, Store store) {
     std::string const path = storePath(options, store);
     if (!zrn::FileSystem::exists(path)) {
@@ -68,6 +99,9 @@ std::string existingStorePath(Options const& options, Store store) {
                                    ": no such store (nothing was created; record with "
                                    "'datastore demo' or give --dir/--file)");
     }
+    // Opening a store completes its tables: never do that to a file of another kind.
+    std::string const mismatch = openOrFail(path, [&] { return notThisStore(path, store); });
+    if (!mismatch.empty()) throw ToolError(STORE, path + ": " + mismatch);
     return path;
 }
 

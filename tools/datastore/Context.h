@@ -53,9 +53,15 @@ std::string defaultFolder(Store store);
 // The path of a store's file: --file when given, else --dir + name, else the default folder.
 std::string storePath(Options const& options, Store store);
 
-// The path, after checking that the file exists: inspection never creates a store.
-// Missing: ToolError(STORE).
+// The path, after checking that the file exists and is a database holding the store's tables:
+// inspection never creates a store, nor the tables of one in a file of another kind.
+// Otherwise: ToolError(STORE).
 std::string existingStorePath(Options const& options, Store store);
+
+// Empty when the existing database at `path` holds the store's main table, else why it is not
+// that store ("not an event store (it has no ApplicationRuns table)"). Reads the file only.
+// @throw zrn::Exception when the file cannot be read as a database.
+std::string notThisStore(std::string const& path, Store store);
 
 // For the commands that record: the path, after creating the folder it lives in (with its
 // parents) when missing. The stores never create their folder themselves.
