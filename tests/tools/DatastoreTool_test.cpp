@@ -452,6 +452,9 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     EXPECT_EQ(foreign.code, 2);
     EXPECT_EQ(foreign.err, "datastore: " + store("appstate.db") +
                                ": not an event store (it has no ApplicationRuns table)\n");
+    EXPECT_EQ(tool({"state", "set", "k", "v", "--file", store("event.db")}, false).err,
+              "datastore: " + store("event.db") +
+                  ": not an application-state store (it has no AppState table)\n");
     EXPECT_EQ(test::RawDb(store("appstate.db"), true)
                   .scalar("SELECT count(*) FROM sqlite_master WHERE type = 'table'"),
               "1");

@@ -115,6 +115,10 @@ std::string recordingStorePath(Options const& options, Store store) {
             throw ToolError(STORE,
                             folder.string() + ": cannot create the folder: " + error.message());
     }
+    if (zrn::FileSystem::exists(path)) {
+        std::string const mismatch = openOrFail(path, [&] { return notThisStore(path, store); });
+        if (!mismatch.empty()) throw ToolError(STORE, path + ": " + mismatch);
+    }
     return path;
 }
 

@@ -64,7 +64,8 @@ std::string existingStorePath(Options const& options, Store store);
 std::string notThisStore(std::string const& path, Store store);
 
 // For the commands that record: the path, after creating the folder it lives in (with its
-// parents) when missing. The stores never create their folder themselves.
+// parents) when missing; the stores never create their folder themselves. An existing file
+// must be that store (as for existingStorePath).
 std::string recordingStorePath(Options const& options, Store store);
 
 // A read-only connection to an existing store file, for what no store operation reads

@@ -44,7 +44,7 @@ void list(Options const& options, StateArgs const& args) {
         long long const seconds = entrySeconds(store, key);
         printer.add(Json{{"key", key.str()},
                          {"group", store.group(key).str()},
-                         {"written", options.json ? isoTime(seconds) : Json(localTime(seconds))},
+                         {"written", timeCell(options.json, seconds)},
                          {"data", data.str()}});
     }
     printer.print(std::cout);
