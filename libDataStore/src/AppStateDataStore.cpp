@@ -42,14 +42,7 @@ String indexStatement() {
 String plainInsert(String const& table, HashTable<String, String> const& row) {
     std::string names;
     std::string values;
-    for (auto const& entry : row) {
-        if (!names.empty()) {
-            names += module::comma().str();
-            values += module::comma().str();
-        }
-        sql::appendIdentifier(names, entry.first);
-        sql::appendValue(values, entry.second);
-    }
+    sql::columnAndValueLists(row, names, values);
     return "INSERT INTO " + sql::identifier(table) + " (" + names + ") VALUES(" + values + ");";
 }
 

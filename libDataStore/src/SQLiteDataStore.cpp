@@ -192,14 +192,7 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
 
     std::string names;
     std::string values;
-    for (auto const& entry : row) {
-        if (!names.empty()) {
-            names += module::comma().str();
-            values += module::comma().str();
-        }
-        sql::appendIdentifier(names, entry.first);
-        sql::appendValue(values, entry.second);
-    }
+    sql::columnAndValueLists(row, names, values);
     std::string statement = "INSERT OR REPLACE INTO ";
     sql::appendIdentifier(statement, m_tableName);
     statement += " (" + names + ") VALUES(" + values + ")";

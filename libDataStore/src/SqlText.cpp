@@ -34,6 +34,18 @@ String value(String const& text) {
     return String(std::move(out));
 }
 
+void columnAndValueLists(HashTable<String, String> const& row, std::string& names,
+                         std::string& values) {
+    for (auto const& entry : row) {
+        if (!names.empty()) {
+            names += module::comma().str();
+            values += module::comma().str();
+        }
+        appendIdentifier(names, entry.first);
+        appendValue(values, entry.second);
+    }
+}
+
 String number(long long n) { return String(std::to_string(n)); }
 
 }  // namespace sql

@@ -546,7 +546,7 @@ TEST_F(EventDataStoreTest, NonPositiveInsertIdsGiveEmptyOrZeroResults) {
     }
     EXPECT_EQ(store.logAppStart("a", "b", "c", at(1)), boost::none);
 
-    // The spec insert got no usable id: an engaged 0, and no run is recorded.
+    // The ScriptSpecs insert got no usable id: an engaged 0, and no run is recorded.
     auto const script = store.logScriptStart(1, "R", "G", "N", at(1), 1, "<new/>");
     ASSERT_TRUE(script);
     EXPECT_EQ(*script, 0);

@@ -24,7 +24,7 @@ public:
     void append(T const& item) { m_items.push_back(item); }
     void append(T&& item) { m_items.push_back(std::move(item)); }
     void remove(std::size_t index) {
-        ZRN_ASSERT(index < size(), "libCommon/ZRNArray");
+        ZRN_ASSERT(index < size(), "libCommon\\ZRNArray\\ZRN\\ZRNArrayCommon");
         m_items.erase(m_items.begin() + static_cast<std::ptrdiff_t>(index));
     }
     void clear() { m_items.clear(); }
@@ -34,11 +34,11 @@ public:
     bool empty() const { return m_items.empty(); }
 
     T& operator[](std::size_t index) {
-        ZRN_ASSERT(index < size(), "libCommon/ZRNArray");
+        ZRN_ASSERT(index < size(), "libCommon\\ZRNArray\\ZRN\\ZRNArrayCommon");
         return m_items[index];
     }
     T const& operator[](std::size_t index) const {
-        ZRN_ASSERT(index < size(), "libCommon/ZRNArray");
+        ZRN_ASSERT(index < size(), "libCommon\\ZRNArray\\ZRN\\ZRNArrayCommon");
         return m_items[index];
     }
 
