@@ -495,6 +495,9 @@ std::vector<TestRunResultLog> EventDataStore::getAllFails(EventTimePoint from,
 std::vector<TestRunResultLog> EventDataStore::getRecentFails(
     String const& deviceGuid, std::vector<String> const* failureResults,
     std::vector<String> const* passResults, EventTimePoint until) const {
+    // Held across every query below (each takes it again): the runs read per test belong to
+    // the same state of the file as the list of tests.
+    AutoGlobalMutex lock(module::eventStoreMutex());
     String const result = id("result");
     String const device = " (" + id("deviceGuid") + " = " + sql::value(deviceGuid) + " AND " +
                           id("endTime") + " <= " + eventsql::seconds(until) + ")";

@@ -2,10 +2,14 @@
 // them, through raw sqlite3) and read back through the readers, with their statements taken
 // from the log.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libCommon/Exception.h>
 #include <libDataStore/EventDataStore.h>
+#include <sys/file.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -335,6 +339,36 @@ TEST_F(EventQueriesTest, ProfilerDiffsScriptletsAndMeasurements) {
 
 // ---- Failures ----------------------------------------------------------------------------
 
+// Whether the "event_store" mutex is held at this moment: its lock file ("<dir>/event_store.lock",
+// dir being $ZRN_LOCK_DIR or the temp directory + "/zrn-locks") carries a flock() that a
+// second open file description cannot take.
+bool eventStoreMutexHeld() {
+    std::string dir;
+    if (char const* lockDir = std::getenv("ZRN_LOCK_DIR"); lockDir && *lockDir) {
+        dir = lockDir;
+    } else {
+        char const* temp = std::getenv("TMPDIR");
+        dir = std::string(temp && *temp ? temp : "/tmp") + "/zrn-locks";
+    }
+    int const fd = ::open((dir + "/event_store.lock").c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool const held = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
+    if (!held) ::flock(fd, LOCK_UN);
+    ::close(fd);
+    return held;
+}
+
+// Notes, for every defect reported, whether the store's mutex was held while it was.
+class MutexProbingCapture : public test::LogCapture {
+public:
+    void write(String const& loggerName, LoggerPriority::LOGGER_PRIORITY priority,
+               String const& message) override {
+        if (loggerName == "DEFECT.GENERIC") heldAtDefect.push_back(eventStoreMutexHeld());
+        LogCapture::write(loggerName, priority, message);
+    }
+    std::vector<bool> heldAtDefect;
+};
+
 class FailsTest : public EventQueriesTest {
 protected:
     // One finished run of `testGuid` on `device`.
@@ -394,9 +428,12 @@ TEST_F(FailsTest, RecentFailsKeepTestsWhoseNewestDecidingRunFailed) {
                       &TestRunResultLog::testGuid),
               (Strings{"failedLast"}));
 
-    test::LogCapture log;
+    // The defects are reported between the per-test queries: the mutex is held across all
+    // of them, so no other writer changes the runs between the list of tests and their runs.
+    MutexProbingCapture log;
     std::vector<String> const none;
     EXPECT_TRUE(m_store.getRecentFails("dev'1", &none, nullptr, at(500)).empty());
+    EXPECT_EQ(log.heldAtDefect, std::vector<bool>(3, true));
     std::vector<std::string> const defects = log.messages("DEFECT.GENERIC");
     EXPECT_EQ(defects,
               std::vector<std::string>(3, "Failure result list should be non-zero in length"));
