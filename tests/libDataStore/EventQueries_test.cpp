@@ -221,6 +221,8 @@ TEST_F(KeyedReadersTest, ScriptRunsWithTheirSpecsAndOptionalFilters) {
     EXPECT_EQ(fieldOf(m_store.scriptResultLogs({}, {}, String("Scan"), {}, {}, 1),
                       &ScriptResultLog::name),
               (Strings{"s2"}));
+    // A zero time point is no bound, also inside an optional.
+    EXPECT_EQ(m_store.scriptResultLogs(at(0), at(0), {}, {}, {}, 0).size(), all.size());
     // An optional holding an empty text still filters.
     EXPECT_TRUE(m_store.scriptResultLogs({}, {}, {}, String(""), {}, 0).empty());
     EXPECT_TRUE(m_store.scriptResultLogs({}, {}, {}, {}, String("g''uid"), 0).empty());
