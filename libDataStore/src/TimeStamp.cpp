@@ -4,12 +4,14 @@
 
 namespace zrn {
 
-TimeStamp::TimeStamp() : m_dateTime(new DateTime()) {}
+// Time stamps are made for every row a query reads: the DateTime and its count share one
+// allocation.
+TimeStamp::TimeStamp() : m_dateTime(Handle::make()) {}
 
 TimeStamp::TimeStamp(long long unixSeconds)
-    : m_dateTime(new DateTime(DateTime::fromUnixTimeStamp(unixSeconds))) {}
+    : m_dateTime(Handle::make(DateTime::fromUnixTimeStamp(unixSeconds))) {}
 
-TimeStamp::TimeStamp(DateTime const& dateTime) : m_dateTime(new DateTime(dateTime)) {}
+TimeStamp::TimeStamp(DateTime const& dateTime) : m_dateTime(Handle::make(dateTime)) {}
 
 TimeStamp::TimeStamp(Handle handle) : m_dateTime(std::move(handle)) {}
 

@@ -87,6 +87,15 @@ TEST(SharedResourceTest, LastOwnerFreesTheObject) {
         EXPECT_EQ(Counted::alive, 1);
     }
     EXPECT_EQ(Counted::alive, 0);
+    {
+        // One allocation for object and count: still freed exactly once, by the last owner.
+        auto made = SharedResource<PointerStorage<Counted>>::make();
+        auto copy = made;
+        made.reset();
+        EXPECT_EQ(Counted::alive, 1);
+        EXPECT_EQ(copy.useCount(), 1);
+    }
+    EXPECT_EQ(Counted::alive, 0);
     SharedResource<PointerStorage<Counted>, false> plain(new Counted());
     SharedResource<PointerStorage<Counted>, false> copy(plain);
     EXPECT_EQ(copy.useCount(), 2);
