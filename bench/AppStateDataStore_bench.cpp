@@ -4,20 +4,20 @@
 
 #include <libDataStore/AppStateDataStore.h>
 
-#include "BenchSupport.h"
-#include "RatioReport.h"
-
 #include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <string>
 
+#include "BenchSupport.h"
+#include "RatioReport.h"
+
 namespace {
 
 using zrn::AppStateDataStore;
 using zrn::String;
-using zrn::bench::RawConnection;
 using zrn::bench::freshPath;
+using zrn::bench::RawConnection;
 
 char const* const kModeNames[] = {"OFF", "NORMAL", "FULL"};
 
@@ -25,8 +25,8 @@ char const* const kModeNames[] = {"OFF", "NORMAL", "FULL"};
 // from now on.
 void useSyncMode(int mode) {
     static std::string const path = freshPath("settings") + ".ini";
-    std::ofstream(path, std::ios::trunc) << "[libDataStore]\nSQLiteDataStore.SyncMode="
-                                         << kModeNames[mode] << "\n";
+    std::ofstream(path, std::ios::trunc)
+        << "[libDataStore]\nSQLiteDataStore.SyncMode=" << kModeNames[mode] << "\n";
     ::setenv("ZRN_SETTINGS_FILE", path.c_str(), 1);
 }
 
@@ -58,7 +58,8 @@ void insertOurs(benchmark::State& state) {
         AppStateDataStore store{String(path)};
         long long i = 0;
         for (auto _ : state) {
-            bool const ok = store.insert(String("key" + std::to_string(i++)), "value of the item", "group");
+            bool const ok =
+                store.insert(String("key" + std::to_string(i++)), "value of the item", "group");
             if (!ok) state.SkipWithError("insert failed");
         }
     }
@@ -89,7 +90,8 @@ void dataOurs(benchmark::State& state) {
     std::string const path = freshPath("appstate-data-ours");
     {
         AppStateDataStore store{String(path)};
-        for (int i = 0; i < kItems; ++i) store.insert(String("key" + std::to_string(i)), "value of the item", "group");
+        for (int i = 0; i < kItems; ++i)
+            store.insert(String("key" + std::to_string(i)), "value of the item", "group");
         unsigned int i = 0;
         for (auto _ : state) {
             String const value = store.data(String("key" + std::to_string((i++ * 7919u) % kItems)));

@@ -4,11 +4,11 @@
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
-#include <unistd.h>
 
 namespace zrn {
 namespace bench {
@@ -62,4 +62,3 @@ private:
 
 }  // namespace bench
 }  // namespace zrn
-

@@ -5,9 +5,6 @@
 
 #include <libDataStore/GeneralDataStore.h>
 
-#include "BenchSupport.h"
-#include "RatioReport.h"
-
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -15,6 +12,9 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "BenchSupport.h"
+#include "RatioReport.h"
 
 namespace {
 
@@ -24,8 +24,8 @@ using zrn::GenericLogFilter;
 using zrn::LogKeyValue;
 using zrn::LogKeyValueSet;
 using zrn::String;
-using zrn::bench::RawConnection;
 using zrn::bench::freshPath;
+using zrn::bench::RawConnection;
 
 char const* const kModeNames[] = {"OFF", "NORMAL", "FULL"};
 int const kKeyValues = 10;
@@ -33,8 +33,8 @@ int const kLogsPerType = 1000;
 
 void useSyncMode(int mode) {
     static std::string const path = freshPath("general-settings") + ".ini";
-    std::ofstream(path, std::ios::trunc) << "[libDataStore]\nSQLiteDataStore.SyncMode="
-                                         << kModeNames[mode] << "\n";
+    std::ofstream(path, std::ios::trunc)
+        << "[libDataStore]\nSQLiteDataStore.SyncMode=" << kModeNames[mode] << "\n";
     ::setenv("ZRN_SETTINGS_FILE", path.c_str(), 1);
 }
 
@@ -64,7 +64,8 @@ std::vector<std::vector<std::string>> query(RawConnection& raw, std::string cons
 LogKeyValueSet keyValues(std::string const& valueSuffix) {
     LogKeyValueSet set;
     for (int k = 0; k < kKeyValues; ++k) {
-        set.append(LogKeyValue("key" + std::to_string(k), "value " + std::to_string(k) + valueSuffix));
+        set.append(
+            LogKeyValue("key" + std::to_string(k), "value " + std::to_string(k) + valueSuffix));
     }
     return set;
 }
@@ -101,15 +102,18 @@ void logNewRaw(benchmark::State& state) {
             std::string const now = nowText();
             query(raw, selectSetId(guid));
             raw.exec("BEGIN");
-            raw.exec("INSERT OR REPLACE INTO `GenericLog` (`typeUUID`,`guid`,`creationTimeStamp`,"
-                     "`category`,`subCategory`,`updateTimeStamp`,`tracked`,`flags`) VALUES('type','" +
-                     guid + "','" + now + "','cat','sub','" + now + "','0','0')");
+            raw.exec(
+                "INSERT OR REPLACE INTO `GenericLog` (`typeUUID`,`guid`,`creationTimeStamp`,"
+                "`category`,`subCategory`,`updateTimeStamp`,`tracked`,`flags`) VALUES('type','" +
+                guid + "','" + now + "','cat','sub','" + now + "','0','0')");
             std::string const id = query(raw, selectSetId(guid)).at(0).at(0);
             query(raw, "SELECT rowid, * FROM `KeyValues` WHERE `setID`='" + id + "'");
             for (int k = 0; k < kKeyValues; ++k) {
-                raw.exec("INSERT OR REPLACE INTO `KeyValues` (`setID`,`key`,`value`,`tracked`,"
-                         "`updateTimeStamp`) VALUES('" + id + "','key" + std::to_string(k) +
-                         "','value " + std::to_string(k) + "','0','" + now + "')");
+                raw.exec(
+                    "INSERT OR REPLACE INTO `KeyValues` (`setID`,`key`,`value`,`tracked`,"
+                    "`updateTimeStamp`) VALUES('" +
+                    id + "','key" + std::to_string(k) + "','value " + std::to_string(k) +
+                    "','0','" + now + "')");
             }
             raw.exec("COMMIT");
         }
@@ -126,7 +130,8 @@ void logUpdateOurs(benchmark::State& state) {
         store.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0u, keyValues("")));
         long long i = 0;
         for (auto _ : state) {
-            GenericLog const log("type", "guid", "cat", "sub", 0u, keyValues(" #" + std::to_string(i++)));
+            GenericLog const log("type", "guid", "cat", "sub", 0u,
+                                 keyValues(" #" + std::to_string(i++)));
             if (!store.logOrUpdate(log)) state.SkipWithError("logOrUpdate failed");
         }
     }
@@ -147,12 +152,14 @@ void logUpdateRaw(benchmark::State& state) {
             std::string const now = nowText();
             std::string id = query(raw, selectSetId("guid")).at(0).at(0);
             raw.exec("BEGIN");
-            raw.exec("UPDATE `GenericLog` SET `category` = 'cat',`subCategory` = 'sub',"
-                     "`updateTimeStamp` = '" + now + "',`tracked` = '0',`flags` = '0' WHERE `rowid`='" +
-                     id + "'");
+            raw.exec(
+                "UPDATE `GenericLog` SET `category` = 'cat',`subCategory` = 'sub',"
+                "`updateTimeStamp` = '" +
+                now + "',`tracked` = '0',`flags` = '0' WHERE `rowid`='" + id + "'");
             id = query(raw, selectSetId("guid")).at(0).at(0);
             std::map<std::string, std::string> rowIds;
-            for (auto const& row : query(raw, "SELECT rowid, * FROM `KeyValues` WHERE `setID`='" + id + "'")) {
+            for (auto const& row :
+                 query(raw, "SELECT rowid, * FROM `KeyValues` WHERE `setID`='" + id + "'")) {
                 rowIds[row.at(2)] = row.at(0);
             }
             for (int k = 0; k < kKeyValues; ++k) {
@@ -188,10 +195,11 @@ std::string const& storedLogs(int logs) {
     raw.exec("BEGIN");
     sqlite3_stmt* log = nullptr;
     sqlite3_stmt* kv = nullptr;
-    sqlite3_prepare_v2(raw.handle(),
-                       "INSERT INTO GenericLog (typeUUID,guid,category,subCategory,"
-                       "creationTimeStamp,updateTimeStamp,tracked,flags) VALUES(?,?,'cat','sub',?,?,0,0)",
-                       -1, &log, nullptr);
+    sqlite3_prepare_v2(
+        raw.handle(),
+        "INSERT INTO GenericLog (typeUUID,guid,category,subCategory,"
+        "creationTimeStamp,updateTimeStamp,tracked,flags) VALUES(?,?,'cat','sub',?,?,0,0)",
+        -1, &log, nullptr);
     sqlite3_prepare_v2(raw.handle(),
                        "INSERT INTO KeyValues (setID,key,value,tracked,updateTimeStamp) "
                        "VALUES(?,?,?,0,?)",
@@ -241,11 +249,14 @@ void getLogsRaw(benchmark::State& state) {
     RawConnection raw(path, 0);
     int t = 0;
     for (auto _ : state) {
-        auto const logs = query(raw, "SELECT kv_set.rowid, * FROM `GenericLog` kv_set\n WHERE "
-                                     "`typeUUID` = 'type-" + std::to_string(t++ % 7) + "'");
+        auto const logs = query(raw,
+                                "SELECT kv_set.rowid, * FROM `GenericLog` kv_set\n WHERE "
+                                "`typeUUID` = 'type-" +
+                                    std::to_string(t++ % 7) + "'");
         if (logs.size() != kLogsPerType) state.SkipWithError("unexpected result size");
         for (auto const& row : logs) {
-            auto const kvs = query(raw, "SELECT * from `KeyValues` WHERE `setID` = '" + row[0] + "'");
+            auto const kvs =
+                query(raw, "SELECT * from `KeyValues` WHERE `setID` = '" + row[0] + "'");
             benchmark::DoNotOptimize(kvs);
         }
     }
@@ -257,7 +268,15 @@ BENCHMARK(logNewOurs)->Name("General.logOrUpdate.new/ours")->Arg(0)->Arg(2);
 BENCHMARK(logNewRaw)->Name("General.logOrUpdate.new/raw")->Arg(0)->Arg(2);
 BENCHMARK(logUpdateOurs)->Name("General.logOrUpdate.update/ours")->Arg(0)->Arg(2);
 BENCHMARK(logUpdateRaw)->Name("General.logOrUpdate.update/raw")->Arg(0)->Arg(2);
-BENCHMARK(getLogsOurs)->Name("General.getLogs/ours")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK(getLogsRaw)->Name("General.getLogs/raw")->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(getLogsOurs)
+    ->Name("General.getLogs/ours")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(getLogsRaw)
+    ->Name("General.getLogs/raw")
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 BENCH_MAIN_WITH_RATIOS();

@@ -66,12 +66,12 @@ inline int runWithRatios(int argc, char** argv, void (*registerCases)()) {
 }  // namespace bench
 }  // namespace zrn
 
-#define BENCH_MAIN_WITH_RATIOS()                                    \
-    int main(int argc, char** argv) {                               \
-        benchmark::Initialize(&argc, argv);                         \
+#define BENCH_MAIN_WITH_RATIOS()                                          \
+    int main(int argc, char** argv) {                                     \
+        benchmark::Initialize(&argc, argv);                               \
         if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1; \
-        zrn::bench::RatioReporter reporter;                         \
-        benchmark::RunSpecifiedBenchmarks(&reporter);               \
-        benchmark::Shutdown();                                      \
-        return 0;                                                   \
+        zrn::bench::RatioReporter reporter;                               \
+        benchmark::RunSpecifiedBenchmarks(&reporter);                     \
+        benchmark::Shutdown();                                            \
+        return 0;                                                         \
     }

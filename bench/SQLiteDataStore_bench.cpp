@@ -1,9 +1,8 @@
 // The table layer against raw sqlite3_exec of the identical statement text, on the same kind of
 // file in the same synchronous mode; and the cost of an uncontended AutoGlobalMutex.
 
-#include <libDataStore/SQLiteDataStore.h>
-
 #include <libCommon/GlobalMutex.h>
+#include <libDataStore/SQLiteDataStore.h>
 
 #include <mutex>
 #include <string>
@@ -32,7 +31,8 @@ HashTable<String, String> rowFor(long i) {
     HashTable<String, String> row;
     row.insert("setID", String(std::to_string(i)));
     row.insert("key", String("key-" + std::to_string(i)));
-    row.insert("value", String("a value of moderate length, as the stores write them " + std::to_string(i)));
+    row.insert("value",
+               String("a value of moderate length, as the stores write them " + std::to_string(i)));
     return row;
 }
 
@@ -127,4 +127,6 @@ void registerCases() {
 }  // namespace
 }  // namespace zrn
 
-int main(int argc, char** argv) { return zrn::bench::runWithRatios(argc, argv, zrn::registerCases); }
+int main(int argc, char** argv) {
+    return zrn::bench::runWithRatios(argc, argv, zrn::registerCases);
+}

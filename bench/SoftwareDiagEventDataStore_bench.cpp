@@ -4,9 +4,6 @@
 
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
-#include "BenchSupport.h"
-#include "RatioReport.h"
-
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -14,6 +11,9 @@
 #include <map>
 #include <string>
 #include <vector>
+
+#include "BenchSupport.h"
+#include "RatioReport.h"
 
 namespace zrn {
 namespace {
@@ -293,7 +293,6 @@ void fixActionsByIssueRaw(benchmark::State& state) {
         next = (next + 1) % issues.size();
     }
 }
-
 
 }  // namespace
 }  // namespace zrn

@@ -2,7 +2,6 @@
 // file is. Uses the public API only.
 
 #include <libDataStore/DataStore.h>
-
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -20,9 +19,10 @@ int main() {
         }
         String const path = FileSystem::getAbsolutePath(folder, "hello.db", true);
 
-        static SQLiteDataStoreColumnSpec const columns[] = {
-            {"id", "INTEGER PRIMARY KEY"}, {"greeting", "TEXT"}, {"writtenAt", "INTEGER"},
-            {nullptr, nullptr}};
+        static SQLiteDataStoreColumnSpec const columns[] = {{"id", "INTEGER PRIMARY KEY"},
+                                                            {"greeting", "TEXT"},
+                                                            {"writtenAt", "INTEGER"},
+                                                            {nullptr, nullptr}};
         SQLiteDataStore table(path, "Greetings", columns);
 
         // A row names every column; a shorter one is logged as a warning.
@@ -30,7 +30,8 @@ int main() {
         HashTable<String, String> row;
         row.insert("id", String(std::to_string(id)));
         row.insert("greeting", "Hello from libDataStore, it's working");
-        row.insert("writtenAt", String(std::to_string(TimeStamp::getCurrentUTCTimeStamp().getUnixTimeStamp())));
+        row.insert("writtenAt",
+                   String(std::to_string(TimeStamp::getCurrentUTCTimeStamp().getUnixTimeStamp())));
         table.append(row);
 
         String greeting;

@@ -25,7 +25,8 @@ int localOffsetAt(long long seconds) {
 bool digits(std::string const& text, std::size_t& pos, int count, int& value) {
     value = 0;
     for (int i = 0; i < count; ++i, ++pos) {
-        if (pos >= text.size() || !std::isdigit(static_cast<unsigned char>(text[pos]))) return false;
+        if (pos >= text.size() || !std::isdigit(static_cast<unsigned char>(text[pos])))
+            return false;
         value = value * 10 + (text[pos] - '0');
     }
     return true;
@@ -56,14 +57,16 @@ DateTime::DateTime(String const& input) {
     if (pos < text.size()) {
         if (text[pos] != 'T' && text[pos] != 't' && text[pos] != ' ') return;
         ++pos;
-        if (!digits(text, pos, 2, hour) || !expect(text, pos, ':') || !digits(text, pos, 2, minute)) {
+        if (!digits(text, pos, 2, hour) || !expect(text, pos, ':') ||
+            !digits(text, pos, 2, minute)) {
             return;
         }
         if (expect(text, pos, ':')) {
             if (!digits(text, pos, 2, second)) return;
             if (expect(text, pos, '.') || expect(text, pos, ',')) {
                 std::size_t const start = pos;
-                while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
+                while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos])))
+                    ++pos;
                 if (pos == start) return;
             }
         }
@@ -82,7 +85,8 @@ DateTime::DateTime(String const& input) {
         // No offset: local wall-clock time; mktime settles daylight saving itself.
         tm.tm_isdst = -1;
         std::time_t const t = std::mktime(&tm);
-        if (t == static_cast<std::time_t>(-1) && !(year == 1969 && month == 12 && day == 31)) return;
+        if (t == static_cast<std::time_t>(-1) && !(year == 1969 && month == 12 && day == 31))
+            return;
         *this = DateTime(static_cast<long long>(t), LOCAL);
         return;
     }
@@ -137,8 +141,13 @@ bool DateTime::operator==(DateTime const& other) const {
 DateTime::Fields DateTime::fields() const {
     std::tm tm{};
     if (!m_initialized || !brokenDown(m_seconds, m_kind, tm)) return Fields{0, 0, 0, 0, 0, 0, 0};
-    return Fields{tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
-                  tm.tm_min,         tm.tm_sec,     static_cast<int>(tm.tm_gmtoff)};
+    return Fields{tm.tm_year + 1900,
+                  tm.tm_mon + 1,
+                  tm.tm_mday,
+                  tm.tm_hour,
+                  tm.tm_min,
+                  tm.tm_sec,
+                  static_cast<int>(tm.tm_gmtoff)};
 }
 
 String DateTime::toString() const {

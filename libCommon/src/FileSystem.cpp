@@ -1,5 +1,4 @@
 #include <libCommon/FileSystem.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,7 +24,8 @@ std::string normalized(std::string const& path) {
     std::size_t pos = 0;
     while (pos <= path.size()) {
         std::size_t const next = path.find('/', pos);
-        std::string const part = path.substr(pos, next == std::string::npos ? std::string::npos : next - pos);
+        std::string const part =
+            path.substr(pos, next == std::string::npos ? std::string::npos : next - pos);
         if (part == "..") {
             if (!parts.empty()) parts.pop_back();
         } else if (!part.empty() && part != ".") {

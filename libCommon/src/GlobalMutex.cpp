@@ -1,8 +1,6 @@
-#include <libCommon/GlobalMutex.h>
-
-#include <libCommon/Exception.h>
-
 #include <fcntl.h>
+#include <libCommon/Exception.h>
+#include <libCommon/GlobalMutex.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,11 +1,10 @@
-#include <libCommon/Logger.h>
-
 #include <libCommon/DateTime.h>
+#include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 
 #include <atomic>
-#include <chrono>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,10 +18,14 @@ namespace {
 
 char const* priorityName(LoggerPriority::LOGGER_PRIORITY priority) {
     switch (priority) {
-        case LoggerPriority::TRACE: return "TRACE";
-        case LoggerPriority::NOTICE: return "NOTICE";
-        case LoggerPriority::WARNING: return "WARNING";
-        case LoggerPriority::ERROR: return "ERROR";
+        case LoggerPriority::TRACE:
+            return "TRACE";
+        case LoggerPriority::NOTICE:
+            return "NOTICE";
+        case LoggerPriority::WARNING:
+            return "WARNING";
+        case LoggerPriority::ERROR:
+            return "ERROR";
     }
     return "?";
 }

@@ -1,12 +1,9 @@
 #include <libCommon/Resource.h>
-
 #include <libCommon/System.h>
+#include <sys/stat.h>
 
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
-
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <mutex>
 #include <string>
@@ -40,7 +37,8 @@ FileVersion versionOf(std::string const& path) {
         v.device = info.st_dev;
         v.inode = info.st_ino;
         v.size = info.st_size;
-        v.mtimeNs = static_cast<long long>(info.st_mtim.tv_sec) * 1000000000LL + info.st_mtim.tv_nsec;
+        v.mtimeNs =
+            static_cast<long long>(info.st_mtim.tv_sec) * 1000000000LL + info.st_mtim.tv_nsec;
     }
     return v;
 }
@@ -71,8 +69,9 @@ String Resource::settingsFilePath() {
     return System::getApplicationDirectory() + "/settings.ini";
 }
 
-bool Resource::getSetting(char const* section, char const* key, String& value,
-                          ZRNLocale const& /*locale: one global locale, settings are not localised*/) {
+bool Resource::getSetting(
+    char const* section, char const* key, String& value,
+    ZRNLocale const& /*locale: one global locale, settings are not localised*/) {
     if (!section || !key) return false;
     FileVersion const current = versionOf(settingsFilePath().str());
 

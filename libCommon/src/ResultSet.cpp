@@ -1,6 +1,5 @@
-#include <libCommon/ResultSet.h>
-
 #include <libCommon/Exception.h>
+#include <libCommon/ResultSet.h>
 
 #include <algorithm>
 #include <string>

@@ -1,8 +1,6 @@
-#include <libCommon/SQLite3Database.h>
-
 #include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
-
+#include <libCommon/SQLite3Database.h>
 #include <sqlite3.h>
 
 #include <cstring>
@@ -27,7 +25,9 @@ bool onlyBlanksAndSemicolons(char const* text) {
 // failure is the one of this statement even when other threads use the connection.
 class ConnectionLock {
 public:
-    explicit ConnectionLock(sqlite3* db) : m_mutex(sqlite3_db_mutex(db)) { sqlite3_mutex_enter(m_mutex); }
+    explicit ConnectionLock(sqlite3* db) : m_mutex(sqlite3_db_mutex(db)) {
+        sqlite3_mutex_enter(m_mutex);
+    }
     ConnectionLock(ConnectionLock const&) = delete;
     ConnectionLock& operator=(ConnectionLock const&) = delete;
     ~ConnectionLock() { sqlite3_mutex_leave(m_mutex); }
@@ -61,8 +61,8 @@ SQLite3Database::SQLite3Database(String const& path, SYNC_MODE syncMode,
 
 SQLite3Database::~SQLite3Database() = default;
 
-void SQLite3Database::open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding,
-                           CREATE_MODE createMode, ACCESS_MODE accessMode) {
+void SQLite3Database::open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding, CREATE_MODE createMode,
+                           ACCESS_MODE accessMode) {
     m_readOnly = accessMode == READ_ONLY;
     int flags = SQLITE_OPEN_FULLMUTEX;  // serialized: one connection, several threads
     if (m_readOnly) {

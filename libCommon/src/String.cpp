@@ -36,8 +36,12 @@ char32_t decode(std::string const& text, std::size_t& pos) {
     auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[pos + i]); };
     char32_t c;
     switch (length) {
-        case 2: c = ((byte(0) & 0x1Fu) << 6) | (byte(1) & 0x3Fu); break;
-        case 3: c = ((byte(0) & 0x0Fu) << 12) | ((byte(1) & 0x3Fu) << 6) | (byte(2) & 0x3Fu); break;
+        case 2:
+            c = ((byte(0) & 0x1Fu) << 6) | (byte(1) & 0x3Fu);
+            break;
+        case 3:
+            c = ((byte(0) & 0x0Fu) << 12) | ((byte(1) & 0x3Fu) << 6) | (byte(2) & 0x3Fu);
+            break;
         case 4:
             c = ((byte(0) & 0x07u) << 18) | ((byte(1) & 0x3Fu) << 12) | ((byte(2) & 0x3Fu) << 6) |
                 (byte(3) & 0x3Fu);
@@ -52,7 +56,7 @@ char32_t decode(std::string const& text, std::size_t& pos) {
 // Simple case folding for the scripts the suite's texts use: ASCII, Latin-1, Greek, Cyrillic.
 char32_t foldCase(char32_t c) {
     if (c >= U'A' && c <= U'Z') return c + 32;
-    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;  // À-Þ except ×
+    if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 32;     // À-Þ except ×
     if (c >= 0x391 && c <= 0x3A9 && c != 0x3A2) return c + 32;  // Greek capitals
     if (c >= 0x410 && c <= 0x42F) return c + 32;                // Cyrillic А-Я
     if (c >= 0x400 && c <= 0x40F) return c + 80;                // Cyrillic Ѐ-Џ

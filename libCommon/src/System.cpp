@@ -1,5 +1,4 @@
 #include <libCommon/System.h>
-
 #include <unistd.h>
 
 #include <string>

@@ -17,9 +17,12 @@ ZRNValue::ZRNValue(double value) : m_type(REAL), m_real(value) {}
 String ZRNValue::toString(unsigned int /*format*/) const {
     // Only the plain format exists; every format gives the same text.
     switch (m_type) {
-        case SIGNED: return String(std::to_string(m_signed));
-        case UNSIGNED: return String(std::to_string(m_unsigned));
-        case REAL: break;
+        case SIGNED:
+            return String(std::to_string(m_signed));
+        case UNSIGNED:
+            return String(std::to_string(m_unsigned));
+        case REAL:
+            break;
     }
     char text[32];
     for (int precision = 15; precision <= 17; ++precision) {

@@ -1,5 +1,3 @@
-#include <libDataStore/AppStateDataStore.h>
-
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -7,14 +5,14 @@
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-
+#include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include <string>
+
 #include "ModuleState.h"
 #include "SqlText.h"
-
-#include <string>
 
 namespace zrn {
 
@@ -25,11 +23,8 @@ namespace {
 char const kTableName[] = "AppState";
 
 SQLiteDataStoreColumnSpec const kColumns[] = {
-    {"key", "TEXT"},
-    {"data", "TEXT"},
-    {"filterGroup", "TEXT"},
-    {"dateTime", "TEXT"},
-    {nullptr, nullptr},
+    {"key", "TEXT"},      {"data", "TEXT"},   {"filterGroup", "TEXT"},
+    {"dateTime", "TEXT"}, {nullptr, nullptr},
 };
 
 // The index name is single-quoted and holds a dash: `AppState-key`.
@@ -89,8 +84,8 @@ AppStateDataStore::AppStateDataStore(String const& path) {
     } catch (...) {
         m_table.reset();
         logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "124 " + "General failure creating AppStateDataStore at path: '" +
-                   path + "'";
+            return LoggerStream() + "124 " +
+                   "General failure creating AppStateDataStore at path: '" + path + "'";
         });
     }
 }
@@ -171,9 +166,8 @@ bool AppStateDataStore::contains(String const& key) const {
         AutoGlobalMutex lock(module::appStateStoreMutex());
         return table().contains("key", key);
     } catch (...) {
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "186 " + "General failure looking up key: " + key;
-        });
+        logAt(logger(), ERROR,
+              [&] { return LoggerStream() + "186 " + "General failure looking up key: " + key; });
     }
     return false;
 }
@@ -191,7 +185,8 @@ bool AppStateDataStore::remove(String const& key) {
     return false;
 }
 
-boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(String const& key) const {
+boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
+    String const& key) const {
     try {
         String text;
         {
@@ -218,8 +213,8 @@ String AppStateDataStore::group(String const& key) const {
         if (table().cellData("filterGroup", out, "key", key)) return out;
     } catch (...) {
         logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "252 " + "General failure attempting to get group for key: " +
-                   key;
+            return LoggerStream() + "252 " +
+                   "General failure attempting to get group for key: " + key;
         });
     }
     return String();
@@ -229,8 +224,8 @@ int AppStateDataStore::count(String const& group) const {
     try {
         AutoGlobalMutex lock(module::appStateStoreMutex());
         // An empty column makes the table layer count every row.
-        unsigned int const n = group.empty() ? table().count(String(), String())
-                                             : table().count("filterGroup", group);
+        unsigned int const n =
+            group.empty() ? table().count(String(), String()) : table().count("filterGroup", group);
         return static_cast<int>(n);
     } catch (...) {
         logAt(logger(), ERROR, [&] {
@@ -287,9 +282,8 @@ bool AppStateDataStore::isClosed() const {
         AutoGlobalMutex lock(module::appStateStoreMutex());
         return table().isClosed();
     } catch (...) {
-        logAt(logger(), ERROR, [] {
-            return LoggerStream() + "220 " + "General failure attempting check isClosed";
-        });
+        logAt(logger(), ERROR,
+              [] { return LoggerStream() + "220 " + "General failure attempting check isClosed"; });
     }
     return false;
 }

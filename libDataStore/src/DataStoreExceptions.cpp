@@ -3,7 +3,8 @@
 namespace zrn {
 
 // Destructors out of line: the type information and vtable then live in this library alone.
-CannotAccessClosedDatabaseException::CannotAccessClosedDatabaseException(String const& message) : Exception(message) {}
+CannotAccessClosedDatabaseException::CannotAccessClosedDatabaseException(String const& message)
+    : Exception(message) {}
 CannotAccessClosedDatabaseException::~CannotAccessClosedDatabaseException() = default;
 
 IdAlreadyUsedException::IdAlreadyUsedException(String const& message) : Exception(message) {}
@@ -12,7 +13,8 @@ IdAlreadyUsedException::~IdAlreadyUsedException() = default;
 IdDoesntExistException::IdDoesntExistException(String const& message) : Exception(message) {}
 IdDoesntExistException::~IdDoesntExistException() = default;
 
-InvalidColumnNameException::InvalidColumnNameException(String const& message) : Exception(message) {}
+InvalidColumnNameException::InvalidColumnNameException(String const& message)
+    : Exception(message) {}
 InvalidColumnNameException::~InvalidColumnNameException() = default;
 
 OutOfUniqueIdsException::OutOfUniqueIdsException(String const& message) : Exception(message) {}

@@ -1,7 +1,6 @@
-#include <libDataStore/DataStoreSettings.h>
-
 #include <libCommon/FileSystem.h>
 #include <libCommon/System.h>
+#include <libDataStore/DataStoreSettings.h>
 
 #include "ModuleState.h"
 
@@ -120,8 +119,6 @@ String const& DataStoreSettings::generalDataStorePath() { return folderOf(genera
 void DataStoreSettings::setGeneralDataStorePath(String const& folder) {
     setFolderOf(generalLocation, folder);
 }
-String const& DataStoreSettings::generalDataStoreFilePath() {
-    return filePathOf(generalLocation);
-}
+String const& DataStoreSettings::generalDataStoreFilePath() { return filePathOf(generalLocation); }
 
 }  // namespace zrn

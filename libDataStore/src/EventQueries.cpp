@@ -255,8 +255,10 @@ std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<Ev
     // An optional that holds a value adds its condition, even an empty text.
     // As everywhere, a zero time point is no bound; only an empty optional text differs from
     // an optional holding an empty text.
-    if (from && !eventsql::isZero(*from)) where.add("s." + id("startTime"), " >= ", eventsql::seconds(*from));
-    if (to && !eventsql::isZero(*to)) where.add("s." + id("startTime"), " <= ", eventsql::seconds(*to));
+    if (from && !eventsql::isZero(*from))
+        where.add("s." + id("startTime"), " >= ", eventsql::seconds(*from));
+    if (to && !eventsql::isZero(*to))
+        where.add("s." + id("startTime"), " <= ", eventsql::seconds(*to));
     if (typeOfRun) where.add("a." + id("typeOfRun"), " = ", sql::value(*typeOfRun));
     if (name) where.add("s." + id("name"), " = ", sql::value(*name));
     if (scriptGuid) where.add("s." + id("scriptGuid"), " = ", sql::value(*scriptGuid));

@@ -1,5 +1,3 @@
-#include <libDataStore/GeneralDataStore.h>
-
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -8,14 +6,14 @@
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
 #include <libCommon/ZRNValue.h>
-
 #include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
+
+#include <optional>
 
 #include "ModuleState.h"
 #include "SqlText.h"
-
-#include <optional>
 
 namespace zrn {
 
@@ -46,12 +44,8 @@ SQLiteDataStoreColumnSpec const kLogColumns[] = {
 };
 
 SQLiteDataStoreColumnSpec const kKeyValueColumns[] = {
-    {"setID", "INTEGER"},
-    {"key", "TEXT"},
-    {"value", "TEXT"},
-    {"tracked", "INTEGER"},
-    {"updateTimeStamp", "INTEGER"},
-    {nullptr, nullptr},
+    {"setID", "INTEGER"},           {"key", "TEXT"},    {"value", "TEXT"}, {"tracked", "INTEGER"},
+    {"updateTimeStamp", "INTEGER"}, {nullptr, nullptr},
 };
 
 int const kSchemaVersion = 1;
@@ -82,8 +76,8 @@ GeneralDataStore::GeneralDataStore()
 
 GeneralDataStore::GeneralDataStore(String const& path) : m_filePath(path) {
     logAt(logger(), TRACE, [&] {
-        return LoggerStream() + "532 " + "GeneralDataStore(" + path + ") this: " +
-               static_cast<void const*>(this);
+        return LoggerStream() + "532 " + "GeneralDataStore(" + path +
+               ") this: " + static_cast<void const*>(this);
     });
     createDataStores();
 }
@@ -91,8 +85,8 @@ GeneralDataStore::GeneralDataStore(String const& path) : m_filePath(path) {
 GeneralDataStore::~GeneralDataStore() {
     try {
         logAt(logger(), TRACE, [&] {
-            return LoggerStream() + "541 " + "~GeneralDataStore() this: " +
-                   static_cast<void const*>(this);
+            return LoggerStream() + "541 " +
+                   "~GeneralDataStore() this: " + static_cast<void const*>(this);
         });
         AutoGlobalMutex lock(module::generalStoreMutex());
         closeUnlocked();
@@ -119,8 +113,9 @@ void GeneralDataStore::createDataStores() {
             db.execute("BEGIN");
             db.execute(SprintfFormat("INSERT OR IGNORE INTO `%s` (`%s`) values ('%i')",
                                      kVersionTable, "version", kSchemaVersion));
-            db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValueSet_uniqueIDs on `%s` (`%s`, `%s`)",
-                                     kLogTable, "typeUUID", "guid"));
+            db.execute(
+                SprintfFormat("CREATE UNIQUE INDEX keyValueSet_uniqueIDs on `%s` (`%s`, `%s`)",
+                              kLogTable, "typeUUID", "guid"));
             db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValues_uniqueIDs on `%s` (`%s`, `%s`)",
                                      kKeyValueTable, "setID", "key"));
             db.execute(SprintfFormat(
@@ -224,7 +219,8 @@ bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
         long long setId = getSetIDUnlocked(log);
         bool const exists = setId != -1;
         // One time for every row this call writes.
-        String const nowText = decimal(TimeStamp(DateTime::getCurrentUTCDateTime()).getUnixTimeStamp());
+        String const nowText =
+            decimal(TimeStamp(DateTime::getCurrentUTCDateTime()).getUnixTimeStamp());
 
         HashTable<String, String> row(32);
         log.toRowData(row, exists, nowText);
@@ -269,7 +265,8 @@ bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
                 kv.toRowData(kvRow, setId, false, nowText);
                 String const* rowId = storedRowIds.lookup(kv.key());
                 if (!rowId) {
-                    throw DatabaseError("Unexpected condition - could not associate rowID with record.");
+                    throw DatabaseError(
+                        "Unexpected condition - could not associate rowID with record.");
                 }
                 m_eventKeyValueDataStore->update(kvRow, "rowid", *rowId);
             }
@@ -312,8 +309,8 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
             conditions.append(condition("subCategory", "=", sql::value(filter.m_subCategory)));
         }
         if (filter.m_dateFrom != TimeStamp()) {
-            conditions.append(
-                condition("creationTimeStamp", ">=", decimal(filter.m_dateFrom.getUnixTimeStamp())));
+            conditions.append(condition("creationTimeStamp",
+                                        ">=", decimal(filter.m_dateFrom.getUnixTimeStamp())));
         }
         if (filter.m_dateTo != TimeStamp()) {
             conditions.append(
@@ -327,7 +324,8 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
                               sql::identifier("value") + " = " + sql::value(kv.value()) + ")");
         }
 
-        String statement = "SELECT kv_set.rowid, * FROM " + sql::identifier(kLogTable) + " kv_set\n";
+        String statement =
+            "SELECT kv_set.rowid, * FROM " + sql::identifier(kLogTable) + " kv_set\n";
         for (std::size_t i = 0; i < conditions.size(); ++i) {
             statement += (i == 0 ? " WHERE " : "\n AND ") + conditions[i];
         }
@@ -341,7 +339,8 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
             ResultSetRow const& row = result.row(static_cast<int>(i));
             ResultSet stored;
             m_database->execute("SELECT * from " + sql::identifier(kKeyValueTable) + " WHERE " +
-                                    sql::identifier("setID") + " = " + sql::value(row.columnValue(0)),
+                                    sql::identifier("setID") + " = " +
+                                    sql::value(row.columnValue(0)),
                                 &stored);
             LogKeyValueSet keyValues;
             for (unsigned int k = 0; k < stored.rowCount(); ++k) {
@@ -351,7 +350,8 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
         }
     } catch (Exception const& e) {
         // The logs read before the failure are kept: a partial list is the intended outcome.
-        logAt(logger(), ERROR, [&] { return LoggerStream() + "717 " + "getLogs(): " + e.getMessage(); });
+        logAt(logger(), ERROR,
+              [&] { return LoggerStream() + "717 " + "getLogs(): " + e.getMessage(); });
     }
     return logs;
 }

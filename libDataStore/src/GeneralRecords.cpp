@@ -1,9 +1,8 @@
-#include <libDataStore/GeneralRecords.h>
-
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
 #include <libCommon/ZRNValue.h>
+#include <libDataStore/GeneralRecords.h>
 
 #include <algorithm>
 #include <string>
@@ -44,14 +43,15 @@ LogKeyValue::LogKeyValue(long long setId, String const& key, String const& value
 LogKeyValue LogKeyValue::fromDbRow(ResultSetRow const& row) {
     if (row.columnCount() < 5) {
         logAt(defectLogger(), ERROR, [] {
-            return LoggerStream() + "LogKeyValue::fromDbRow() row column count is less than required";
+            return LoggerStream() +
+                   "LogKeyValue::fromDbRow() row column count is less than required";
         });
     }
-    return LogKeyValue(
-        String::strToInt64(row.columnValue(String("setID")), 10), row.columnValue(String("key")),
-        row.columnValue(String("value")),
-        TimeStamp::fromUnixTimeStamp(String::strToInt64(row.columnValue(String("updateTimeStamp")), 10)),
-        String::strToInt64(row.columnValue(String("tracked")), 10) > 0);
+    return LogKeyValue(String::strToInt64(row.columnValue(String("setID")), 10),
+                       row.columnValue(String("key")), row.columnValue(String("value")),
+                       TimeStamp::fromUnixTimeStamp(
+                           String::strToInt64(row.columnValue(String("updateTimeStamp")), 10)),
+                       String::strToInt64(row.columnValue(String("tracked")), 10) > 0);
 }
 
 void LogKeyValue::toRowData(HashTable<String, String>& row, long long setId, bool /*ignored*/,
@@ -109,9 +109,9 @@ GenericLog::GenericLog(String const& typeUUID, String const& guid, String const&
       m_keyValues(keyValues) {}
 
 GenericLog::GenericLog(long long id, String const& typeUUID, String const& guid,
-                       String const& category, String const& subCategory,
-                       TimeStamp const& creation, TimeStamp const& update, unsigned int flags,
-                       bool tracked, LogKeyValueSet const& keyValues)
+                       String const& category, String const& subCategory, TimeStamp const& creation,
+                       TimeStamp const& update, unsigned int flags, bool tracked,
+                       LogKeyValueSet const& keyValues)
     : m_id(id),
       m_typeUUID(typeUUID),
       m_guid(guid),
@@ -174,7 +174,8 @@ String GenericLog::toString() const {
 GenericLog GenericLog::fromDbRow(ResultSetRow const& row, LogKeyValueSet const& keyValues) {
     if (row.columnCount() < 9) {
         logAt(defectLogger(), ERROR, [] {
-            return LoggerStream() + "GenericLog::fromDbRow() row column count is less than required";
+            return LoggerStream() +
+                   "GenericLog::fromDbRow() row column count is less than required";
         });
     }
     auto seconds = [&](int index) {
@@ -182,7 +183,8 @@ GenericLog GenericLog::fromDbRow(ResultSetRow const& row, LogKeyValueSet const& 
     };
     return GenericLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
                       row.columnValue(2), row.columnValue(3), row.columnValue(4), seconds(5),
-                      seconds(6), static_cast<unsigned int>(String::strToUInt64(row.columnValue(8), 10)),
+                      seconds(6),
+                      static_cast<unsigned int>(String::strToUInt64(row.columnValue(8), 10)),
                       String::strToUInt64(row.columnValue(7), 10) != 0, keyValues);
 }
 

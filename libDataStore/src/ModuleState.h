@@ -11,10 +11,10 @@ namespace zrn {
 namespace module {
 
 // One named, process-wide mutex per store family.
-GlobalMutex& generalStoreMutex();      // "general_store"
-GlobalMutex& eventStoreMutex();        // "event_store"
-GlobalMutex& appStateStoreMutex();     // "appstate_store"
-GlobalMutex& softwareDiagStoreMutex(); // "softwarediag_store"
+GlobalMutex& generalStoreMutex();       // "general_store"
+GlobalMutex& eventStoreMutex();         // "event_store"
+GlobalMutex& appStateStoreMutex();      // "appstate_store"
+GlobalMutex& softwareDiagStoreMutex();  // "softwarediag_store"
 
 // Guards the store locations of DataStoreSettings.
 mutex::CriticalSection& settingsSection();

@@ -1,17 +1,15 @@
-#include <libDataStore/SQLiteDataStore.h>
-
 #include <libCommon/Exception.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 #include <libCommon/ResultSet.h>
-
 #include <libDataStore/DataStoreExceptions.h>
+#include <libDataStore/SQLiteDataStore.h>
+
+#include <string>
 
 #include "ModuleState.h"
 #include "SqlText.h"
-
-#include <string>
 
 namespace zrn {
 
@@ -127,7 +125,8 @@ void SQLiteDataStore::init() {
 
     if (m_columns.empty()) {
         logAt(logger(), ERROR, [] {
-            return LoggerStream() + "137 " + "SQLiteDataStore: Cannot create a table with zero columns";
+            return LoggerStream() + "137 " +
+                   "SQLiteDataStore: Cannot create a table with zero columns";
         });
         throw ZeroTableColumnsException(zeroColumnsMessage(dbFilePath(), m_tableName));
     }
@@ -254,7 +253,8 @@ bool SQLiteDataStore::cellData(String const& column, String& out, String const& 
     String const text = "SELECT " + sql::identifier(column) + " FROM " +
                         sql::identifier(m_tableName) + " WHERE " + sql::identifier(keyColumn) +
                         "=" + sql::value(keyValue);
-    logAt(logger(), TRACE, [&] { return LoggerStream() + "263 " + "CellData SQL Command: " + text; });
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "263 " + "CellData SQL Command: " + text; });
     ResultSet result;
     m_database->execute(text, &result);
     if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return false;
@@ -266,17 +266,20 @@ bool SQLiteDataStore::rowData(Array<String>& out, String const& keyColumn,
                               String const& keyValue) const {
     String const text = "SELECT * FROM " + sql::identifier(m_tableName) + " WHERE " +
                         sql::identifier(keyColumn) + "=" + sql::value(keyValue);
-    logAt(logger(), TRACE, [&] { return LoggerStream() + "279 " + "RowData SQL Command: " + text; });
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "279 " + "RowData SQL Command: " + text; });
     ResultSet result;
     m_database->execute(text, &result);
     if (result.rowCount() == 0) return false;
     ResultSetRow const& row = result.row(0);
     if (row.columnCount() != m_columns.size()) {
-        String const message = "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
+        String const message =
+            "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
         logAt(logger(), ERROR, [&] { return LoggerStream() + "285 " + message; });
         throw RowDataMismatchException(message);
     }
-    for (unsigned i = 0; i < row.columnCount(); ++i) out.append(row.columnValue(static_cast<int>(i)));
+    for (unsigned i = 0; i < row.columnCount(); ++i)
+        out.append(row.columnValue(static_cast<int>(i)));
     return true;
 }
 
@@ -320,11 +323,13 @@ void SQLiteDataStore::rowDataAtIndex(int index, Array<String>& out, String keyCo
     m_database->execute(text, &result);
     ResultSetRow const& row = result.row(index);
     if (row.columnCount() != m_columns.size()) {
-        String const message = "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
+        String const message =
+            "Cannot get row data from " + dbFilePath() + " table: " + m_tableName;
         logAt(logger(), ERROR, [&] { return LoggerStream() + "336 " + message; });
         throw RowDataMismatchException(message);
     }
-    for (unsigned i = 0; i < row.columnCount(); ++i) out.append(row.columnValue(static_cast<int>(i)));
+    for (unsigned i = 0; i < row.columnCount(); ++i)
+        out.append(row.columnValue(static_cast<int>(i)));
 }
 
 unsigned int SQLiteDataStore::getUniqueIdForColumn(String const& column) const {

@@ -1,22 +1,20 @@
-#include <libDataStore/SoftwareDiagEventDataStore.h>
-
 #include <libCommon/Array.h>
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-
 #include <libDataStore/DataStoreSettings.h>
-
-#include "DefectLog.h"
-#include "ModuleState.h"
-#include "SqlText.h"
+#include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <utility>
+
+#include "DefectLog.h"
+#include "ModuleState.h"
+#include "SqlText.h"
 
 namespace zrn {
 

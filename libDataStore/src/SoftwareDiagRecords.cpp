@@ -1,8 +1,7 @@
-#include <libDataStore/SoftwareDiagRecords.h>
-
 #include <libCommon/DateTime.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
+#include <libDataStore/SoftwareDiagRecords.h>
 
 #include "DefectLog.h"
 

@@ -1,6 +1,5 @@
-#include <libDataStore/TimeStamp.h>
-
 #include <libCommon/SprintfFormat.h>
+#include <libDataStore/TimeStamp.h>
 
 namespace zrn {
 

@@ -1,10 +1,9 @@
+#include <gtest/gtest.h>
 #include <libCommon/Array.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/OrderedHashTable.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
-
-#include <gtest/gtest.h>
 
 #include <set>
 #include <thread>
@@ -27,7 +26,8 @@ TEST(ArrayTest, AppendRemoveContains) {
 TEST(HashTableTest, InsertLookupRemoveAndIterateEveryEntryOnce) {
     HashTable<String, String> table;
     EXPECT_GE(table.bucketCount(), 32u);
-    for (int i = 0; i < 100; ++i) table.insert(String(std::to_string(i)), String("v" + std::to_string(i)));
+    for (int i = 0; i < 100; ++i)
+        table.insert(String(std::to_string(i)), String("v" + std::to_string(i)));
     table.insert("7", "seven");  // replaces
     EXPECT_EQ(table.size(), 100u);
     String out("untouched");

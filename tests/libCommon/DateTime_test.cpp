@@ -1,6 +1,5 @@
-#include <libCommon/DateTime.h>
-
 #include <gtest/gtest.h>
+#include <libCommon/DateTime.h>
 
 #include <ctime>
 
@@ -9,14 +8,13 @@
 namespace zrn {
 namespace {
 
-
 TEST(DateTimeTest, TextRoundTripsAcrossDaylightSavingChanges) {
     test::ScopedEnv zone("TZ", "America/New_York");
     tzset();
     // Around the spring-forward gap (2021-03-14 02:00 EST -> 03:00 EDT) and the fall-back
     // overlap (2021-11-07 02:00 EDT -> 01:00 EST), one second apart each.
-    long long const instants[] = {1615705199, 1615705200, 1636262999, 1636263000,
-                                  1636264800, 1636266600, 1636268400, 0, 4102444800};
+    long long const instants[] = {1615705199, 1615705200, 1636262999, 1636263000, 1636264800,
+                                  1636266600, 1636268400, 0,          4102444800};
     for (long long t : instants) {
         DateTime const local = DateTime::fromUnixTimeStamp(t).toLocalTime();
         DateTime const back(local.toString());
@@ -50,17 +48,17 @@ TEST(DateTimeTest, KindsFieldsAndEquality) {
     EXPECT_TRUE(local == epoch);  // one instant, two kinds
     EXPECT_EQ(DateTime(local.toString()), epoch);
 
-    DateTime const summer("2020-05-06T10:00:00");  // no offset: local wall-clock time
+    DateTime const summer("2020-05-06T10:00:00");   // no offset: local wall-clock time
     EXPECT_EQ(summer.unixTimeStamp(), 1588752000);  // 08:00 UTC (CEST)
     EXPECT_EQ(summer.toString().str(), "2020-05-06T10:00:00+02:00");
     EXPECT_EQ(DateTime("2020-05-06 08:00:00Z").unixTimeStamp(), 1588752000);
     EXPECT_EQ(DateTime("2020-05-06T08:00:00.750+00:00").unixTimeStamp(), 1588752000);
     EXPECT_EQ(DateTime("2020-05-06T13:30:00+05:30").unixTimeStamp(), 1588752000);
     EXPECT_EQ(DateTime("2020-05-06T13:30:00+05:30").kind(), DateTime::UTC);  // foreign offset
-    EXPECT_EQ(DateTime("2020-05-06").unixTimeStamp(), 1588716000);  // local midnight
+    EXPECT_EQ(DateTime("2020-05-06").unixTimeStamp(), 1588716000);           // local midnight
 
-    for (char const* bad : {"", "yesterday", "2020-13-01", "2020-05-06T25:00:00", "2020-05-06T10:00:00+xx",
-                            "2020-05-06T10:00:00 trailing"}) {
+    for (char const* bad : {"", "yesterday", "2020-13-01", "2020-05-06T25:00:00",
+                            "2020-05-06T10:00:00+xx", "2020-05-06T10:00:00 trailing"}) {
         EXPECT_FALSE(DateTime(bad).isInitialized()) << bad;
     }
     DateTime const none;

@@ -1,7 +1,5 @@
-#include <libCommon/GlobalMutex.h>
-
 #include <gtest/gtest.h>
-
+#include <libCommon/GlobalMutex.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -67,7 +65,8 @@ TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {
 TEST_F(GlobalMutexTest, AKilledHolderReleasesTheMutex) {
     std::string const ready = m_dir.file("ready");
     int const holder = test::spawnProcess({ZRN_CHILD, "hold", "held", ready});
-    for (int i = 0; i < 1000 && !std::filesystem::exists(ready); ++i) std::this_thread::sleep_for(5ms);
+    for (int i = 0; i < 1000 && !std::filesystem::exists(ready); ++i)
+        std::this_thread::sleep_for(5ms);
     ASSERT_TRUE(std::filesystem::exists(ready));
 
     std::string const counter = m_dir.file("counter");

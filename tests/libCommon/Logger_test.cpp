@@ -1,6 +1,5 @@
-#include <libCommon/Logger.h>
-
 #include <gtest/gtest.h>
+#include <libCommon/Logger.h>
 
 #include "TestSupport.h"
 
@@ -81,7 +80,9 @@ TEST(LoggerTest, DefaultSinkWritesOneFlushedLinePerMessageWhereConfigured) {
         test::ScopedEnv file("ZRN_LOG_FILE", logFile.c_str());
         test::ScopedEnv level("ZRN_LOG_LEVEL", "trace");
         test::ScopedEnv noSettings("ZRN_SETTINGS_FILE", dir.file("none.ini").c_str());
-        ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "1", "159 it's \"verbatim\""}), 0);
+        ASSERT_EQ(
+            test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "1", "159 it's \"verbatim\""}),
+            0);
         ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "4", "second"}), 0);
     }
     std::string const content = test::readFile(logFile);
@@ -93,7 +94,8 @@ TEST(LoggerTest, DefaultSinkWritesOneFlushedLinePerMessageWhereConfigured) {
     EXPECT_NE(content.find(" ERROR libDataStore.X: second\n"), std::string::npos) << content;
 
     // The settings file sets level and file; the environment wins over it.
-    test::writeFile(settings, "[log]\nlevel = error\nfile = " + dir.file("from-settings.log") + "\n");
+    test::writeFile(settings,
+                    "[log]\nlevel = error\nfile = " + dir.file("from-settings.log") + "\n");
     {
         test::ScopedEnv file("ZRN_LOG_FILE", nullptr);
         test::ScopedEnv level("ZRN_LOG_LEVEL", nullptr);

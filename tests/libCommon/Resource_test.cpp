@@ -1,9 +1,7 @@
+#include <gtest/gtest.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Resource.h>
 #include <libCommon/System.h>
-
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <filesystem>
@@ -28,7 +26,8 @@ TEST(ResourceTest, SettingsFileEditsAreSeenByLaterLookups) {
     EXPECT_EQ(value, "untouched");
 
     test::writeFile(file, "[libDataStore]\nSQLiteDataStore.SyncMode = normal\n[other]\nk=v\n");
-    EXPECT_TRUE(lookup("libDataStore", "SQLiteDataStore.SyncMode", value));  // dotted key, literally
+    EXPECT_TRUE(
+        lookup("libDataStore", "SQLiteDataStore.SyncMode", value));  // dotted key, literally
     EXPECT_EQ(value, "normal");
     EXPECT_FALSE(lookup("libDataStore", "SQLiteDataStore", value));
     EXPECT_FALSE(lookup("other", "SQLiteDataStore.SyncMode", value));
@@ -46,7 +45,8 @@ TEST(ResourceTest, SettingsFileEditsAreSeenByLaterLookups) {
 
 TEST(FileSystemTest, AbsolutePathsAndExistence) {
     EXPECT_STREQ(FileSystem::slash().c_str(), "/");
-    EXPECT_EQ(FileSystem::getAbsolutePath("/var/data", "event.db", true).str(), "/var/data/event.db");
+    EXPECT_EQ(FileSystem::getAbsolutePath("/var/data", "event.db", true).str(),
+              "/var/data/event.db");
     EXPECT_EQ(FileSystem::getAbsolutePath("/var//data/./x/..", "event.db", true).str(),
               "/var/data/event.db");
     EXPECT_EQ(FileSystem::getAbsolutePath("/var/data/", "/etc/abs.db", true).str(), "/etc/abs.db");

@@ -1,9 +1,8 @@
+#include <gtest/gtest.h>
 #include <libCommon/Exception.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
@@ -120,11 +119,13 @@ TEST(SQLite3DatabaseTest, ReadOnlyAccessNeverCreatesOrWrites) {
 TEST(SQLite3DatabaseTest, GarbageFileAndMissingDirectoryFailInTheConstructor) {
     test::TempDir dir;
     test::writeFile(dir.file("garbage.db"), std::string(4096, 'x'));
-    std::string message = errorOf([&] { SQLite3Database db(dir.file("garbage.db"), SQLite3Database::FULL); });
+    std::string message =
+        errorOf([&] { SQLite3Database db(dir.file("garbage.db"), SQLite3Database::FULL); });
     EXPECT_NE(message.find("file is not a database"), std::string::npos) << message;
     EXPECT_EQ(test::readFile(dir.file("garbage.db")), std::string(4096, 'x'));
 
-    message = errorOf([&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
+    message =
+        errorOf([&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
     EXPECT_NE(message.find("unable to open database file"), std::string::npos) << message;
 }
 

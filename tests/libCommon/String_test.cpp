@@ -1,8 +1,7 @@
+#include <gtest/gtest.h>
 #include <libCommon/SprintfFormat.h>
 #include <libCommon/String.h>
 #include <libCommon/ZRNValue.h>
-
-#include <gtest/gtest.h>
 
 #include <sstream>
 
@@ -21,7 +20,9 @@ TEST(StringTest, SizeAndSubStringCountCharactersNotBytes) {
     // and is never split or merged with its neighbours.
     String const broken(std::string("a\x80") + "b\xE4");
     EXPECT_EQ(broken.size(), 4u);
-    EXPECT_EQ(broken.subString(1, 2).str(), "\x80" "b");
+    EXPECT_EQ(broken.subString(1, 2).str(),
+              "\x80"
+              "b");
 }
 
 TEST(StringTest, RepeatPadsWithCharacters) {
@@ -67,10 +68,10 @@ TEST(StringTest, NumberParsersFollowTheirBase) {
         long long expected;
     };
     Case const cases[] = {
-        {"42", 10, 42},       {"-17", 10, -17},   {"0x1F", 0, 31},     {"017", 0, 15},
-        {"17", 0, 17},        {"101", 2, 5},      {"17", 8, 15},       {"  9", 10, 9},
-        {"12abc", 10, 12},    {"abc", 10, 0},     {"", 10, 0},
-        {"9223372036854775807", 10, 9223372036854775807LL},
+        {"42", 10, 42}, {"-17", 10, -17}, {"0x1F", 0, 31},
+        {"017", 0, 15}, {"17", 0, 17},    {"101", 2, 5},
+        {"17", 8, 15},  {"  9", 10, 9},   {"12abc", 10, 12},
+        {"abc", 10, 0}, {"", 10, 0},      {"9223372036854775807", 10, 9223372036854775807LL},
     };
     for (auto const& c : cases) {
         EXPECT_EQ(String::strToInt64(c.text, c.base), c.expected) << c.text << " base " << c.base;

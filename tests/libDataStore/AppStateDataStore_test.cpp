@@ -1,12 +1,6 @@
-#include <libDataStore/AppStateDataStore.h>
-
-#include <libDataStore/DataStoreSettings.h>
-
 #include <gtest/gtest.h>
-
-#include "SqlTrace.h"
-#include "TestSupport.h"
-
+#include <libDataStore/AppStateDataStore.h>
+#include <libDataStore/DataStoreSettings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +8,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "SqlTrace.h"
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -42,8 +39,9 @@ TEST(AppStateDataStoreTest, CreatesTableAndUniqueIndexAndKeepsValuesIntact) {
     }
 
     test::RawDb raw(path);
-    EXPECT_EQ(raw.scalar("SELECT sql FROM sqlite_master WHERE name='AppState'"),
-              "CREATE TABLE `AppState` (`key` TEXT,`data` TEXT,`filterGroup` TEXT,`dateTime` TEXT)");
+    EXPECT_EQ(
+        raw.scalar("SELECT sql FROM sqlite_master WHERE name='AppState'"),
+        "CREATE TABLE `AppState` (`key` TEXT,`data` TEXT,`filterGroup` TEXT,`dateTime` TEXT)");
     EXPECT_EQ(raw.scalar("SELECT sql FROM sqlite_master WHERE type='index'"),
               "CREATE UNIQUE INDEX 'AppState-key' ON `AppState` (`key`)");
     EXPECT_EQ(raw.scalar("SELECT name FROM sqlite_master WHERE type='index'"), "AppState-key");
@@ -110,7 +108,8 @@ TEST(AppStateDataStoreTest, CountsAndListsItemsByExactGroup) {
     EXPECT_EQ(store.count("none"), 0);
 
     std::map<String, String> const quoted = store.getItems("it's");
-    EXPECT_TRUE(trace.contains("SELECT `key`,`data` FROM `AppState` WHERE `filterGroup` = 'it''s'"));
+    EXPECT_TRUE(
+        trace.contains("SELECT `key`,`data` FROM `AppState` WHERE `filterGroup` = 'it''s'"));
     EXPECT_EQ(quoted, (std::map<String, String>{{"c", "3"}}));
     EXPECT_EQ(store.getItems("g"), (std::map<String, String>{{"a", "1"}, {"b", "2"}}));
     std::map<String, String> const all = store.getItems("");
@@ -202,9 +201,14 @@ void expectUnopened(AppStateDataStore& store, test::LogCapture& log) {
     EXPECT_FALSE(store.isClosed());
     EXPECT_FALSE(store.checkValidity(error));
     EXPECT_FALSE(store.close());
-    EXPECT_EQ(log.messagesStartingWith(kLogger, "220 General failure attempting check isClosed").size(), 1u);
-    EXPECT_EQ(log.messagesStartingWith(kLogger, "310 General failure attempting to check validity").size(), 1u);
-    EXPECT_EQ(log.messagesStartingWith(kLogger, "210 General failure attempting to close").size(), 1u);
+    EXPECT_EQ(
+        log.messagesStartingWith(kLogger, "220 General failure attempting check isClosed").size(),
+        1u);
+    EXPECT_EQ(log.messagesStartingWith(kLogger, "310 General failure attempting to check validity")
+                  .size(),
+              1u);
+    EXPECT_EQ(log.messagesStartingWith(kLogger, "210 General failure attempting to close").size(),
+              1u);
 }
 
 TEST(AppStateDataStoreTest, UnopenableFilesLeaveAStoreThatFailsSoftly) {
@@ -268,7 +272,8 @@ TEST(AppStateDataStoreTest, ConcurrentInsertsOfOneKeyLetExactlyOneThrough) {
     EXPECT_EQ(total, rounds);
     EXPECT_EQ(store.count("own"), threads * rounds);
     test::RawDb raw(path);
-    EXPECT_EQ(raw.scalar("SELECT count(*) FROM AppState"), std::to_string(rounds + threads * rounds));
+    EXPECT_EQ(raw.scalar("SELECT count(*) FROM AppState"),
+              std::to_string(rounds + threads * rounds));
     EXPECT_EQ(log.messagesStartingWith(kLogger, "158 ").size(),
               static_cast<std::size_t>((threads - 1) * rounds));
 }

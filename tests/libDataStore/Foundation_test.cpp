@@ -1,12 +1,10 @@
 // TimeStamp, the store exceptions and the store locations.
 
+#include <gtest/gtest.h>
+#include <libCommon/System.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/TimeStamp.h>
-
-#include <libCommon/System.h>
-
-#include <gtest/gtest.h>
 
 #include <ctime>
 
@@ -65,7 +63,8 @@ TEST(DataStoreSettingsTest, FoldersDefaultToTheApplicationDirectoryAndChangeOneB
     // Set before any getter of that store ran: the folder given stays.
     DataStoreSettings::setScriptletDataStorePath("/srv/scriptlets");
     EXPECT_EQ(DataStoreSettings::scriptletDataStorePath().str(), "/srv/scriptlets");
-    EXPECT_EQ(DataStoreSettings::scriptletDataStoreFilePath().str(), "/srv/scriptlets/scriptlet.db");
+    EXPECT_EQ(DataStoreSettings::scriptletDataStoreFilePath().str(),
+              "/srv/scriptlets/scriptlet.db");
 
     std::string const folder = System::getApplicationDirectory().str() + "/datastore";
     EXPECT_EQ(DataStoreSettings::eventDataStorePath().str(), folder);

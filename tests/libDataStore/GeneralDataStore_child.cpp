@@ -10,14 +10,13 @@
 // Exit status 0 when every call succeeded.
 
 #include <libDataStore/GeneralDataStore.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
-
-#include <unistd.h>
 
 namespace {
 

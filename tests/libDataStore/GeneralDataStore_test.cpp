@@ -1,17 +1,15 @@
-#include <libDataStore/GeneralDataStore.h>
-
-#include <libCommon/Exception.h>
-
 #include <gtest/gtest.h>
-
-#include "SqlTrace.h"
-#include "TestSupport.h"
+#include <libCommon/Exception.h>
+#include <libDataStore/GeneralDataStore.h>
 
 #include <ctime>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "SqlTrace.h"
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -78,7 +76,8 @@ TEST_F(GeneralDataStoreTest, NewFileGetsItsSchemaOnceAndAnExistingOneOnlyItsVers
         raw.exec("DELETE FROM Version");
         EXPECT_EQ(store.getVersion(), -1);
     }
-    EXPECT_EQ(raw.scalar("SELECT count(*) FROM sqlite_master WHERE name='keyValues_uniqueIDs'"), "0");
+    EXPECT_EQ(raw.scalar("SELECT count(*) FROM sqlite_master WHERE name='keyValues_uniqueIDs'"),
+              "0");
 
     // An emptied Version table makes the file look new, and the indexes that exist refuse to
     // be made again: the opening fails and says why.
@@ -103,19 +102,22 @@ TEST_F(GeneralDataStoreTest, LogOrUpdateMergesKeyValuesRewritingOnlyWhatChanged)
         "updateTimeStamp FROM GenericLog");
     ASSERT_EQ(logRow.size(), 1u);
     EXPECT_EQ(std::vector<std::string>(logRow[0].begin(), logRow[0].end() - 1),
-              (std::vector<std::string>{"1", "T", "G", "cat", "sub",
-                                        std::to_string(first.creationUTCTimeStamp().getUnixTimeStamp()),
-                                        "0", "1"}));
+              (std::vector<std::string>{
+                  "1", "T", "G", "cat", "sub",
+                  std::to_string(first.creationUTCTimeStamp().getUnixTimeStamp()), "0", "1"}));
     std::string const written = logRow[0].back();
     EXPECT_GE(std::stoll(written), t0);
     EXPECT_LE(std::stoll(written), t1);
-    EXPECT_EQ(raw.query("SELECT setID,key,value,tracked,updateTimeStamp FROM KeyValues ORDER BY key"),
-              (test::RawDb::Rows{{"1", "a", "1", "0", written}, {"1", "b", "2", "0", written}}));
+    EXPECT_EQ(
+        raw.query("SELECT setID,key,value,tracked,updateTimeStamp FROM KeyValues ORDER BY key"),
+        (test::RawDb::Rows{{"1", "a", "1", "0", written}, {"1", "b", "2", "0", written}}));
 
     // Old times make every rewrite visible.
-    raw.exec("UPDATE GenericLog SET creationTimeStamp=500, updateTimeStamp=600;"
-             "UPDATE KeyValues SET updateTimeStamp=1000;");
-    GenericLog second("T", "G", "cat2", "sub2", 2u, keyValues({{"a", "1"}, {"b", "3"}, {"c", "4"}}));
+    raw.exec(
+        "UPDATE GenericLog SET creationTimeStamp=500, updateTimeStamp=600;"
+        "UPDATE KeyValues SET updateTimeStamp=1000;");
+    GenericLog second("T", "G", "cat2", "sub2", 2u,
+                      keyValues({{"a", "1"}, {"b", "3"}, {"c", "4"}}));
     second.setTracked(false);
     long long const t2 = now();
     ASSERT_TRUE(store.logOrUpdate(second));
@@ -136,9 +138,17 @@ TEST_F(GeneralDataStoreTest, LogOrUpdateMergesKeyValuesRewritingOnlyWhatChanged)
     // Fewer key/values: nothing is deleted and nothing about the key/values is written.
     test::LogCapture log;
     ASSERT_TRUE(store.logOrUpdate(GenericLog("T", "G", "cat3", "", 3u, keyValues({{"a", "1"}}))));
-    EXPECT_EQ(log.messagesStartingWith(kTableLogger, "250 Update SQL Command: UPDATE `KeyValues`").size(), 0u);
-    EXPECT_EQ(log.messagesStartingWith(kTableLogger, "227 Append SQL Command: INSERT OR REPLACE INTO `KeyValues`").size(), 0u);
-    EXPECT_EQ(log.messagesStartingWith(kTableLogger, "250 Update SQL Command: UPDATE `GenericLog` SET ").size(), 1u);
+    EXPECT_EQ(
+        log.messagesStartingWith(kTableLogger, "250 Update SQL Command: UPDATE `KeyValues`").size(),
+        0u);
+    EXPECT_EQ(log.messagesStartingWith(kTableLogger,
+                                       "227 Append SQL Command: INSERT OR REPLACE INTO `KeyValues`")
+                  .size(),
+              0u);
+    EXPECT_EQ(
+        log.messagesStartingWith(kTableLogger, "250 Update SQL Command: UPDATE `GenericLog` SET ")
+            .size(),
+        1u);
     EXPECT_EQ(raw.scalar("SELECT count(*) FROM KeyValues"), "3");
     EXPECT_EQ(raw.scalar("SELECT updateTimeStamp FROM KeyValues WHERE key='a'"), "1000");
 
@@ -160,7 +170,8 @@ TEST_F(GeneralDataStoreTest, LogOrUpdateRunsInOneTransactionAndRollsBackAFailure
     ASSERT_TRUE(store.logOrUpdate(GenericLog("T", "G", "", "", 0u, keyValues({{"k", "v"}}))));
     std::vector<std::string> const statements = trace.statements();
     ASSERT_EQ(statements.size(), 7u);
-    EXPECT_EQ(statements[0], "SELECT rowid from `GenericLog` WHERE `typeUUID` = 'T' AND `guid` = 'G'");
+    EXPECT_EQ(statements[0],
+              "SELECT rowid from `GenericLog` WHERE `typeUUID` = 'T' AND `guid` = 'G'");
     EXPECT_EQ(statements[1], "BEGIN");
     EXPECT_EQ(statements[2].rfind("INSERT OR REPLACE INTO `GenericLog` (", 0), 0u);
     EXPECT_EQ(statements[3], statements[0]);
@@ -169,11 +180,13 @@ TEST_F(GeneralDataStoreTest, LogOrUpdateRunsInOneTransactionAndRollsBackAFailure
     EXPECT_EQ(statements[6], "COMMIT");
 
     // A key/value that SQLite refuses in the middle of the transaction: all of it is undone.
-    raw.exec("CREATE TRIGGER refuse BEFORE INSERT ON KeyValues WHEN NEW.value = 'boom' "
-             "BEGIN SELECT RAISE(ABORT, 'boom refused'); END;");
+    raw.exec(
+        "CREATE TRIGGER refuse BEFORE INSERT ON KeyValues WHEN NEW.value = 'boom' "
+        "BEGIN SELECT RAISE(ABORT, 'boom refused'); END;");
     test::LogCapture log;
     trace.clear();
-    EXPECT_FALSE(store.logOrUpdate(GenericLog("T", "new", "", "", 0u, keyValues({{"a", "1"}, {"b", "boom"}}))));
+    EXPECT_FALSE(store.logOrUpdate(
+        GenericLog("T", "new", "", "", 0u, keyValues({{"a", "1"}, {"b", "boom"}}))));
     auto const failed = log.messagesStartingWith(kLogger, "651 ");
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_NE(failed[0].find("boom refused"), std::string::npos) << failed[0];
@@ -190,7 +203,8 @@ TEST_F(GeneralDataStoreTest, ValuesRoundTripIntact) {
     GeneralDataStore store{String(path)};
     std::string const big(1024 * 1024, 'z');
     std::string const nonAscii = "Grüße, 日本語 — ✓";
-    LogKeyValueSet kvs = keyValues({{"quote", "it's \"so\" ''"}, {nonAscii, nonAscii}, {"empty", ""}, {"big", big}});
+    LogKeyValueSet kvs =
+        keyValues({{"quote", "it's \"so\" ''"}, {nonAscii, nonAscii}, {"empty", ""}, {"big", big}});
     ASSERT_TRUE(store.logOrUpdate(GenericLog("O'Type", nonAscii, "it's", "", 0xFFFFFFFFu, kvs)));
     GenericLogList const logs = store.getLogs(GenericLogFilter("O'Type", nonAscii));
     ASSERT_EQ(logs.size(), 1u);
@@ -213,8 +227,10 @@ TEST_F(GeneralDataStoreTest, ValuesRoundTripIntact) {
 class GetLogsTest : public GeneralDataStoreTest {
 protected:
     GetLogsTest() {
-        store.logOrUpdate(GenericLog("T1", "g1", "it's", "s", 0u, keyValues({{"k", "v"}, {"x", "1"}})));
-        store.logOrUpdate(GenericLog("T1", "g2", "c", "s", 0u, keyValues({{"k", "v"}, {"x", "2"}})));
+        store.logOrUpdate(
+            GenericLog("T1", "g1", "it's", "s", 0u, keyValues({{"k", "v"}, {"x", "1"}})));
+        store.logOrUpdate(
+            GenericLog("T1", "g2", "c", "s", 0u, keyValues({{"k", "v"}, {"x", "2"}})));
         store.logOrUpdate(GenericLog("T1", "g3", "c", "t", 0u, keyValues({{"k", "v%"}})));
         store.logOrUpdate(GenericLog("T2", "g1", "c", "s", 0u, LogKeyValueSet()));
         raw.exec("UPDATE GenericLog SET creationTimeStamp = rowid * 1000");
@@ -261,11 +277,12 @@ TEST_F(GetLogsTest, ComposesTheStatementFromEveryFilterField) {
                 "kv_set.rowID IN (SELECT kv.`setID` FROM `KeyValues` kv WHERE kv.`key` = 'k' AND "
                 "kv.`value` = 'v') LIMIT 10"},
         {everything,
-         head + " WHERE `typeUUID` = 'T1'\n AND `guid` = 'g''1'\n AND `category` = 'it''s'\n AND "
-                "`subCategory` = 's'\n AND `creationTimeStamp` >= 0\n AND `creationTimeStamp` <= "
-                "5000\n AND kv_set.rowID IN (SELECT kv.`setID` FROM `KeyValues` kv WHERE kv.`key` = "
-                "'k' AND kv.`value` = 'v')\n AND kv_set.rowID IN (SELECT kv.`setID` FROM "
-                "`KeyValues` kv WHERE kv.`key` = 'x' AND kv.`value` = '1')"},
+         head +
+             " WHERE `typeUUID` = 'T1'\n AND `guid` = 'g''1'\n AND `category` = 'it''s'\n AND "
+             "`subCategory` = 's'\n AND `creationTimeStamp` >= 0\n AND `creationTimeStamp` <= "
+             "5000\n AND kv_set.rowID IN (SELECT kv.`setID` FROM `KeyValues` kv WHERE kv.`key` = "
+             "'k' AND kv.`value` = 'v')\n AND kv_set.rowID IN (SELECT kv.`setID` FROM "
+             "`KeyValues` kv WHERE kv.`key` = 'x' AND kv.`value` = '1')"},
         {upperOnly, head + " WHERE `creationTimeStamp` <= 2500"},
     };
     for (Case const& c : cases) {
@@ -352,7 +369,8 @@ TEST_F(GeneralDataStoreTest, ClosedStoreFailsSoftlyAndTracesItsLifetime) {
     std::string address;
     {
         GeneralDataStore store{String(path)};
-        auto const made = log.messagesStartingWith(kLogger, "532 GeneralDataStore(" + path + ") this: 0x");
+        auto const made =
+            log.messagesStartingWith(kLogger, "532 GeneralDataStore(" + path + ") this: 0x");
         ASSERT_EQ(made.size(), 1u);
         address = made[0].substr(made[0].find("this: ") + 6);
         ASSERT_TRUE(store.logOrUpdate(GenericLog("T", "G", "", "", 0u, LogKeyValueSet())));
@@ -380,8 +398,9 @@ TEST_F(GeneralDataStoreTest, TwoProcessesLoggingOneLogEndWithTheUnionOfTheirKeyV
     std::vector<std::thread> children;
     for (int c = 0; c < 2; ++c) {
         children.emplace_back([&, c] {
-            exitCodes[c] = test::runProcess({CHILD_PATH, path, "T", c == 0 ? "p" : "q",
-                                             c == 0 ? "q" : "p", std::to_string(rounds), dir.path()});
+            exitCodes[c] =
+                test::runProcess({CHILD_PATH, path, "T", c == 0 ? "p" : "q", c == 0 ? "q" : "p",
+                                  std::to_string(rounds), dir.path()});
         });
     }
     for (auto& child : children) child.join();
@@ -397,7 +416,8 @@ TEST_F(GeneralDataStoreTest, TwoProcessesLoggingOneLogEndWithTheUnionOfTheirKeyV
     auto keysOf = [&](std::string const& guid) {
         std::set<std::string> keys;
         for (auto const& row : raw.query("SELECT key FROM KeyValues WHERE setID = (SELECT rowid "
-                                         "FROM GenericLog WHERE guid = '" + guid + "')")) {
+                                         "FROM GenericLog WHERE guid = '" +
+                                         guid + "')")) {
             EXPECT_TRUE(keys.insert(row[0]).second) << "duplicate key " << row[0];
         }
         return keys;

@@ -1,14 +1,12 @@
-#include <libDataStore/GeneralRecords.h>
-
-#include <libDataStore/GeneralDataStore.h>
-
 #include <gtest/gtest.h>
-
-#include "TestSupport.h"
+#include <libDataStore/GeneralDataStore.h>
+#include <libDataStore/GeneralRecords.h>
 
 #include <ctime>
 #include <string>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -107,16 +105,18 @@ TEST(GeneralRecordsTest, ToStringOfANewLogShowsLocalTimesAndEndsAfterTrackedWith
     test::ScopedEnv tz("TZ", "XYZ-3");
     long long const before = std::time(nullptr);
     GenericLog log("type", "guid", "cat", "sub", 255u, LogKeyValueSet());
-    std::string const head = "GenericLog:\n"
-                             "   typeUUID:                 type\n"
-                             "   category:                 cat\n"
-                             "   subCategory:              sub\n"
-                             "   guid:                     guid\n"
-                             "   creationTimeStamp(local): ";
-    std::string const tail = "\n"
-                             "   updateTimeStamp(local):   1970/01/01 03:00:00\n"
-                             "   flags:                    000000FFh\n"
-                             "   tracked:                  NO\n";
+    std::string const head =
+        "GenericLog:\n"
+        "   typeUUID:                 type\n"
+        "   category:                 cat\n"
+        "   subCategory:              sub\n"
+        "   guid:                     guid\n"
+        "   creationTimeStamp(local): ";
+    std::string const tail =
+        "\n"
+        "   updateTimeStamp(local):   1970/01/01 03:00:00\n"
+        "   flags:                    000000FFh\n"
+        "   tracked:                  NO\n";
     std::string const text = log.toString().str();
     long long const created = log.creationUTCTimeStamp().getUnixTimeStamp();
     EXPECT_GE(created, before);
@@ -171,11 +171,12 @@ TEST_F(StoredLogsTest, ToStringLaysOutTheKeyValueTableWithTheFittingRule) {
 
     // V = 1 cuts the "Value" heading down to the marker alone; an empty value is not padded.
     std::string const three = stored("three").toString().str();
-    std::string const table = "   Key-Values:\n"
-                              "      Key ...Tracked  Last Update\n"
-                              "      --  -  -------  -------------------  \n"
-                              "      k1  v  NO       1970/01/01 03:00:00\n"
-                              "      k2    YES      2021/11/04 12:03:07\n";
+    std::string const table =
+        "   Key-Values:\n"
+        "      Key ...Tracked  Last Update\n"
+        "      --  -  -------  -------------------  \n"
+        "      k1  v  NO       1970/01/01 03:00:00\n"
+        "      k2    YES      2021/11/04 12:03:07\n";
     ASSERT_GE(three.size(), table.size());
     EXPECT_EQ(three.substr(three.size() - table.size()), table);
     EXPECT_NE(three.find("   tracked:                  YES\n"), std::string::npos);

@@ -1,11 +1,8 @@
-#include <libDataStore/SQLiteDataStore.h>
-
+#include <gtest/gtest.h>
 #include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
 #include <libDataStore/DataStoreExceptions.h>
-
-#include <gtest/gtest.h>
-
+#include <libDataStore/SQLiteDataStore.h>
 #include <unistd.h>
 
 #include "TestSupport.h"
@@ -43,10 +40,9 @@ protected:
 };
 
 TEST_F(SQLiteDataStoreTest, CreatesTheTableWithTheExactStatementAndSkipsRepeatedNames) {
-    SQLiteDataStoreColumnSpec const columns[] = {{"setID", "INTEGER"}, {"key", "TEXT"},
-                                                 {"setID", "TEXT"},    {"Group", "TEXT"},
-                                                 {"value", nullptr},   {"never", "TEXT"},
-                                                 {nullptr, nullptr}};
+    SQLiteDataStoreColumnSpec const columns[] = {
+        {"setID", "INTEGER"}, {"key", "TEXT"},   {"setID", "TEXT"}, {"Group", "TEXT"},
+        {"value", nullptr},   {"never", "TEXT"}, {nullptr, nullptr}};
     SQLiteDataStore store(String(m_path), "t", columns);
     test::RawDb raw(m_path);
     EXPECT_EQ(raw.scalar("SELECT sql FROM sqlite_master WHERE name='t'"),
@@ -70,7 +66,8 @@ TEST_F(SQLiteDataStoreTest, MigrationAddsOnlyTheMissingColumnsInDeclarationOrder
     test::RawDb raw(m_path);
     // The existing column keeps its type and place; the extra column stays.
     EXPECT_EQ(raw.query("SELECT name, type FROM pragma_table_info('t')"),
-              (test::RawDb::Rows{{"value", "INTEGER"}, {"extra", "TEXT"}, {"setID", "INTEGER"}, {"key", "TEXT"}}));
+              (test::RawDb::Rows{
+                  {"value", "INTEGER"}, {"extra", "TEXT"}, {"setID", "INTEGER"}, {"key", "TEXT"}}));
     EXPECT_EQ(raw.query("SELECT * FROM t"), (test::RawDb::Rows{{"7", "x", "<NULL>", "<NULL>"}}));
 
     // Opening again changes nothing.
@@ -84,12 +81,15 @@ TEST_F(SQLiteDataStoreTest, ZeroColumnsAndTheReservedName) {
     std::string const expected = "Database: " + m_path + " table: t cannot have zero columns";
     {
         test::LogCapture log;
-        EXPECT_EQ(messageOf<ZeroTableColumnsException>([&] { SQLiteDataStore s(String(m_path), "t", none); }),
+        EXPECT_EQ(messageOf<ZeroTableColumnsException>(
+                      [&] { SQLiteDataStore s(String(m_path), "t", none); }),
                   expected);
         EXPECT_EQ(log.messages(kLogger),
-                  std::vector<std::string>{"137 SQLiteDataStore: Cannot create a table with zero columns"});
+                  std::vector<std::string>{
+                      "137 SQLiteDataStore: Cannot create a table with zero columns"});
     }
-    EXPECT_EQ(messageOf<ZeroTableColumnsException>([&] { SQLiteDataStore s(String(m_path), "t", nullptr); }),
+    EXPECT_EQ(messageOf<ZeroTableColumnsException>(
+                  [&] { SQLiteDataStore s(String(m_path), "t", nullptr); }),
               expected);
 
     SQLiteDataStore store(String(m_path), "t", kColumns);
@@ -99,7 +99,8 @@ TEST_F(SQLiteDataStoreTest, ZeroColumnsAndTheReservedName) {
     // An existing table is only ever extended: an empty declaration opens it without error.
     EXPECT_NO_THROW(SQLiteDataStore(store.database(), "t", none));
 
-    SQLiteDataStoreColumnSpec const reserved[] = {{"id", "INTEGER"}, {"group", "TEXT"}, {nullptr, nullptr}};
+    SQLiteDataStoreColumnSpec const reserved[] = {
+        {"id", "INTEGER"}, {"group", "TEXT"}, {nullptr, nullptr}};
     EXPECT_EQ(messageOf<InvalidColumnNameException>(
                   [&] { SQLiteDataStore s(store.database(), "g", reserved); }),
               "The name \"group\" is reserved and is not allowed as a column name");
@@ -181,17 +182,23 @@ TEST_F(SQLiteDataStoreTest, MultiColumnRowsListColumnsInTheTablesIterationOrder)
     test::LogCapture log;
     store.append(full);
     EXPECT_EQ(log.messages(kLogger),
-              std::vector<std::string>{"227 Append SQL Command: INSERT OR REPLACE INTO `t` (" + names +
-                                       ") VALUES(" + values + ")"});
+              std::vector<std::string>{"227 Append SQL Command: INSERT OR REPLACE INTO `t` (" +
+                                       names + ") VALUES(" + values + ")"});
 }
 
 TEST_F(SQLiteDataStoreTest, ValuesRoundTripThroughTheFileUnchanged) {
     SQLiteDataStore store(String(m_path), "t", kColumns);
-    std::string const tricky[] = {"O'Brien", "''", "Grüße 世界 😀", "a\nb\tc", "", "x'); DROP TABLE t; --",
+    std::string const tricky[] = {"O'Brien",
+                                  "''",
+                                  "Grüße 世界 😀",
+                                  "a\nb\tc",
+                                  "",
+                                  "x'); DROP TABLE t; --",
                                   std::string(100000, 'q')};
     int id = 0;
     for (auto const& value : tricky) {
-        store.append(row({{"setID", std::to_string(id).c_str()}, {"key", "k"}, {"value", value.c_str()}}));
+        store.append(
+            row({{"setID", std::to_string(id).c_str()}, {"key", "k"}, {"value", value.c_str()}}));
         ++id;
     }
     test::RawDb raw(m_path);
@@ -208,8 +215,8 @@ TEST_F(SQLiteDataStoreTest, WidthMismatchesThrowBeforeOrInsteadOfAnyHarm) {
     test::LogCapture log;
     HashTable<String, String> const tooWide =
         row({{"setID", "1"}, {"key", "k"}, {"value", "v"}, {"extra", "x"}});
-    std::string const appendMessage = "Cannot append data to " + m_path +
-                                      " table: t. Column count mismatch: 4 != 3";
+    std::string const appendMessage =
+        "Cannot append data to " + m_path + " table: t. Column count mismatch: 4 != 3";
     EXPECT_EQ(messageOf<RowDataMismatchException>([&] { store.append(tooWide); }), appendMessage);
     EXPECT_EQ(messageOf<RowDataMismatchException>([&] { store.update(tooWide, "key", "k"); }),
               "Cannot update data to " + m_path + " table: t. Column count mismatch: 4 != 3");
@@ -253,7 +260,8 @@ TEST_F(SQLiteDataStoreTest, UniqueIdsStartAtZeroAndStopAt16777215) {
               "No more unique identifiers are available");
     auto const lines = log.messages(kLogger);
     EXPECT_EQ(lines[0],
-              "346 getUniqueIdForColumn SQL Command: SELECT `setID` FROM `t` ORDER BY `setID` DESC LIMIT 1");
+              "346 getUniqueIdForColumn SQL Command: SELECT `setID` FROM `t` ORDER BY `setID` DESC "
+              "LIMIT 1");
     EXPECT_EQ(lines[1], "351 getUniqueIdForColumn(setID) returning default: 0");
     EXPECT_EQ(log.messagesStartingWith(kLogger, "362 "),
               (std::vector<std::string>{"362 getUniqueIdForColumn(setID) returning: 1",
@@ -300,7 +308,8 @@ TEST_F(SQLiteDataStoreTest, SyncModeComesFromTheSettingsFileReadAfreshEachTime) 
                           {"FULL", SQLite3Database::FULL},     {"2", SQLite3Database::FULL},
                           {"", SQLite3Database::FULL},         {"NORMAL", SQLite3Database::NORMAL}};
     for (auto const& c : cases) {
-        test::writeFile(settings, std::string("[libDataStore]\nSQLiteDataStore.SyncMode=") + c.value + "\n");
+        test::writeFile(settings,
+                        std::string("[libDataStore]\nSQLiteDataStore.SyncMode=") + c.value + "\n");
         EXPECT_EQ(SQLiteDataStore::dbSyncMode(), c.expected) << c.value;
     }
     // The connection a store opens uses the level in force at that moment.

@@ -1,16 +1,9 @@
-#include <libDataStore/SoftwareDiagEventDataStore.h>
-
-#include <libDataStore/DataStoreSettings.h>
-
+#include <gtest/gtest.h>
 #include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
-
-#include <gtest/gtest.h>
+#include <libDataStore/DataStoreSettings.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <sqlite3.h>
-
-#include "SqlTrace.h"
-#include "TestSupport.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +13,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "SqlTrace.h"
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {

@@ -1,14 +1,12 @@
-#include <libDataStore/SoftwareDiagRecords.h>
-
-#include <libCommon/ResultSet.h>
-
 #include <gtest/gtest.h>
-
-#include "TestSupport.h"
+#include <libCommon/ResultSet.h>
+#include <libDataStore/SoftwareDiagRecords.h>
 
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {

@@ -5,10 +5,9 @@
 //
 // Exit status 0 when every session was logged and read back as written.
 
-#include <libDataStore/SoftwareDiagEventDataStore.h>
-
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
+#include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <cstdio>
 #include <cstdlib>

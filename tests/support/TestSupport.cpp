@@ -2,17 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <thread>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace zrn {
 namespace test {
@@ -92,7 +91,8 @@ std::string TempDir::file(std::string const& name) const { return m_path + "/" +
 // ---- RawDb -------------------------------------------------------------------------------
 
 RawDb::RawDb(std::string const& path, bool readOnly) {
-    int const flags = readOnly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    int const flags =
+        readOnly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     if (sqlite3_open_v2(path.c_str(), &m_db, flags, nullptr) != SQLITE_OK) {
         ADD_FAILURE() << "raw open of " << path << ": " << sqlite3_errmsg(m_db);
     }
@@ -175,8 +175,7 @@ int spawnProcess(std::vector<std::string> const& argv) {
 }
 
 int waitProcess(int pid, double seconds) {
-    auto const deadline =
-        std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     for (;;) {
         int status = 0;
         pid_t const done = ::waitpid(pid, &status, WNOHANG);

@@ -1,12 +1,12 @@
 // A child process for the tests that need several real processes.
 //
 //   zrn_child log <logger> <priority> <message>        logs one message through the default sink
-//   zrn_child count <mutex> <counter file> <n>         n times: lock, read, increment, write, unlock
-//   zrn_child hold <mutex> <ready file>                locks, writes the ready file, sleeps forever
+//   zrn_child count <mutex> <counter file> <n>         n times: lock, read, increment, write,
+//   unlock zrn_child hold <mutex> <ready file>                locks, writes the ready file, sleeps
+//   forever
 
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
-
 #include <unistd.h>
 
 #include <cstdio>

@@ -53,7 +53,8 @@ public:
     int utcOffsetSeconds() const;
 
 private:
-    DateTime(long long seconds, Kind kind) : m_seconds(seconds), m_kind(kind), m_initialized(true) {}
+    DateTime(long long seconds, Kind kind)
+        : m_seconds(seconds), m_kind(kind), m_initialized(true) {}
 
     struct Fields {
         int year, month, day, hour, minute, second, offset;

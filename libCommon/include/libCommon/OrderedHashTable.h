@@ -84,8 +84,12 @@ public:
             ++m_position;
             return *this;
         }
-        bool operator==(const_iterator const& other) const { return m_position == other.m_position; }
-        bool operator!=(const_iterator const& other) const { return m_position != other.m_position; }
+        bool operator==(const_iterator const& other) const {
+            return m_position == other.m_position;
+        }
+        bool operator!=(const_iterator const& other) const {
+            return m_position != other.m_position;
+        }
 
     private:
         OrderedHashTable const* m_table;

@@ -38,7 +38,7 @@ public:
     String(char const* text) : m_text(text ? text : "") {}  // NOLINT: implicit by design
     String(char const* text, std::size_t bytes) : m_text(text, bytes) {}
     String(std::string text) : m_text(std::move(text)) {}  // NOLINT: implicit by design
-    String(CString const& text) : m_text(text.str()) {}   // NOLINT: implicit by design
+    String(CString const& text) : m_text(text.str()) {}    // NOLINT: implicit by design
 
     String& operator=(char const* text) {
         m_text = text ? text : "";

@@ -1,12 +1,10 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
 
 #include <boost/optional.hpp>
-
 #include <chrono>
 #include <map>
 #include <memory>

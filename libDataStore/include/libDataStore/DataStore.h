@@ -18,7 +18,6 @@
 #include <libCommon/String.h>
 #include <libCommon/System.h>
 #include <libCommon/ZRNValue.h>
-
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>

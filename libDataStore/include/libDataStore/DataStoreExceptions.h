@@ -1,8 +1,7 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/Exception.h>
+#include <libDataStore/Export.h>
 
 namespace zrn {
 
@@ -13,7 +12,8 @@ class ZRN_DATASTORE_API CannotAccessClosedDatabaseException : public Exception {
 public:
     explicit CannotAccessClosedDatabaseException(String const& message);
     CannotAccessClosedDatabaseException(CannotAccessClosedDatabaseException const&) = default;
-    CannotAccessClosedDatabaseException& operator=(CannotAccessClosedDatabaseException const&) = default;
+    CannotAccessClosedDatabaseException& operator=(CannotAccessClosedDatabaseException const&) =
+        default;
     ~CannotAccessClosedDatabaseException() override;
 };
 

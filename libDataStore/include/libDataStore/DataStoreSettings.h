@@ -1,8 +1,7 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
 
 namespace zrn {
 

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-#include <libDataStore/GeneralRecords.h>
-
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
+#include <libDataStore/GeneralRecords.h>
 
 #include <memory>
 

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-#include <libDataStore/TimeStamp.h>
-
 #include <libCommon/Array.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/OrderedHashTable.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
+#include <libDataStore/TimeStamp.h>
 
 #include <utility>
 

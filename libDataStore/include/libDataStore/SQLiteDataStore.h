@@ -1,13 +1,12 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/Array.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/OrderedHashTable.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
 
 namespace zrn {
 

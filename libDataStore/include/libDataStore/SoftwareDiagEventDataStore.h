@@ -1,12 +1,11 @@
 #pragma once
 
+#include <libCommon/HashTable.h>
+#include <libCommon/String.h>
 #include <libDataStore/Export.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 #include <libDataStore/TimeStamp.h>
-
-#include <libCommon/HashTable.h>
-#include <libCommon/String.h>
 
 #include <memory>
 

@@ -4,11 +4,10 @@
 // diagnostics, issues, fix actions) and the lists its queries return. All are plain values:
 // copies are independent, nothing refers back to the store.
 
-#include <libDataStore/Export.h>
-#include <libDataStore/TimeStamp.h>
-
 #include <libCommon/Array.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
+#include <libDataStore/TimeStamp.h>
 
 #include <utility>
 

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <libDataStore/Export.h>
-
 #include <libCommon/DateTime.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
+#include <libDataStore/Export.h>
 
 namespace zrn {
 
