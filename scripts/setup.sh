@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-    g++ cmake make pkg-config
+    g++ cmake make pkg-config clang-format
     libsqlite3-dev sqlite3 tzdata
     libboost-dev
     libgtest-dev libgmock-dev

@@ -9,6 +9,9 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 jobs=$(nproc)
 
+# ---- The tree stays formatted with the committed .clang-format
+git ls-files '*.h' '*.hpp' '*.cpp' | xargs clang-format --dry-run -Werror
+
 # ---- Phase 1: normal build, tests, install and an outside consumer
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATASTORE_BUILD_TESTS=ON -DDATASTORE_BUILD_EXAMPLES=ON -DDATASTORE_BUILD_BENCHMARKS=ON
 cmake --build build -j "$jobs"
