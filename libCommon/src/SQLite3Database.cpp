@@ -59,6 +59,39 @@ SQLite3Database::SQLite3Database(String const& path, SYNC_MODE syncMode,
     open(syncMode, encoding, createMode, accessMode);
 }
 
+SQLite3Database::SQLite3Database(String const& path, ReaderOptions const& options)
+    : m_path(path), m_readOnly(true), m_reader(true) {
+    int flags = SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_READONLY;
+    std::string name = path.str();
+    if (options.immutable) {
+        // Only a URI can carry immutable=1; the path is escaped so that '?', '#' and '%'
+        // in a folder name stay part of the name.
+        std::string uri = "file:";
+        for (unsigned char c : name) {
+            if (c == '%' || c == '?' || c == '#') {
+                static char const hex[] = "0123456789ABCDEF";
+                uri += '%';
+                uri += hex[c >> 4];
+                uri += hex[c & 15];
+            } else {
+                uri += static_cast<char>(c);
+            }
+        }
+        name = uri + "?immutable=1";
+        flags |= SQLITE_OPEN_URI;
+    }
+    sqlite3* handle = nullptr;
+    int const rc = sqlite3_open_v2(name.c_str(), &handle, flags, nullptr);
+    m_db.reset(handle);
+    if (rc != SQLITE_OK) fail("cannot open the database", rc);
+    sqlite3_extended_result_codes(handle, 1);
+    sqlite3_busy_timeout(handle, options.busyTimeoutMs);
+    // Reads the header (and takes the shared lock once): a file that is not a database, is
+    // held by a writer past the wait, or carries a hot journal fails here.
+    ResultSet header;
+    execute("PRAGMA schema_version", &header);
+}
+
 SQLite3Database::~SQLite3Database() = default;
 
 void SQLite3Database::open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding, CREATE_MODE createMode,
@@ -94,6 +127,15 @@ void SQLite3Database::open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding, CREA
 }
 
 void SQLite3Database::fail(char const* what, int code) const {
+    if (m_reader && (code & 0xff) == SQLITE_BUSY) {
+        throw DatabaseError("SQLite database '" + m_path +
+                            "': locked by another program (gave up waiting)");
+    }
+    if (m_reader && code == SQLITE_READONLY_ROLLBACK) {
+        throw DatabaseError("SQLite database '" + m_path +
+                            "': has a hot journal left by a writer that stopped mid-write; "
+                            "it cannot be read until a program with write access rolls it back");
+    }
     std::string message = "SQLite database '" + m_path.str() + "': " + what + ": ";
     if (m_db) {
         message += sqlite3_errmsg(m_db.get());

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "ModuleState.h"
+#include "ReaderLock.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -71,11 +72,32 @@ AppStateDataStore::AppStateDataStore()
 
 AppStateDataStore::AppStateDataStore(String const& path) {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         m_table = Table(new SQLiteDataStore(path, kTableName, kColumns));
         m_table->database()->execute(indexStatement());
     } catch (Exception const& e) {
         // Without its index the table would not guard its keys: keep no half-opened table.
+        m_table.reset();
+        logAt(logger(), ERROR, [&] {
+            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
+                   path + "': " + e.getMessage();
+        });
+    } catch (...) {
+        m_table.reset();
+        logAt(logger(), ERROR, [&] {
+            return LoggerStream() + "124 " +
+                   "General failure creating AppStateDataStore at path: '" + path + "'";
+        });
+    }
+}
+
+AppStateDataStore::AppStateDataStore(String const& path, ReadOnly const& options) {
+    try {
+        ReaderLock::Database database = readonly::open(path, options);
+        m_reader = std::make_shared<ReaderLock>(database);
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+        m_table = Table(readonly::table(database, kTableName, kColumns).release());
+    } catch (Exception const& e) {
         m_table.reset();
         logAt(logger(), ERROR, [&] {
             return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
@@ -132,7 +154,7 @@ bool AppStateDataStore::insert(String const& key, String const& data, String con
         row.insert("filterGroup", group);
         row.insert("dateTime", DateTime::getCurrentDateTime().toString());
 
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         SQLiteDataStore& store = table();
         if (store.contains("key", key)) refuseDuplicate(store, row);
         store.append(row);
@@ -150,7 +172,7 @@ bool AppStateDataStore::insert(String const& key, String const& data, String con
 
 String AppStateDataStore::data(String const& key) const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         String out;
         if (table().cellData("data", out, "key", key)) return out;
     } catch (...) {
@@ -163,7 +185,7 @@ String AppStateDataStore::data(String const& key) const {
 
 bool AppStateDataStore::contains(String const& key) const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         return table().contains("key", key);
     } catch (...) {
         logAt(logger(), ERROR,
@@ -174,7 +196,7 @@ bool AppStateDataStore::contains(String const& key) const {
 
 bool AppStateDataStore::remove(String const& key) {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         table().remove("key", key);
         return true;
     } catch (...) {
@@ -190,7 +212,7 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
     try {
         String text;
         {
-            AutoGlobalMutex lock(module::appStateStoreMutex());
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
             if (!table().cellData("dateTime", text, "key", key)) return boost::none;
         }
         // Counted from the Unix epoch, not from the steady clock's own: callers compare these
@@ -208,7 +230,7 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
 
 String AppStateDataStore::group(String const& key) const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         String out;
         if (table().cellData("filterGroup", out, "key", key)) return out;
     } catch (...) {
@@ -222,7 +244,7 @@ String AppStateDataStore::group(String const& key) const {
 
 int AppStateDataStore::count(String const& group) const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         // An empty column makes the table layer count every row.
         unsigned int const n =
             group.empty() ? table().count(String(), String()) : table().count("filterGroup", group);
@@ -246,7 +268,7 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
         }
         ResultSet result;
         {
-            AutoGlobalMutex lock(module::appStateStoreMutex());
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
             table().database()->execute(statement, &result);
         }
         for (unsigned int i = 0; i < result.rowCount(); ++i) {
@@ -267,7 +289,7 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
 
 bool AppStateDataStore::close() {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         table().close();
         return true;
     } catch (...) {
@@ -279,7 +301,7 @@ bool AppStateDataStore::close() {
 
 bool AppStateDataStore::isClosed() const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         return table().isClosed();
     } catch (...) {
         logAt(logger(), ERROR,
@@ -290,7 +312,7 @@ bool AppStateDataStore::isClosed() const {
 
 bool AppStateDataStore::checkValidity(String& error) const {
     try {
-        AutoGlobalMutex lock(module::appStateStoreMutex());
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         return table().checkValidity(error);
     } catch (...) {
         logAt(logger(), ERROR, [] {

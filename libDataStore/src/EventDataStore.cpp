@@ -12,6 +12,7 @@
 #include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
+#include "ReaderLock.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -223,6 +224,31 @@ EventDataStore::EventDataStore(String const& path) : m_dataStorePath(path) {
     createDataStores();
 }
 
+EventDataStore::EventDataStore(String const& path, ReadOnly const& options)
+    : m_dataStorePath(path) {
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "480 " + "EventDataStore(" + path +
+               ") this: " + static_cast<void const*>(this);
+    });
+    Database database = readonly::open(path, options);
+    m_reader = std::make_shared<ReaderLock>(database);
+    // The checks of all tables read one state of the file.
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
+    m_versionDataStore = readonly::table(database, "Versioning", kVersioning);
+    m_appDataStore = readonly::table(database, "ApplicationRuns", kApplicationRuns);
+    m_scriptDataStore = readonly::table(database, "ScriptRuns", kScriptRuns);
+    m_scriptSpecDataStore = readonly::table(database, "ScriptSpecs", kScriptSpecs);
+    m_testRunDataStore = readonly::table(database, "TestRuns", kTestRuns);
+    m_eventDataStore = readonly::table(database, "TestRunEvents", kTestRunEvents);
+    m_testRunTipsDataStore = readonly::table(database, "TestRunTips", kTestRunTips);
+    m_scriptletDataStore = readonly::table(database, "ScriptletRuns", kScriptletRuns);
+    m_alertDataStore = readonly::table(database, "Alerts", kAlerts);
+    m_alertKeyValueDataStore = readonly::table(database, "AlertKeyValues", kAlertKeyValues);
+    m_alertTipsDataStore = readonly::table(database, "AlertTips", kAlertTips);
+    m_profilerDiffDataStore = readonly::table(database, "ProfilerDiffs", kProfilerDiffs);
+    m_measurementDataStore = readonly::table(database, "Measurements", kMeasurements);
+}
+
 // The source's path is deliberately not copied: the copy opens the runtime's private
 // temporary database instead of a second connection to the source's file.
 EventDataStore::EventDataStore(EventDataStore const& /*other*/) { createDataStores(); }
@@ -288,7 +314,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
 }
 
 void EventDataStore::createDataStores() {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
 
     Database database(new SQLite3Database(m_dataStorePath, SQLiteDataStore::dbSyncMode()));
     // Should anything below throw, the transaction is left open and the connection is closed
@@ -343,12 +369,12 @@ int EventDataStore::getVersionUnlocked() const {
 }
 
 int EventDataStore::getVersion() const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     return getVersionUnlocked();
 }
 
 bool EventDataStore::checkValidity(String& error) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     // Versioning, ScriptSpecs, AlertKeyValues, ScriptletRuns and Measurements are not asked:
     // they share the one connection with the tables that are.
     struct Checked {
@@ -376,7 +402,7 @@ bool EventDataStore::checkValidity(String& error) const {
 }
 
 void EventDataStore::close() {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     // Versioning and AlertKeyValues are skipped; they share the connection closed here.
     SQLiteDataStore* const tables[] = {
         m_appDataStore.get(),          m_scriptDataStore.get(),      m_scriptSpecDataStore.get(),
@@ -413,32 +439,32 @@ boost::optional<long long> EventDataStore::logAppStart(String const& name, Strin
     String const statement = eventsql::insertStatement(
         "ApplicationRuns", "name,userName,typeOfRun,startTime",
         {sql::value(name), sql::value(userName), sql::value(typeOfRun), eventsql::seconds(start)});
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     SQLite3Database& database = *m_appDataStore->database();
     database.execute(statement);
     return positiveId(database.lastInsertId());
 }
 
 void EventDataStore::logAppStop(long long appId, EventTimePoint end) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"endTime", eventsql::seconds(end)}},
                    "logAppStop() id does not exist: ");
 }
 
 void EventDataStore::setAppName(long long appId, String const& name) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"name", name}},
                    "setAppName() id does not exist: ");
 }
 
 void EventDataStore::setAppUser(long long appId, String const& userName) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"userName", userName}},
                    "setAppUser() id does not exist: ");
 }
 
 void EventDataStore::setTypeOfAppRun(long long appId, String const& typeOfRun) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"typeOfRun", typeOfRun}},
                    "setTypeOfAppRun() id does not exist: ");
 }
@@ -448,7 +474,7 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
                                                           String const& name, EventTimePoint start,
                                                           unsigned int totalPasses,
                                                           String const& scriptXml) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
 
     // Script texts are stored once and shared by every run of byte-identical XML.
     String specIdText;
@@ -474,20 +500,20 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
 
 void EventDataStore::logScriptFinished(long long scriptId, String const& result,
                                        EventTimePoint end) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId,
                    {{"result", result}, {"endTime", eventsql::seconds(end)}},
                    "logScriptFinished() id does not exist: ");
 }
 
 void EventDataStore::setScriptName(long long scriptId, String const& name) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"name", name}},
                    "setScriptName() id does not exist: ");
 }
 
 void EventDataStore::setScriptResult(long long scriptId, String const& result) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"result", result}},
                    "setScriptResult() id does not exist: ");
 }
@@ -502,7 +528,7 @@ boost::optional<long long> EventDataStore::logTestStart(
         {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
          sql::value(deviceGuid), sql::value(deviceType), sql::value(result),
          eventsql::seconds(start), sql::number(pass)});
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     SQLite3Database& database = *m_testRunDataStore->database();
     database.execute(statement);
     return positiveId(database.lastInsertId());
@@ -518,7 +544,7 @@ boost::optional<long long> EventDataStore::logTestInitializing(
 
 bool EventDataStore::logTestInitialized(long long testId, String const& result,
                                         EventTimePoint start) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     if (updateExisting(*m_testRunDataStore, "testId", testId,
                        {{"result", result}, {"startTime", eventsql::seconds(start)}}, nullptr)) {
         return true;
@@ -533,7 +559,7 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
 
 void EventDataStore::logTestFinished(long long testId, String const& result,
                                      String const& errorCode, EventTimePoint end) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(
         *m_testRunDataStore, "testId", testId,
         {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
@@ -550,7 +576,7 @@ void EventDataStore::logTestRunEvent(long long testId, String const& message, St
     row.insert("eventCode", eventCode);
     row.insert("customerEventCode", customerEventCode);
     row.insert("dateTime", eventsql::seconds(time));
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_eventDataStore->append(row);
 }
 
@@ -565,7 +591,7 @@ void EventDataStore::logTestRunTip(long long testId, String const& key, String c
     row.insert("text", text);
     row.insert("extended_text", extendedText);
     row.insert("dateTime", eventsql::seconds(time));
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_testRunTipsDataStore->append(row);
 }
 
@@ -667,7 +693,7 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
 bool EventDataStore::logAlertsInTransaction(AlertData const* alerts, std::size_t count,
                                             char const* failure) {
     // Taken outside the try: the rollback below must still run under the mutex.
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     SQLite3Database& database = *m_alertDataStore->database();
     try {
         database.execute("BEGIN");
@@ -708,17 +734,17 @@ bool EventDataStore::logAlerts(std::vector<AlertData> const& alerts) {
 }
 
 bool EventDataStore::alertExists(String const& guid) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     return eventsql::findAlert(*m_alertDataStore->database(), guid, false, false) != -1;
 }
 
 bool EventDataStore::alertExistsWithKeyVals(String const& guid) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     return eventsql::findAlert(*m_alertDataStore->database(), guid, true, false) != -1;
 }
 
 bool EventDataStore::alertTracked(String const& guid) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     return eventsql::findAlert(*m_alertDataStore->database(), guid, false, true) != -1;
 }
 
@@ -726,7 +752,7 @@ void EventDataStore::markAlertAsTracked(String const& guid) {
     String const statement = "UPDATE " + sql::identifier("Alerts") + " SET " +
                              sql::identifier("tracked") + " = 1" + " WHERE " +
                              sql::identifier("guid") + " = " + sql::value(guid);
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_alertDataStore->database()->execute(statement);
 }
 
@@ -744,7 +770,7 @@ EventTimePoint EventDataStore::firstAlert() const {
 void EventDataStore::logScriptletResult(long long appId, String const& key, String const& category,
                                         String const& result, String const& status,
                                         EventTimePoint time) {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     // The key goes into this look-up as it is, quotes not doubled, as other programs reading
     // the same file do it; a key with a quote fails here rather than being matched loosely.
     String const latest = SprintfFormat(
@@ -775,7 +801,7 @@ void EventDataStore::logProfilerDiff(long long appId, String const& category, lo
         "ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
         {sql::number(appId), sql::value(category), sql::number(time),
          ZRNValue(numberOfChanges).toString(ZRNValue::nilValue()), sql::value(serializedDiff)});
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_profilerDiffDataStore->database()->execute(statement);
 }
 
@@ -791,7 +817,7 @@ void EventDataStore::logMeasurement(String const& type, unsigned int spanStartTi
         {sql::value(type), number(spanStartTime), number(spanMiddleTime), number(spanEndTime),
          number(maximum), number(minimum), number(average), number(median),
          number(numberOfSamples)});
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_measurementDataStore->database()->execute(statement);
 }
 

@@ -10,6 +10,7 @@
 #include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
+#include "ReaderLock.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -89,7 +90,7 @@ String orderDescending(char const* column) { return " ORDER BY " + id(column) + 
 // ---- Shared machinery --------------------------------------------------------------------
 
 void EventDataStore::query(String const& statement, ResultSet& result) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_appDataStore->database()->execute(statement, &result);
 }
 
@@ -102,7 +103,7 @@ long long EventDataStore::aggregate(String const& statement) const {
 }
 
 bool EventDataStore::appCell(long long appId, char const* column, String& value) const {
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     String const idText = sql::number(appId);
     if (!m_appDataStore->contains("appId", idText)) return false;
     return m_appDataStore->cellData(column, value, "appId", idText);
@@ -200,7 +201,7 @@ EventTimePoint EventDataStore::getAppEndTime(long long appId) const {
 long long EventDataStore::appRunTime(long long appId) const {
     // Both look-ups take the mutex again; it is re-entrant for this thread, and holding it
     // across them keeps the two cells from one state of the row.
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     return (getAppEndTime(appId) - getAppStartTime(appId)).count();
 }
 
@@ -501,7 +502,7 @@ std::vector<TestRunResultLog> EventDataStore::getRecentFails(
     std::vector<String> const* passResults, EventTimePoint until) const {
     // Held across every query below (each takes it again): the runs read per test belong to
     // the same state of the file as the list of tests.
-    AutoGlobalMutex lock(module::eventStoreMutex());
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     String const result = id("result");
     String const device = " (" + id("deviceGuid") + " = " + sql::value(deviceGuid) + " AND " +
                           id("endTime") + " <= " + eventsql::seconds(until) + ")";

@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "ModuleState.h"
+#include "ReaderLock.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -82,13 +83,27 @@ GeneralDataStore::GeneralDataStore(String const& path) : m_filePath(path) {
     createDataStores();
 }
 
+GeneralDataStore::GeneralDataStore(String const& path, ReadOnly const& options) : m_filePath(path) {
+    logAt(logger(), TRACE, [&] {
+        return LoggerStream() + "532 " + "GeneralDataStore(" + path +
+               ") this: " + static_cast<void const*>(this);
+    });
+    m_database = readonly::open(path, options);
+    m_reader = std::make_shared<ReaderLock>(m_database);
+    StoreLock lock(module::generalStoreMutex(), m_reader.get());
+    m_versionDataStore = readonly::table(m_database, kVersionTable, kVersionColumns);
+    m_eventDataStore = readonly::table(m_database, kLogTable, kLogColumns);
+    m_eventKeyValueDataStore = readonly::table(m_database, kKeyValueTable, kKeyValueColumns);
+    m_initialized = true;
+}
+
 GeneralDataStore::~GeneralDataStore() {
     try {
         logAt(logger(), TRACE, [&] {
             return LoggerStream() + "541 " +
                    "~GeneralDataStore() this: " + static_cast<void const*>(this);
         });
-        AutoGlobalMutex lock(module::generalStoreMutex());
+        StoreLock lock(module::generalStoreMutex(), m_reader.get());
         closeUnlocked();
     } catch (...) {
     }
@@ -97,7 +112,7 @@ GeneralDataStore::~GeneralDataStore() {
 
 void GeneralDataStore::createDataStores() {
     try {
-        AutoGlobalMutex lock(module::generalStoreMutex());
+        StoreLock lock(module::generalStoreMutex(), m_reader.get());
         m_database = Database(new SQLite3Database(m_filePath, SQLiteDataStore::dbSyncMode()));
         m_versionDataStore.reset();
         m_versionDataStore.reset(new SQLiteDataStore(m_database, kVersionTable, kVersionColumns));
@@ -149,7 +164,7 @@ int GeneralDataStore::getVersionUnlocked() const {
 }
 
 int GeneralDataStore::getVersion() const {
-    AutoGlobalMutex lock(module::generalStoreMutex());
+    StoreLock lock(module::generalStoreMutex(), m_reader.get());
     return getVersionUnlocked();
 }
 
@@ -162,12 +177,12 @@ void GeneralDataStore::closeUnlocked() {
 }
 
 void GeneralDataStore::close() {
-    AutoGlobalMutex lock(module::generalStoreMutex());
+    StoreLock lock(module::generalStoreMutex(), m_reader.get());
     closeUnlocked();
 }
 
 bool GeneralDataStore::checkValidity(String& error) const {
-    AutoGlobalMutex lock(module::generalStoreMutex());
+    StoreLock lock(module::generalStoreMutex(), m_reader.get());
     struct Named {
         SQLiteDataStore const* table;
         char const* name;
@@ -211,9 +226,9 @@ long long GeneralDataStore::getSetIDUnlocked(GenericLog const& log) const {
 bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
     if (!m_initialized) return false;
     // Declared outside the try block so that the ROLLBACK below still runs under the lock.
-    std::optional<AutoGlobalMutex> lock;
+    std::optional<StoreLock> lock;
     try {
-        lock.emplace(module::generalStoreMutex());
+        lock.emplace(module::generalStoreMutex(), m_reader.get());
         SQLite3Database& db = *m_database;
 
         long long setId = getSetIDUnlocked(log);
@@ -332,7 +347,7 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
         if (filter.m_resultLimit != 0) statement += " LIMIT " + decimal(filter.m_resultLimit);
 
         // Held for the per-log queries too, so a concurrent logOrUpdate is never seen half done.
-        AutoGlobalMutex lock(module::generalStoreMutex());
+        StoreLock lock(module::generalStoreMutex(), m_reader.get());
         ResultSet result;
         m_database->execute(statement, &result);
         for (unsigned int i = 0; i < result.rowCount(); ++i) {

@@ -93,6 +93,26 @@ SQLite3Database::SYNC_MODE SQLiteDataStore::dbSyncMode() {
     return SQLite3Database::FULL;
 }
 
+void SQLiteDataStore::checkReadable(bool exists) const {
+    String const prefix = "SQLite database '" + dbFilePath() + "': ";
+    if (!exists) {
+        throw DatabaseError(prefix + "not a store of this kind: table " +
+                            sql::identifier(m_tableName) + " is missing");
+    }
+    ResultSet info;
+    m_database->execute("PRAGMA table_info (" + sql::identifier(m_tableName) + ")", &info);
+    Array<String> present;
+    for (unsigned i = 0; i < info.rowCount(); ++i) {
+        present.append(info.row(static_cast<int>(i)).columnValue(String("name")));
+    }
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        if (present.contains(m_columns.keyAt(i))) continue;
+        throw DatabaseError(prefix + "not a store of this kind: table " +
+                            sql::identifier(m_tableName) + " lacks the column " +
+                            sql::identifier(m_columns.keyAt(i)));
+    }
+}
+
 void SQLiteDataStore::init() {
     String const table = sql::identifier(m_tableName);
 
@@ -100,6 +120,13 @@ void SQLiteDataStore::init() {
     ResultSet existing;
     m_database->execute("SELECT name FROM sqlite_master WHERE name=" + sql::value(m_tableName),
                         &existing);
+
+    if (m_database->isReadOnly()) {
+        // A read-only connection can neither create nor extend: the file must already have
+        // the table with every declared column, or the store refuses it.
+        checkReadable(existing.rowCount() > 0);
+        return;
+    }
 
     if (existing.rowCount() > 0) {
         // An existing table is only ever extended: no zero-column or reserved-name check here,

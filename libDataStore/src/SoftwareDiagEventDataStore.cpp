@@ -14,6 +14,7 @@
 
 #include "DefectLog.h"
 #include "ModuleState.h"
+#include "ReaderLock.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -258,7 +259,7 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
           [&] { return LoggerStream() + "355 " + "SoftwareDiagEventDataStore() this: " + self; });
 
     // Held for the whole opening sequence, so another process never sees a half-made schema.
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     logAt(logger(), TRACE, [&] { return LoggerStream() + "358 " + self + " using " + filePath; });
 
     m_database =
@@ -287,6 +288,29 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
             SprintfFormat("UPDATE %s SET %s = %i", kVersioning, "version", kSchemaVersion));
     }
     createIndexesUnlocked();
+}
+
+SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath,
+                                                       ReadOnly const& options) {
+    unsigned long long const self = addressOf(this);
+    logAt(logger(), TRACE,
+          [&] { return LoggerStream() + "355 " + "SoftwareDiagEventDataStore() this: " + self; });
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "358 " + self + " using " + filePath; });
+    m_database = readonly::open(filePath, options);
+    m_reader = std::make_shared<ReaderLock>(m_database);
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
+    m_versionDataStore = readonly::table(m_database, kVersioning, kVersioningColumns);
+    m_sessionDataStore = readonly::table(m_database, kSessions, kSessionColumns);
+    m_runTransactionDataStore =
+        readonly::table(m_database, kRunTransactions, kRunTransactionColumns);
+    m_fixTransactionDataStore =
+        readonly::table(m_database, kFixTransactions, kFixTransactionColumns);
+    m_softwareDiagnosticDataStore =
+        readonly::table(m_database, kSoftwareDiagnostics, kSoftwareDiagnosticColumns);
+    m_issueDataStore = readonly::table(m_database, kIssues, kIssueColumns);
+    m_fixActionDataStore = readonly::table(m_database, kFixActions, kFixActionColumns);
+    m_issueFixActionDataStore =
+        readonly::table(m_database, kIssuesFixActions, kIssueFixActionColumns);
 }
 
 SoftwareDiagEventDataStore::~SoftwareDiagEventDataStore() {
@@ -327,12 +351,12 @@ int SoftwareDiagEventDataStore::readVersionUnlocked() const {
 }
 
 int SoftwareDiagEventDataStore::getVersion() const {
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     return readVersionUnlocked();
 }
 
 bool SoftwareDiagEventDataStore::checkValidity(String& errorMessage) const {
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     std::pair<char const*, SQLiteDataStore const*> const members[] = {
         {"m_versionDataStore: ", m_versionDataStore.get()},
         {"m_sessionDataStore: ", m_sessionDataStore.get()},
@@ -353,7 +377,7 @@ bool SoftwareDiagEventDataStore::checkValidity(String& errorMessage) const {
 }
 
 void SoftwareDiagEventDataStore::close() {
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     // All eight share one connection: the first call closes it, the others find it closed.
     m_versionDataStore->close();
     m_sessionDataStore->close();
@@ -372,7 +396,7 @@ bool SoftwareDiagEventDataStore::insert(char const* table, String const& columns
     String const statement =
         "INSERT INTO " + String(table) + " (" + columns + ") VALUES(" + values + ");";
     // The id read must be the one of this insert: hold the lock across both.
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     m_database->execute(statement);
     return m_database->lastInsertId() > 0;
 }
@@ -381,7 +405,7 @@ void SoftwareDiagEventDataStore::finish(SQLiteDataStore& table, char const* keyC
                                         HashTable<String, String> row,
                                         char const* missingIdMessage) {
     String const key = sql::number(id);
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     if (!table.contains(keyColumn, key)) {
         logAt(defectLogger(), ERROR, [&] { return LoggerStream() + missingIdMessage + id; });
         return;
@@ -488,7 +512,7 @@ void SoftwareDiagEventDataStore::logFixActionFinished(FixActionLog const& fixAct
 // ---- Queries ------------------------------------------------------------------------------
 
 void SoftwareDiagEventDataStore::query(String const& statement, ResultSet& result) const {
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     m_database->execute(statement, &result);
 }
 
@@ -702,7 +726,7 @@ bool SoftwareDiagEventDataStore::associateIssueToFixAction(IssueLog const& issue
     String const fixActionId = sql::number(fixAction.fixActionId());
     // The duplicate check and the insert run under one hold of the mutex, so two processes
     // linking the same pair at once cannot both pass the check.
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     ResultSet existing;
     m_database->execute(
         "SELECT  ifa.`issueId`, ifa.`fixActionId` FROM `Issues_FixActions` ifa "
@@ -725,7 +749,7 @@ bool SoftwareDiagEventDataStore::associateRestorePointToFixTransaction(
     String const id = sql::number(fixTransaction.fixTransactionId());
     // Read and update under one hold of the mutex: a restore point is attached at most once,
     // also when two processes try at the same time.
-    AutoGlobalMutex lock(module::softwareDiagStoreMutex());
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     ResultSet existing;
     m_database->execute(
         "SELECT  ft.`fixTransactionId`, ft.`restorePointUuid` FROM "

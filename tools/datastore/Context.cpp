@@ -2,6 +2,7 @@
 
 #include <libCommon/DateTime.h>
 #include <libCommon/FileSystem.h>
+#include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 #include <libCommon/ResultSet.h>
@@ -62,7 +63,13 @@ std::string storePath(Options const& options, Store store) {
     return zrn::FileSystem::getAbsolutePath(folder, fileNameOf(store), true).str();
 }
 
-std::string notThisStore(std::string const& path, Store store) {
+zrn::ReadOnly readOnly(Options const& options) {
+    zrn::ReadOnly result;
+    result.wait = std::chrono::milliseconds(static_cast<long long>(options.wait * 1000));
+    return result;
+}
+
+std::string notThisStore(std::string const& path, Store store, zrn::ReadOnly const& options) {
     // The table every file of the store has; a database without it belongs to something else.
     char const* table = "";
     char const* kind = "";
@@ -80,14 +87,12 @@ std::string notThisStore(std::string const& path, Store store) {
             table = "Sessions", kind = "a software-diagnostics store";
             break;
     }
-    zrn::SQLite3Database database(
-        zrn::String(path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
-        zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
+    auto const database = openReadOnly(path, options);
     zrn::ResultSet rows;
-    database.execute(zrn::String(std::string("SELECT count(*) FROM `sqlite_master` WHERE `type` = "
-                                             "'table' AND `name` = '") +
-                                 table + "'"),
-                     &rows);
+    database->execute(zrn::String(std::string("SELECT count(*) FROM `sqlite_master` WHERE `type` = "
+                                              "'table' AND `name` = '") +
+                                  table + "'"),
+                      &rows);
     if (rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0") return "";
     return std::string("not ") + kind + " (it has no " + table + " table)";
 }
@@ -99,11 +104,32 @@ std::string existingStorePath(Options const& options, Store store) {
                                    ": no such store (nothing was created; record with "
                                    "'datastore demo' or give --dir/--file)");
     }
-    // Opening a store completes its tables: never do that to a file of another kind.
-    std::string const mismatch = openOrFail(path, [&] { return notThisStore(path, store); });
+    // The store's read-only opening would refuse such a file too, but by a missing table
+    // rather than by what the file is.
+    std::string const mismatch =
+        openOrFail(path, [&] { return notThisStore(path, store, readOnly(options)); });
     if (!mismatch.empty()) throw ToolError(STORE, path + ": " + mismatch);
     return path;
 }
+
+namespace {
+
+// The named mutex every opening of the store family holds.
+zrn::String familyMutexName(Store store) {
+    switch (store) {
+        case Store::AppState:
+            return "appstate_store";
+        case Store::General:
+            return "general_store";
+        case Store::Event:
+            return "event_store";
+        case Store::SoftwareDiag:
+            return "softwarediag_store";
+    }
+    return "";
+}
+
+}  // namespace
 
 std::string recordingStorePath(Options const& options, Store store) {
     std::string const path = storePath(options, store);
@@ -115,6 +141,10 @@ std::string recordingStorePath(Options const& options, Store store) {
             throw ToolError(STORE,
                             folder.string() + ": cannot create the folder: " + error.message());
     }
+    // Without the mutex, a recording process checking a file that another one has just
+    // created, but not yet filled with tables, took it for a database of another kind.
+    zrn::GlobalMutex family(familyMutexName(store));
+    zrn::AutoGlobalMutex lock(family);
     if (zrn::FileSystem::exists(path)) {
         std::string const mismatch = openOrFail(path, [&] { return notThisStore(path, store); });
         if (!mismatch.empty()) throw ToolError(STORE, path + ": " + mismatch);
@@ -122,11 +152,13 @@ std::string recordingStorePath(Options const& options, Store store) {
     return path;
 }
 
-std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path) {
+std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
+                                                   zrn::ReadOnly const& options) {
     return openOrFail(path, [&] {
-        return std::make_unique<zrn::SQLite3Database>(
-            zrn::String(path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
-            zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
+        zrn::SQLite3Database::ReaderOptions reader;
+        reader.busyTimeoutMs = static_cast<int>(options.wait.count());
+        reader.immutable = options.immutable;
+        return std::make_unique<zrn::SQLite3Database>(zrn::String(path), reader);
     });
 }
 
@@ -190,12 +222,21 @@ void addRangeOptions(CLI::App& command, Options& options) {
                        "Up to this date (whole day), date-time or Unix second");
 }
 
+void addWaitOption(CLI::App& command, Options& options) {
+    command
+        .add_option("--wait", options.wait,
+                    "Wait at most SECONDS for a program writing the store (default 5)")
+        ->option_text("SECONDS")
+        ->check(CLI::NonNegativeNumber);
+}
+
 CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
                         std::string const& description, std::string const& example, bool withRange,
                         bool withLimit) {
     CLI::App* command = parent.add_subcommand(name, description);
     addLocationOptions(*command, options);
     addJsonOption(*command, options);
+    addWaitOption(*command, options);
     if (withRange) addRangeOptions(*command, options);
     if (withLimit) addLimitOption(*command, options);
     command->footer("Example: " + example);
@@ -249,6 +290,17 @@ QuietLog::~QuietLog() {
 }
 
 std::string QuietLog::takeFirstError() { return g_sink.take(); }
+
+void libraryFailure(std::string const& path, std::string const& what, zrn::Exception const& e) {
+    std::string const message = e.getMessage().str();
+    if (message.find("locked by another program") != std::string::npos) {
+        QuietLog::takeFirstError();
+        throw ToolError(STORE, path +
+                                   ": locked by another program (gave up waiting; --wait "
+                                   "SECONDS waits longer)");
+    }
+    storeFailure(path, what + message);
+}
 
 void storeFailure(std::string const& path, std::string const& what) {
     std::string const cause = QuietLog::takeFirstError();

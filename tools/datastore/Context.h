@@ -4,6 +4,7 @@
 // end the program with a given exit code.
 
 #include <libCommon/Exception.h>
+#include <libDataStore/ReadOnly.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -39,7 +40,11 @@ struct Options {
     long limit = 0;     // 0: no limit
     std::string since;  // as given; parsed by timeRange()
     std::string until;
+    double wait = 5;  // --wait: seconds an inspection waits for a program writing the store
 };
+
+// How inspections open a store: read-only, waiting at most --wait for a writer.
+zrn::ReadOnly readOnly(Options const& options);
 
 // The file name of a store ("event.db", ...).
 char const* fileNameOf(Store store);
@@ -59,18 +64,24 @@ std::string storePath(Options const& options, Store store);
 std::string existingStorePath(Options const& options, Store store);
 
 // Empty when the existing database at `path` holds the store's main table, else why it is not
-// that store ("not an event store (it has no ApplicationRuns table)"). Reads the file only.
-// @throw zrn::Exception when the file cannot be read as a database.
-std::string notThisStore(std::string const& path, Store store);
+// that store ("not an event store (it has no ApplicationRuns table)"). Reads the file only,
+// opened as the stores' read-only constructors open it.
+// @throw zrn::Exception when the file cannot be read as a database, or stays locked by a
+// writer for longer than `options.wait`.
+std::string notThisStore(std::string const& path, Store store,
+                         zrn::ReadOnly const& options = zrn::ReadOnly{});
 
 // For the commands that record: the path, after creating the folder it lives in (with its
 // parents) when missing; the stores never create their folder themselves. An existing file
-// must be that store (as for existingStorePath).
+// must be that store (as for existingStorePath). The check holds the store family's named
+// mutex, which every store opening holds throughout: a file another recording process is just
+// creating is seen either not at all or with its whole schema, never half made.
 std::string recordingStorePath(Options const& options, Store store);
 
 // A read-only connection to an existing store file, for what no store operation reads
-// (application runs, table sizes). Never creates the file. Failure: ToolError(STORE).
-std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path);
+// (application runs, table sizes). Never creates or writes any file. Failure: ToolError(STORE).
+std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
+                                                   zrn::ReadOnly const& options = zrn::ReadOnly{});
 
 // --since / --until as Unix seconds, 0 for a bound not given. Accepts ISO 8601 dates
 // ("2026-11-23": local midnight for --since, the day's last second for --until), date-times
@@ -89,9 +100,10 @@ void addDirOption(CLI::App& command, Options& options);        // --dir only
 void addJsonOption(CLI::App& command, Options& options);
 void addLimitOption(CLI::App& command, Options& options);
 void addRangeOptions(CLI::App& command, Options& options);
+void addWaitOption(CLI::App& command, Options& options);  // --wait
 
 // A new subcommand of `parent` with the options every inspection shares: --dir, --file,
-// --json, and unless told otherwise --since/--until and --limit. `example` ends its --help.
+// --json, --wait, and unless told otherwise --since/--until and --limit. `example` ends its --help.
 CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
                         std::string const& description, std::string const& example,
                         bool withRange = true, bool withLimit = true);
@@ -113,6 +125,11 @@ public:
 // first error the library logged, when there is one.
 [[noreturn]] void storeFailure(std::string const& path, std::string const& what);
 
+// ToolError(STORE) for a library failure: "locked by another program" when a writer held the
+// file past the wait, else storeFailure(path, what + the exception's message).
+[[noreturn]] void libraryFailure(std::string const& path, std::string const& what,
+                                 zrn::Exception const& e);
+
 // Runs `open` (a store constructor, usually) and turns a library exception into a
 // ToolError naming the file.
 template <class Open>
@@ -120,7 +137,7 @@ auto openOrFail(std::string const& path, Open&& open) -> decltype(open()) {
     try {
         return std::forward<Open>(open)();
     } catch (zrn::Exception const& e) {
-        storeFailure(path, "cannot open: " + e.getMessage().str());
+        libraryFailure(path, "cannot open: ", e);
     }
 }
 

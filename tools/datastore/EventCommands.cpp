@@ -44,7 +44,7 @@ class EventStore {
 public:
     explicit EventStore(Options const& options)
         : m_path(existingStorePath(options, Store::Event)), m_store(openOrFail(m_path, [&] {
-              return std::make_unique<zrn::EventDataStore>(zrn::String(m_path));
+              return std::make_unique<zrn::EventDataStore>(zrn::String(m_path), readOnly(options));
           })) {
         zrn::String error;
         if (!m_store->checkValidity(error)) storeFailure(m_path, "not usable: " + error.str());
@@ -68,7 +68,7 @@ void apps(Options const& options, EventArgs const& args) {
     // The store answers questions about one run but has no reader that lists them; the
     // table is read directly, read-only.
     zrn::ResultSet rows;
-    auto const database = openReadOnly(store.path());
+    auto const database = openReadOnly(store.path(), readOnly(options));
     try {
         database->execute(
             "SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "

@@ -51,8 +51,9 @@ void logs(Options const& options, GeneralArgs const& args) {
     TimeRange const range = timeRange(options);
     zrn::GenericLogFilter const filter = filterOf(args, range);
     std::string const path = existingStorePath(options, Store::General);
-    auto const store = openOrFail(
-        path, [&] { return std::make_unique<zrn::GeneralDataStore>(zrn::String(path)); });
+    auto const store = openOrFail(path, [&] {
+        return std::make_unique<zrn::GeneralDataStore>(zrn::String(path), readOnly(options));
+    });
     zrn::String error;
     if (!store->isInitialized() || !store->checkValidity(error)) {
         storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));

@@ -33,12 +33,12 @@ struct StoreInfo {
     std::vector<std::pair<std::string, long long>> tables;
 };
 
-// The store's own opinion: its version and validity. Opening an existing file may complete
-// its schema, as any user of the library would; a missing file is never opened.
+// The store's own opinion: its version and validity, asked of a read-only opening, so the file
+// is never completed, upgraded or otherwise written; a missing file is never opened.
 template <class StoreClass>
-void askStore(StoreInfo& info, bool hasVersion) {
+void askStore(StoreInfo& info, bool hasVersion, zrn::ReadOnly const& reader) {
     try {
-        StoreClass store{zrn::String(info.path)};
+        StoreClass store{zrn::String(info.path), reader};
         zrn::String error;
         info.valid = store.checkValidity(error);
         if (!info.valid) info.problem = error.str();
@@ -53,19 +53,19 @@ void askStore(StoreInfo& info, bool hasVersion) {
 }
 
 template <>
-void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool) {
+void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool, zrn::ReadOnly const& reader) {
     // Never throws; a failed opening shows as invalid.
-    zrn::AppStateDataStore const store{zrn::String(info.path)};
+    zrn::AppStateDataStore const store{zrn::String(info.path), reader};
     zrn::String error;
     info.valid = store.checkValidity(error);
     if (!info.valid) info.problem = error.empty() ? "cannot open" : error.str();
 }
 
-void countRows(StoreInfo& info) {
+void countRows(StoreInfo& info, zrn::ReadOnly const& reader) {
     try {
-        zrn::SQLite3Database database(
-            zrn::String(info.path), zrn::SQLite3Database::FULL, zrn::SQLite3Database::ENCODING_UTF8,
-            zrn::SQLite3Database::OPEN_EXISTING, zrn::SQLite3Database::READ_ONLY);
+        zrn::SQLite3Database::ReaderOptions options;
+        options.busyTimeoutMs = static_cast<int>(reader.wait.count());
+        zrn::SQLite3Database database(zrn::String(info.path), options);
         zrn::ResultSet names;
         database.execute(
             "SELECT `name` FROM `sqlite_master` WHERE `type` = 'table' "
@@ -98,19 +98,19 @@ StoreInfo inspect(Options const& options, Store store) {
     if (!error) info.size = static_cast<long long>(size);
     switch (store) {
         case Store::AppState:
-            askStore<zrn::AppStateDataStore>(info, false);
+            askStore<zrn::AppStateDataStore>(info, false, readOnly(options));
             break;
         case Store::General:
-            askStore<zrn::GeneralDataStore>(info, true);
+            askStore<zrn::GeneralDataStore>(info, true, readOnly(options));
             break;
         case Store::Event:
-            askStore<zrn::EventDataStore>(info, true);
+            askStore<zrn::EventDataStore>(info, true, readOnly(options));
             break;
         case Store::SoftwareDiag:
-            askStore<zrn::SoftwareDiagEventDataStore>(info, true);
+            askStore<zrn::SoftwareDiagEventDataStore>(info, true, readOnly(options));
             break;
     }
-    countRows(info);
+    countRows(info, readOnly(options));
     if (!info.valid && info.problem.empty()) info.problem = QuietLog::takeFirstError();
     QuietLog::takeFirstError();
     return info;
@@ -169,6 +169,7 @@ void addInfoCommand(CLI::App& app, Options& options) {
                            "rows per table (never creates a store)");
     addDirOption(*c, options);
     addJsonOption(*c, options);
+    addWaitOption(*c, options);
     c->footer("Example: datastore info --dir /var/lib/diagnostics/datastore");
     c->callback([&options] { info(options); });
 }

@@ -22,8 +22,10 @@ struct RepairArgs {
 std::unique_ptr<zrn::SoftwareDiagEventDataStore> openStore(Options const& options,
                                                            std::string& path) {
     path = existingStorePath(options, Store::SoftwareDiag);
-    auto store = openOrFail(
-        path, [&] { return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path)); });
+    auto store = openOrFail(path, [&] {
+        return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(path),
+                                                                 readOnly(options));
+    });
     zrn::String error;
     if (!store->checkValidity(error)) storeFailure(path, "not usable: " + error.str());
     return store;

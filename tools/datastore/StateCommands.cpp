@@ -19,8 +19,10 @@ struct StateArgs {
 };
 
 // The store never throws: a failed opening only shows in its validity and in the log.
-zrn::AppStateDataStore openStore(std::string const& path) {
-    zrn::AppStateDataStore store{zrn::String(path)};
+// Inspections pass `readOnly`; recording and removal open the store for writing.
+zrn::AppStateDataStore openStore(std::string const& path, zrn::ReadOnly const* readOnly = nullptr) {
+    zrn::AppStateDataStore store = readOnly ? zrn::AppStateDataStore(zrn::String(path), *readOnly)
+                                            : zrn::AppStateDataStore(zrn::String(path));
     zrn::String error;
     if (!store.checkValidity(error))
         storeFailure(path, "cannot open" + (error.empty() ? "" : ": " + error.str()));
@@ -35,7 +37,8 @@ long long entrySeconds(zrn::AppStateDataStore const& store, zrn::String const& k
 
 void list(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
-    zrn::AppStateDataStore const store = openStore(path);
+    zrn::ReadOnly const reader = readOnly(options);
+    zrn::AppStateDataStore const store = openStore(path, &reader);
     RecordPrinter printer(
         {{"key", "KEY"}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
         options.json);
@@ -52,7 +55,8 @@ void list(Options const& options, StateArgs const& args) {
 
 void get(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
-    zrn::AppStateDataStore const store = openStore(path);
+    zrn::ReadOnly const reader = readOnly(options);
+    zrn::AppStateDataStore const store = openStore(path, &reader);
     zrn::String const key(args.key);
     if (!store.contains(key))
         throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");

@@ -30,12 +30,26 @@ public:
     // How long a statement waits for another connection's lock before failing.
     static constexpr int BUSY_TIMEOUT_MS = 30000;
 
+    // How a reader opens a file it must never change (see the reader constructor).
+    struct ReaderOptions {
+        // How long a statement waits for a writer that holds the file before it fails with
+        // DatabaseError saying the database is locked by another program.
+        int busyTimeoutMs = 5000;
+        // Opens the file as immutable: SQLite takes no lock and reads no journal, which is
+        // right only for media that nobody writes (evidence copies, read-only mounts).
+        bool immutable = false;
+    };
+
     // Opens the database at `path` for reading and writing, creating it when missing.
     SQLite3Database(String const& path, SYNC_MODE syncMode);
     // The full form. READ_ONLY opens an existing file for reading only and never creates one,
     // whatever the create mode.
     SQLite3Database(String const& path, SYNC_MODE syncMode, CHARACTER_ENCODING encoding,
                     CREATE_MODE createMode, ACCESS_MODE accessMode);
+    // A reader of an existing file: opened read-only, never created, runs no PRAGMA that
+    // writes and creates no file of its own (a rollback-journal file needs none; a WAL file
+    // needs its -shm). Lock and hot-journal failures get messages that say so.
+    SQLite3Database(String const& path, ReaderOptions const& options);
     SQLite3Database(SQLite3Database const&) = delete;
     SQLite3Database& operator=(SQLite3Database const&) = delete;
     ~SQLite3Database();
@@ -74,6 +88,7 @@ private:
     std::unique_ptr<sqlite3, Closer> m_db;
     bool m_inMemory = false;
     bool m_readOnly = false;
+    bool m_reader = false;
 };
 
 }  // namespace zrn

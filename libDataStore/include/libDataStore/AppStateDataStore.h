@@ -3,6 +3,7 @@
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
+#include <libDataStore/ReadOnly.h>
 
 #include <boost/optional.hpp>
 #include <chrono>
@@ -12,6 +13,7 @@
 namespace zrn {
 
 class Logger;
+class ReaderLock;
 class SQLiteDataStore;
 
 // Small named items of application state in "appstate.db": table `AppState` with a text value
@@ -36,6 +38,11 @@ public:
     // Opens or creates the database at `path`, the table `AppState` and its unique index on
     // `key`. A failure is logged ("122 " or "124 ") and leaves the object without a table.
     explicit AppStateDataStore(String const& path);
+    // Opens the existing file at `path` for reading only (see ReadOnly): no table or index is
+    // made. A missing file, one without the table or its columns, a writer holding the file
+    // past `options.wait` or a hot journal is logged ("122 ") and leaves the object without a
+    // table, as above; the writing operations then return their failure values.
+    AppStateDataStore(String const& path, ReadOnly const& options);
     // Share the other object's table and connection; the last owner closes them.
     AppStateDataStore(AppStateDataStore const& other);
     AppStateDataStore& operator=(AppStateDataStore const& other);
@@ -81,6 +88,8 @@ private:
     static Logger* logger();
 
     Table m_table;
+    // Set only for a store opened with ReadOnly; shared by copies, as the connection is.
+    std::shared_ptr<ReaderLock> m_reader;
 };
 
 }  // namespace zrn

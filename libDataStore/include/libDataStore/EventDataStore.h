@@ -4,6 +4,7 @@
 #include <libCommon/String.h>
 #include <libDataStore/EventRecords.h>
 #include <libDataStore/Export.h>
+#include <libDataStore/ReadOnly.h>
 
 #include <boost/optional.hpp>
 #include <cstddef>
@@ -14,6 +15,7 @@
 namespace zrn {
 
 class Logger;
+class ReaderLock;
 class ResultSet;
 class SQLite3Database;
 class SQLiteDataStore;
@@ -53,6 +55,11 @@ public:
     // all in one transaction. @throw DatabaseError (or another Exception) when the file cannot
     // be opened or prepared; nothing of the transaction is kept then.
     explicit EventDataStore(String const& path);
+    // Opens the existing file at `path` for reading only (see ReadOnly): nothing is created,
+    // upgraded or indexed. @throw DatabaseError naming the file when it is missing, lacks a
+    // table or column of the store, is locked by a writer past `options.wait`, or has a hot
+    // journal.
+    EventDataStore(String const& path, ReadOnly const& options);
     // Opens a store of its own on an empty path (the runtime's private temporary database);
     // the source's path, tables and connection are deliberately not taken over.
     EventDataStore(EventDataStore const& other);
@@ -276,6 +283,8 @@ private:
     std::unique_ptr<SQLiteDataStore> m_alertDataStore;
     std::unique_ptr<SQLiteDataStore> m_profilerDiffDataStore;
     std::unique_ptr<SQLiteDataStore> m_measurementDataStore;
+    // Set only for a store opened with ReadOnly.
+    std::shared_ptr<ReaderLock> m_reader;
     // Declared last so it is destroyed first, before the tables go in reverse order.
     String m_dataStorePath;
 };

@@ -5,12 +5,14 @@
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
 #include <libDataStore/GeneralRecords.h>
+#include <libDataStore/ReadOnly.h>
 
 #include <memory>
 
 namespace zrn {
 
 class Logger;
+class ReaderLock;
 class SQLiteDataStore;
 
 // Generic logs and their key/values in "genstore.db": tables `Version`, `GenericLog` and
@@ -29,6 +31,11 @@ public:
     // indexes on (typeUUID, guid) and (setID, key) and the view kv_by_unique_id; an existing
     // one only has its version set to 1 again.
     explicit GeneralDataStore(String const& path);
+    // Opens the existing file at `path` for reading only (see ReadOnly); logOrUpdate then
+    // returns false and writes nothing. Unlike the constructor above it does not swallow a
+    // failure: @throw DatabaseError naming the file when it is missing, lacks a table or
+    // column of the store, is locked by a writer past `options.wait`, or has a hot journal.
+    GeneralDataStore(String const& path, ReadOnly const& options);
     GeneralDataStore(GeneralDataStore const&) = delete;
     GeneralDataStore& operator=(GeneralDataStore const&) = delete;
     // Closes the connection; never throws.
@@ -79,6 +86,8 @@ private:
     std::unique_ptr<SQLiteDataStore> m_eventDataStore;
     std::unique_ptr<SQLiteDataStore> m_eventKeyValueDataStore;
     String m_filePath;
+    // Set only for a store opened with ReadOnly.
+    std::shared_ptr<ReaderLock> m_reader;
 };
 
 }  // namespace zrn

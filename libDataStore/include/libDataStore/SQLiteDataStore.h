@@ -110,6 +110,8 @@ public:
 private:
     void buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path);
     void init();
+    // On a read-only connection: DatabaseError unless the table `exists` with every column.
+    void checkReadable(bool exists) const;
     static Logger* logger();
 
     String m_tableName;

@@ -3,6 +3,7 @@
 #include <libCommon/HashTable.h>
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
+#include <libDataStore/ReadOnly.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 #include <libDataStore/TimeStamp.h>
@@ -12,6 +13,7 @@
 namespace zrn {
 
 class Logger;
+class ReaderLock;
 class ResultSet;
 
 // The store of software-diagnostics sessions (by default "softwarediagevent.db"): sessions,
@@ -33,6 +35,11 @@ public:
     // columns, sets the schema version to 1 and creates the indexes.
     // @throw DatabaseError when the file cannot be opened or is not a database.
     explicit SoftwareDiagEventDataStore(String const& filePath);
+    // Opens the existing file at `filePath` for reading only (see ReadOnly): nothing is
+    // created, versioned or indexed. @throw DatabaseError naming the file when it is missing,
+    // lacks a table or column of the store, is locked by a writer past `options.wait`, or has
+    // a hot journal.
+    SoftwareDiagEventDataStore(String const& filePath, ReadOnly const& options);
     SoftwareDiagEventDataStore(SoftwareDiagEventDataStore const&) = delete;
     SoftwareDiagEventDataStore& operator=(SoftwareDiagEventDataStore const&) = delete;
     // Closes the connection; never throws.
@@ -150,6 +157,8 @@ private:
     std::unique_ptr<SQLiteDataStore> m_issueDataStore;
     std::unique_ptr<SQLiteDataStore> m_fixActionDataStore;
     std::unique_ptr<SQLiteDataStore> m_issueFixActionDataStore;
+    // Set only for a store opened with ReadOnly.
+    std::shared_ptr<ReaderLock> m_reader;
 };
 
 }  // namespace zrn
