@@ -41,6 +41,14 @@ struct StatementFinalizer {
 };
 using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 
+// A BEGIN while a transaction is open: on a reader, only a writing operation does that.
+bool nestedBegin(sqlite3* db, sqlite3_stmt* statement) {
+    if (sqlite3_get_autocommit(db)) return false;
+    char const* text = sqlite3_sql(statement);
+    while (*text == ' ' || *text == '\n' || *text == '\t' || *text == '\r') ++text;
+    return sqlite3_strnicmp(text, "BEGIN", 5) == 0;
+}
+
 }  // namespace
 
 void SQLite3Database::Closer::operator()(sqlite3* db) const {
@@ -164,6 +172,11 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
                             "': refused to run more than one statement in one call");
     }
     if (!statement) return;  // blanks or a comment only: nothing to run
+    if (m_reader && (!sqlite3_stmt_readonly(raw) || nestedBegin(db, raw))) {
+        // Said plainly, rather than as SQLite's "readonly database" or, for a writer's own
+        // BEGIN inside the reader's transaction, "transaction within a transaction".
+        throw DatabaseError("SQLite database '" + m_path + "': opened read-only: refused to write");
+    }
 
     // Column names are read after the first step: a schema change by another connection makes
     // SQLite prepare the statement again inside step, and "SELECT *" may then have more columns.
