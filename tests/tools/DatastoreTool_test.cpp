@@ -8,6 +8,7 @@
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -537,6 +539,176 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
                   std::string::npos)
             << help.out;
     }
+}
+
+// ---- Read-only inspection
+
+// Every file of a folder with its bytes and modification time (nanoseconds).
+std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder) {
+    std::map<std::string, std::pair<std::string, long long>> files;
+    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
+        auto const mtime = std::filesystem::last_write_time(entry.path()).time_since_epoch();
+        files[entry.path().filename().string()] = {
+            test::readFile(entry.path().string()),
+            std::chrono::duration_cast<std::chrono::nanoseconds>(mtime).count()};
+    }
+    return files;
+}
+
+// Runs a shell command line; standard error into `errFile`.
+ToolRun shell(std::string const& command, std::string const& errFile) {
+    ToolRun run;
+    FILE* pipe = ::popen((command + " 2>" + quoted(errFile)).c_str(), "r");
+    if (!pipe) return run;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        run.out.append(buffer, n);
+    int const status = ::pclose(pipe);
+    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.err = test::readFile(errFile);
+    return run;
+}
+
+TEST_F(DatastoreToolTest, InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock) {
+    demo();
+    std::string const scriptId = std::to_string(
+        tool({"scripts", "--json", "--limit", "1"}).records().at(0)["scriptId"].get<long long>());
+    std::string const testId = std::to_string(
+        tool({"tests", scriptId, "--json"}).records().at(0)["testId"].get<long long>());
+    std::string const alertId = std::to_string(
+        tool({"alerts", "--json", "--limit", "1"}).records().at(0)["alertId"].get<long long>());
+    std::string const sessionId = std::to_string(
+        tool({"sessions", "--json", "--limit", "1"}).records().at(0)["sessionId"].get<long long>());
+    std::string const key = tool({"state", "list", "--json"}).records().at(0)["key"];
+
+    // An evidence copy: read-only files in a read-only folder, read by an unprivileged user
+    // (when the tests run as root) for whom the lock folder cannot even be made.
+    for (auto const& entry : std::filesystem::directory_iterator(m_stores))
+        std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_read |
+                                                       std::filesystem::perms::group_read |
+                                                       std::filesystem::perms::others_read);
+    std::filesystem::permissions(
+        m_stores, std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec |
+                      std::filesystem::perms::group_read | std::filesystem::perms::group_exec |
+                      std::filesystem::perms::others_read | std::filesystem::perms::others_exec);
+    std::string const user =
+        ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+    std::string const noLocks = "/proc/zrn-no-lock-folder-" + std::to_string(::getpid());
+    auto const before = snapshot(m_stores);
+
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"info"},
+                                               {"apps"},
+                                               {"scripts"},
+                                               {"tests", scriptId},
+                                               {"events", "--script", scriptId},
+                                               {"tips", "--test", testId},
+                                               {"failures"},
+                                               {"alerts"},
+                                               {"alert", alertId},
+                                               {"measurements"},
+                                               {"diffs"},
+                                               {"scriptlets"},
+                                               {"logs"},
+                                               {"state", "list"},
+                                               {"state", "get", key},
+                                               {"sessions"},
+                                               {"session", sessionId}}) {
+        SCOPED_TRACE(args[0]);
+        std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE ZRN_LOCK_DIR=" + noLocks + " " +
+                              user + quoted(DATASTORE_TOOL);
+        for (auto const& arg : args) command += " " + quoted(arg);
+        ToolRun const run =
+            shell(command + " --json --dir " + quoted(m_stores), m_dir.file("stderr.txt"));
+        EXPECT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(run.err, "");
+        // Tips may rightly be none; everything else of the demo day has records.
+        if (args[0] != "tips") {
+            EXPECT_FALSE(run.records().empty());
+        }
+        if (args[0] == "info") {
+            for (Json const& record : run.records()) {
+                if (record.contains("valid")) {
+                    EXPECT_TRUE(record["valid"].get<bool>()) << record;
+                }
+            }
+        }
+        EXPECT_EQ(snapshot(m_stores), before);
+    }
+    std::filesystem::permissions(m_stores, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add);
+}
+
+TEST_F(DatastoreToolTest, InspectionIgnoresTheNamedMutexAndGivesUpOnAWriterAfterWait) {
+    demo();
+    std::string const lockDir = m_dir.file("locks");
+    std::filesystem::create_directories(lockDir);
+    test::ScopedEnv env("ZRN_LOCK_DIR", lockDir.c_str());
+
+    // A suite program holding "event_store" (for whatever file) does not hold up a reader.
+    std::string const ready = m_dir.file("ready");
+    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "event_store", ready});
+    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(std::filesystem::exists(ready));
+    auto start = std::chrono::steady_clock::now();
+    ToolRun const free = tool({"alerts", "--json"});
+    EXPECT_EQ(free.code, 0) << free.err;
+    EXPECT_FALSE(free.records().empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    ::kill(holder, SIGKILL);
+    test::waitProcess(holder, 5);
+
+    // A writer that holds the file: the reader waits --wait seconds, then says so.
+    test::RawDb writer(store("event.db"));
+    writer.exec("BEGIN EXCLUSIVE");
+    start = std::chrono::steady_clock::now();
+    ToolRun const locked = tool({"alerts", "--wait", "1"});
+    auto const waited = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(locked.code, 2);
+    EXPECT_EQ(locked.out, "");
+    EXPECT_EQ(locked.err, "datastore: " + store("event.db") +
+                              ": locked by another program (gave up waiting; --wait SECONDS "
+                              "waits longer)\n");
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::seconds(4));
+    writer.exec("ROLLBACK");
+}
+
+TEST_F(DatastoreToolTest, ParallelRecordingsOfAFreshFolderNeverTakeItForAnotherStore) {
+    std::string const lockDir = m_dir.file("locks");
+    std::filesystem::create_directories(lockDir);
+    test::ScopedEnv env("ZRN_LOCK_DIR", lockDir.c_str());
+    auto runTogether = [&](std::string const& name, auto&& argsOf) {
+        std::filesystem::remove_all(m_stores);
+        std::vector<int> pids;
+        for (int i = 0; i < 4; ++i) {
+            pids.push_back(test::spawnProcess({"/bin/sh", "-c",
+                                               quoted(DATASTORE_TOOL) + " " + argsOf(i) +
+                                                   " --dir " + quoted(m_stores) + " >/dev/null 2>" +
+                                                   quoted(m_dir.file(name + std::to_string(i)))}));
+        }
+        std::vector<std::pair<int, std::string>> results;
+        for (std::size_t i = 0; i < pids.size(); ++i) {
+            int const code = test::waitProcess(pids[i], 120);
+            results.emplace_back(code, test::readFile(m_dir.file(name + std::to_string(i))));
+        }
+        return results;
+    };
+    // Four items into a store that none of them finds there.
+    for (auto const& [code, err] :
+         runTogether("set", [](int i) { return "state set key" + std::to_string(i) + " value"; })) {
+        EXPECT_EQ(code, 0) << err;
+    }
+    EXPECT_EQ(tool({"state", "list", "--json"}).records().size(), 4u);
+    // Whole demo days into all four stores. The days' app-state items are replaced by each
+    // run in turn, which may collide; no run may take a store another is creating for a
+    // database of another kind.
+    for (auto const& [code, err] : runTogether("demo", [](int) { return std::string("demo"); })) {
+        EXPECT_EQ(err.find(": not a"), std::string::npos) << err;
+        (void)code;
+    }
+    EXPECT_EQ(tool({"info", "--json"}).code, 0);
 }
 
 }  // namespace
