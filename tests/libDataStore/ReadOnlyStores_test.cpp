@@ -194,11 +194,17 @@ TEST_F(ReadOnlyStoresTest, TakeNoNamedMutexAndWaitForAWriterOnlyAsLongAsTold) {
         EXPECT_LT(waited, std::chrono::seconds(3));
     }
 
-    // An immutable opening takes no lock at all: meant for copies nobody writes.
+    // An immutable opening takes no lock at all: meant for copies nobody writes. It goes
+    // through a URI, so characters that mean something there stay part of the path.
     ReadOnly evidence;
     evidence.immutable = true;
     EventDataStore copy{String(m_events), evidence};
     EXPECT_TRUE(copy.alertExists("g1"));
+    std::string const odd = m_dir.file("case 7?#%41");
+    std::filesystem::create_directories(odd);
+    std::filesystem::copy_file(m_events, odd + "/event.db");
+    EventDataStore oddCopy{String(odd + "/event.db"), evidence};
+    EXPECT_TRUE(oddCopy.alertExists("g1"));
     writer.exec("ROLLBACK");
     EXPECT_TRUE(reader.alertExists("g1"));
 }
