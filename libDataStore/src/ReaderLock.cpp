@@ -4,6 +4,9 @@
 #include <libCommon/FileSystem.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include <algorithm>
+#include <climits>
+
 namespace zrn {
 
 void ReaderLock::enter() {
@@ -40,7 +43,9 @@ ReaderLock::Database open(String const& path, ReadOnly const& options) {
         throw DatabaseError("SQLite database '" + path + "': no such file");
     }
     SQLite3Database::ReaderOptions reader;
-    reader.busyTimeoutMs = static_cast<int>(options.wait.count());
+    // Clamped: SQLite counts the wait in an int of milliseconds.
+    reader.busyTimeoutMs =
+        static_cast<int>(std::clamp<long long>(options.wait.count(), 0, INT_MAX));
     reader.immutable = options.immutable;
     return ReaderLock::Database(new SQLite3Database(path, reader));
 }

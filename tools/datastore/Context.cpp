@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -65,7 +66,9 @@ std::string storePath(Options const& options, Store store) {
 
 zrn::ReadOnly readOnly(Options const& options) {
     zrn::ReadOnly result;
-    result.wait = std::chrono::milliseconds(static_cast<long long>(options.wait * 1000));
+    // Anything beyond a day is as good as forever.
+    result.wait =
+        std::chrono::milliseconds(static_cast<long long>(std::min(options.wait, 86400.0) * 1000));
     return result;
 }
 
@@ -156,7 +159,8 @@ std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
                                                    zrn::ReadOnly const& options) {
     return openOrFail(path, [&] {
         zrn::SQLite3Database::ReaderOptions reader;
-        reader.busyTimeoutMs = static_cast<int>(options.wait.count());
+        reader.busyTimeoutMs =
+            static_cast<int>(std::clamp<long long>(options.wait.count(), 0, INT_MAX));
         reader.immutable = options.immutable;
         return std::make_unique<zrn::SQLite3Database>(zrn::String(path), reader);
     });

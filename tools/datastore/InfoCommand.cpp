@@ -9,6 +9,8 @@
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
+#include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
@@ -64,7 +66,7 @@ void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool, zrn::ReadOnly const
 void countRows(StoreInfo& info, zrn::ReadOnly const& reader) {
     try {
         zrn::SQLite3Database::ReaderOptions options;
-        options.busyTimeoutMs = static_cast<int>(reader.wait.count());
+        options.busyTimeoutMs = static_cast<int>(std::min<long long>(reader.wait.count(), INT_MAX));
         zrn::SQLite3Database database(zrn::String(info.path), options);
         zrn::ResultSet names;
         database.execute(
