@@ -181,6 +181,22 @@ boost::optional<long long> positiveId(long long id) {
     return boost::none;
 }
 
+// Whether ScriptRuns exists without its scriptGuid column: the one case the version-3 upgrade
+// has to alter. The version row alone cannot tell, as the file may be shared with another store.
+bool scriptRunsLacksScriptGuid(SQLite3Database& database) {
+    ResultSet columns;
+    database.execute("SELECT name FROM pragma_table_info('ScriptRuns')", &columns);
+    if (columns.rowCount() == 0) return false;
+    for (unsigned i = 0; i < columns.rowCount(); ++i) {
+        if (columns.row(static_cast<int>(i))
+                .columnValue(String("name"))
+                .equalNoCase("scriptGuid")) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 namespace eventsql {
@@ -305,9 +321,14 @@ void EventDataStore::createDataStores() {
             logAt(logger(), NOTICE, [] {
                 return LoggerStream() + "546 " + "Updating ScriptRuns table to version 3";
             });
-            // "STRING", not "TEXT": the type files upgraded in the field carry.
-            database->execute(
-                SprintfFormat("ALTER TABLE %s ADD COLUMN %s STRING;", "ScriptRuns", "scriptGuid"));
+            // Only a table that lacks the column is altered: another store that shares the
+            // file and its Versioning table may have written its own, lower version over ours,
+            // and a missing ScriptRuns table is created below with the column already in it.
+            if (scriptRunsLacksScriptGuid(*database)) {
+                // "STRING", not "TEXT": the type files upgraded in the field carry.
+                database->execute(SprintfFormat("ALTER TABLE %s ADD COLUMN %s STRING;",
+                                                "ScriptRuns", "scriptGuid"));
+            }
         }
         // A file of a later version is written back to 3 as well.
         database->execute(
