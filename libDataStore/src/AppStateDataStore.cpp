@@ -45,11 +45,30 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
 // The table layer's append is INSERT OR REPLACE and would silently overwrite the stored item,
 // while callers rely on a duplicate being refused with SQLite's own constraint message. A plain
 // INSERT of the same row gives exactly that refusal. The index is re-made first (a no-op when
-// it exists) so that an index dropped behind the store's back cannot let the row in.
+// it exists) so that an index dropped behind the store's back cannot let the row in. The INSERT
+// runs inside a savepoint that is always rolled back: an index of that name that another program
+// made without UNIQUE would let it through, and a refused insert must leave the file as it was.
+// That case is refused with this store's own text, as SQLite gives none.
 [[noreturn]] void refuseDuplicate(SQLiteDataStore& table, HashTable<String, String> const& row) {
     SQLite3Database& db = *table.database();
     db.execute(indexStatement());
-    db.execute(plainInsert(table.tableName(), row));
+    db.execute("SAVEPOINT refused_insert");
+    auto rollBack = [&db] {
+        db.execute("ROLLBACK TO refused_insert");
+        db.execute("RELEASE refused_insert");
+    };
+    try {
+        db.execute(plainInsert(table.tableName(), row));
+    } catch (...) {
+        try {
+            rollBack();
+        } catch (...) {
+            // The statement's own failure is the one to report; a connection that cannot roll
+            // back drops the savepoint when it closes.
+        }
+        throw;
+    }
+    rollBack();
     throw DatabaseError("AppStateDataStore: the unique index on `key` accepted a duplicate key");
 }
 
