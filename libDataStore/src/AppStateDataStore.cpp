@@ -86,7 +86,7 @@ Logger* AppStateDataStore::logger() {
 // ---- Lifecycle ---------------------------------------------------------------------------
 
 AppStateDataStore::AppStateDataStore()
-    : AppStateDataStore(String(DataStoreSettings::appStateDataStoreFilePath())) {}
+    : AppStateDataStore(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath)) {}
 
 AppStateDataStore::AppStateDataStore(String const& path) {
     try {
@@ -123,15 +123,22 @@ std::shared_ptr<AppStateDataStore> AppStateDataStore::create(String const& path)
     }
 }
 
-// Catches Exception only: anything else from the path lookup (exhausted memory) passes on.
-std::shared_ptr<AppStateDataStore> AppStateDataStore::create() {
+// Only an Exception is logged; anything else (exhausted memory) gives an empty pointer without
+// a message, as a create function never throws.
+std::shared_ptr<AppStateDataStore> AppStateDataStore::create() noexcept {
     try {
-        return create(String(DataStoreSettings::appStateDataStoreFilePath()));
+        return create(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath));
     } catch (Exception const& e) {
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "134 " +
-                   "Failure attempting to retrieve the appstate datastore path: " + e.getMessage();
-        });
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + "134 " +
+                       "Failure attempting to retrieve the appstate datastore path: " +
+                       e.getMessage();
+            });
+        } catch (...) {
+        }
+        return nullptr;
+    } catch (...) {
         return nullptr;
     }
 }

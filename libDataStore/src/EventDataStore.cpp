@@ -229,7 +229,8 @@ Logger* EventDataStore::logger() {
 
 // ---- Lifecycle ---------------------------------------------------------------------------
 
-EventDataStore::EventDataStore() : EventDataStore(DataStoreSettings::eventDataStoreFilePath()) {}
+EventDataStore::EventDataStore()
+    : EventDataStore(module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath)) {}
 
 EventDataStore::EventDataStore(String const& path) : m_dataStorePath(path) {
     logAt(logger(), TRACE, [&] {
@@ -285,7 +286,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create(String const& path) noexc
 std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
     String path;
     try {
-        path = DataStoreSettings::eventDataStoreFilePath();
+        path = module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath);
     } catch (Exception const& e) {
         try {
             // The text names the appstate store; other tools match on it as it stands.

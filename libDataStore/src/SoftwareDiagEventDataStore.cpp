@@ -250,7 +250,8 @@ Logger* SoftwareDiagEventDataStore::logger() {
 // ---- Lifecycle ----------------------------------------------------------------------------
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore()
-    : SoftwareDiagEventDataStore(String(DataStoreSettings::softwareDiagEventDataStoreFilePath())) {}
+    : SoftwareDiagEventDataStore(
+          module::settingsCopy(&DataStoreSettings::softwareDiagEventDataStoreFilePath)) {}
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
     unsigned long long const self = addressOf(this);

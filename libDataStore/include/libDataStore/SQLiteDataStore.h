@@ -46,6 +46,8 @@ public:
     SQLiteDataStore(String const& dbFilePath, String const& tableName,
                     OrderedHashTable<String, String> const& columns);
     SQLiteDataStore(SQLiteDataStore const&) = default;
+    // A moved-from store has no connection: every call on it but assignment and destruction
+    // throws CannotAccessClosedDatabaseException.
     SQLiteDataStore(SQLiteDataStore&&) noexcept = default;
     SQLiteDataStore& operator=(SQLiteDataStore const&) = default;
     SQLiteDataStore& operator=(SQLiteDataStore&&) noexcept = default;
@@ -111,6 +113,8 @@ private:
     void buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path);
     void init();
     static Logger* logger();
+    // The connection; CannotAccessClosedDatabaseException when moved from.
+    SQLite3Database& connection() const;
 
     String m_tableName;
     OrderedHashTable<String, String> m_columns;
