@@ -15,6 +15,7 @@
 #include "DefectLog.h"
 #include "ModuleState.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -264,6 +265,9 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
 
     m_database =
         SQLiteDataStore::Database(new SQLite3Database(filePath, SQLiteDataStore::dbSyncMode()));
+    // The whole opening is one transaction: a new file costs one sync instead of one per
+    // statement, and a failure part-way leaves no half-made schema behind.
+    Transaction opening(*m_database, "BEGIN TRANSACTION");
     m_versionDataStore =
         std::make_unique<SQLiteDataStore>(m_database, kVersioning, kVersioningColumns);
     m_sessionDataStore = std::make_unique<SQLiteDataStore>(m_database, kSessions, kSessionColumns);
@@ -288,6 +292,7 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
             SprintfFormat("UPDATE %s SET %s = %i", kVersioning, "version", kSchemaVersion));
     }
     createIndexesUnlocked();
+    opening.commit("END TRANSACTION");
 }
 
 SoftwareDiagEventDataStore::~SoftwareDiagEventDataStore() {
