@@ -13,6 +13,7 @@
 
 #include "ModuleState.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -91,8 +92,15 @@ AppStateDataStore::AppStateDataStore()
 AppStateDataStore::AppStateDataStore(String const& path) {
     try {
         AutoGlobalMutex lock(module::appStateStoreMutex());
-        m_table = Table(new SQLiteDataStore(path, kTableName, kColumns));
-        m_table->database()->execute(indexStatement());
+        // The table and its index are made in one transaction, so a failure between the two
+        // never leaves a table without the index that guards its keys.
+        SQLiteDataStore::Database database(
+            new SQLite3Database(path, SQLiteDataStore::dbSyncMode()));
+        Transaction opening(*database, "BEGIN");
+        Table table(new SQLiteDataStore(database, kTableName, kColumns));
+        database->execute(indexStatement());
+        opening.commit();
+        m_table = table;
     } catch (Exception const& e) {
         // Without its index the table would not guard its keys: keep no half-opened table.
         m_table.reset();

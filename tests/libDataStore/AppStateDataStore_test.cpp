@@ -89,6 +89,20 @@ TEST(AppStateDataStoreTest, DuplicateKeyIsRefusedWithTheConstraintMessageAndKeep
     EXPECT_EQ(store.data("k").str(), "fourth");
 }
 
+TEST(AppStateDataStoreTest, AFailedOpeningLeavesNoTableWithoutItsIndex) {
+    test::TempDir dir;
+    std::string const path = dir.file("appstate.db");
+    {
+        test::RawDb raw(path);  // a table holding the index's name makes the index fail
+        raw.exec("CREATE TABLE `AppState-key` (x)");
+    }
+    test::LogCapture log;
+    AppStateDataStore store{String(path)};
+    EXPECT_EQ(log.messagesStartingWith(kLogger, "122 ").size(), 1u);
+    test::RawDb raw(path, true);
+    EXPECT_EQ(raw.query("SELECT name FROM sqlite_master"), (test::RawDb::Rows{{"AppState-key"}}));
+}
+
 TEST(AppStateDataStoreTest, MissingKeysGiveEmptyAnswersWithoutLogging) {
     test::TempDir dir;
     AppStateDataStore store{String(dir.file("appstate.db"))};
