@@ -66,9 +66,27 @@ struct GlobalMutex::Impl {
             fail("cannot create the lock directory", dir, errno);
         }
         std::string const path = dir + "/" + fileNameFor(name);
-        int const handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        // The folder is writable by every local user, so what sits at `path` may have been
+        // planted there: a symbolic link is never followed (O_NOFOLLOW), and anything but a
+        // regular file (a FIFO, a device) is refused before it is used. O_NONBLOCK keeps the
+        // open itself from waiting on such a file; flock() does not depend on it.
+        int const handle = ::open(
+            path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0666);
         if (handle < 0) fail("cannot open the lock file", path, errno);
-        ::fchmod(handle, 0666);  // best effort: another user's file keeps its owner's mode
+        struct stat info {};
+        if (::fstat(handle, &info) != 0) {
+            int const error = errno;
+            ::close(handle);
+            fail("cannot inspect the lock file", path, error);
+        }
+        if (!S_ISREG(info.st_mode)) {
+            ::close(handle);
+            throw Exception(
+                String("GlobalMutex: the lock file '" + path + "' is not a regular file"));
+        }
+        // The umask may have narrowed a file this process just made; a file of another user
+        // keeps the mode its owner gave it (root could change it, and must not).
+        if (info.st_uid == ::geteuid() && (info.st_mode & 07777) != 0666) ::fchmod(handle, 0666);
         fd = handle;
         fdOwner = ::getpid();
     }

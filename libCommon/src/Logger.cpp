@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 
+#include "CLocale.h"
+
 namespace zrn {
 
 namespace {
@@ -151,6 +153,7 @@ LoggerStream& LoggerStream::operator+(unsigned long long number) {
     return *this;
 }
 LoggerStream& LoggerStream::operator+(double number) {
+    CLocaleScope const c;
     char text[32];
     std::snprintf(text, sizeof text, "%.17g", number);
     m_text.append(text);

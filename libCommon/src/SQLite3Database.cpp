@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -155,6 +156,7 @@ void SQLite3Database::fail(char const* what, int code) const {
 }
 
 void SQLite3Database::execute(String const& sql, ResultSet* result) {
+    std::shared_lock<std::shared_mutex> handle(m_handleMutex);
     if (!m_db) {
         throw DatabaseError("SQLite database '" + m_path + "': the connection is closed");
     }
@@ -215,12 +217,19 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
 }
 
 long long SQLite3Database::lastInsertId() const {
+    std::shared_lock<std::shared_mutex> handle(m_handleMutex);
     return m_db ? sqlite3_last_insert_rowid(m_db.get()) : 0;
 }
 
-void SQLite3Database::close() { m_db.reset(); }
+void SQLite3Database::close() {
+    std::unique_lock<std::shared_mutex> handle(m_handleMutex);
+    m_db.reset();
+}
 
-bool SQLite3Database::isClosed() const { return !m_db; }
+bool SQLite3Database::isClosed() const {
+    std::shared_lock<std::shared_mutex> handle(m_handleMutex);
+    return !m_db;
+}
 
 bool SQLite3Database::isInMemoryDB() const { return m_inMemory; }
 

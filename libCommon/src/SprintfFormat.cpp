@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "CLocale.h"
+
 namespace zrn {
 
 namespace {
@@ -38,6 +40,7 @@ std::string portableFormat(char const* format) {
 
 String SprintfFormat(char const* format, ...) {
     std::string const portable = portableFormat(format ? format : "");
+    CLocaleScope const c;  // the text is SQL and log text: numbers never follow the user's locale
     va_list args;
     va_start(args, format);
     va_list again;

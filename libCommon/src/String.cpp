@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <ostream>
 
+#include "CLocale.h"
+
 namespace zrn {
 
 namespace {
@@ -125,22 +127,29 @@ String String::subString(unsigned int start, unsigned int length) const {
 String String::repeat(char c, unsigned int count) { return String(std::string(count, c)); }
 
 long long String::strToInt64(String const& text, int base) {
+    CLocaleScope const c;
     return std::strtoll(text.c_str(), nullptr, base);
 }
 
 unsigned long long String::strToUInt64(String const& text, int base) {
+    CLocaleScope const c;
     return std::strtoull(text.c_str(), nullptr, base);
 }
 
 int String::strToInt(String const& text, int base) {
+    CLocaleScope const c;
     return static_cast<int>(std::strtol(text.c_str(), nullptr, base));
 }
 
 unsigned int String::strToUInt(String const& text, int base) {
+    CLocaleScope const c;
     return static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, base));
 }
 
-double String::strToReal64(String const& text) { return std::strtod(text.c_str(), nullptr); }
+double String::strToReal64(String const& text) {
+    CLocaleScope const c;  // "71.5" is 71.5 in every locale
+    return std::strtod(text.c_str(), nullptr);
+}
 
 String operator+(String const& left, String const& right) {
     std::string result;

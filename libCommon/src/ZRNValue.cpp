@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "CLocale.h"
+
 namespace zrn {
 
 ZRNValue::ZRNValue(int value) : m_type(SIGNED), m_signed(value) {}
@@ -24,6 +26,7 @@ String ZRNValue::toString(unsigned int /*format*/) const {
         case REAL:
             break;
     }
+    CLocaleScope const c;  // a decimal point, never the locale's comma
     char text[32];
     for (int precision = 15; precision <= 17; ++precision) {
         std::snprintf(text, sizeof text, "%.*g", precision, m_real);

@@ -14,6 +14,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -46,11 +47,30 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
 // The table layer's append is INSERT OR REPLACE and would silently overwrite the stored item,
 // while callers rely on a duplicate being refused with SQLite's own constraint message. A plain
 // INSERT of the same row gives exactly that refusal. The index is re-made first (a no-op when
-// it exists) so that an index dropped behind the store's back cannot let the row in.
+// it exists) so that an index dropped behind the store's back cannot let the row in. The INSERT
+// runs inside a savepoint that is always rolled back: an index of that name that another program
+// made without UNIQUE would let it through, and a refused insert must leave the file as it was.
+// That case is refused with this store's own text, as SQLite gives none.
 [[noreturn]] void refuseDuplicate(SQLiteDataStore& table, HashTable<String, String> const& row) {
     SQLite3Database& db = *table.database();
     db.execute(indexStatement());
-    db.execute(plainInsert(table.tableName(), row));
+    db.execute("SAVEPOINT refused_insert");
+    auto rollBack = [&db] {
+        db.execute("ROLLBACK TO refused_insert");
+        db.execute("RELEASE refused_insert");
+    };
+    try {
+        db.execute(plainInsert(table.tableName(), row));
+    } catch (...) {
+        try {
+            rollBack();
+        } catch (...) {
+            // The statement's own failure is the one to report; a connection that cannot roll
+            // back drops the savepoint when it closes.
+        }
+        throw;
+    }
+    rollBack();
     throw DatabaseError("AppStateDataStore: the unique index on `key` accepted a duplicate key");
 }
 
@@ -68,13 +88,20 @@ Logger* AppStateDataStore::logger() {
 // ---- Lifecycle ---------------------------------------------------------------------------
 
 AppStateDataStore::AppStateDataStore()
-    : AppStateDataStore(String(DataStoreSettings::appStateDataStoreFilePath())) {}
+    : AppStateDataStore(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath)) {}
 
 AppStateDataStore::AppStateDataStore(String const& path) {
     try {
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        m_table = Table(new SQLiteDataStore(path, kTableName, kColumns));
-        m_table->database()->execute(indexStatement());
+        // The table and its index are made in one transaction, so a failure between the two
+        // never leaves a table without the index that guards its keys.
+        SQLiteDataStore::Database database(
+            new SQLite3Database(path, SQLiteDataStore::dbSyncMode()));
+        Transaction opening(*database, "BEGIN");
+        Table table(new SQLiteDataStore(database, kTableName, kColumns));
+        database->execute(indexStatement());
+        opening.commit();
+        m_table = table;
     } catch (Exception const& e) {
         // Without its index the table would not guard its keys: keep no half-opened table.
         m_table.reset();
@@ -126,15 +153,22 @@ std::shared_ptr<AppStateDataStore> AppStateDataStore::create(String const& path)
     }
 }
 
-// Catches Exception only: anything else from the path lookup (exhausted memory) passes on.
-std::shared_ptr<AppStateDataStore> AppStateDataStore::create() {
+// Only an Exception is logged; anything else (exhausted memory) gives an empty pointer without
+// a message, as a create function never throws.
+std::shared_ptr<AppStateDataStore> AppStateDataStore::create() noexcept {
     try {
-        return create(String(DataStoreSettings::appStateDataStoreFilePath()));
+        return create(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath));
     } catch (Exception const& e) {
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "134 " +
-                   "Failure attempting to retrieve the appstate datastore path: " + e.getMessage();
-        });
+        try {
+            logAt(logger(), ERROR, [&] {
+                return LoggerStream() + "134 " +
+                       "Failure attempting to retrieve the appstate datastore path: " +
+                       e.getMessage();
+            });
+        } catch (...) {
+        }
+        return nullptr;
+    } catch (...) {
         return nullptr;
     }
 }

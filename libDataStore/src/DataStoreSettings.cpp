@@ -75,6 +75,12 @@ String const& filePathOf(Location& (*location)()) {
 
 }  // namespace
 
+// The section is recursive, so the getter takes it again inside.
+String module::settingsCopy(String const& (*getter)()) {
+    SectionLock lock;
+    return getter();
+}
+
 String const& DataStoreSettings::eventDataStorePath() { return folderOf(eventLocation); }
 void DataStoreSettings::setEventDataStorePath(String const& folder) {
     setFolderOf(eventLocation, folder);

@@ -182,6 +182,22 @@ boost::optional<long long> positiveId(long long id) {
     return boost::none;
 }
 
+// Whether ScriptRuns exists without its scriptGuid column: the one case the version-3 upgrade
+// has to alter. The version row alone cannot tell, as the file may be shared with another store.
+bool scriptRunsLacksScriptGuid(SQLite3Database& database) {
+    ResultSet columns;
+    database.execute("SELECT name FROM pragma_table_info('ScriptRuns')", &columns);
+    if (columns.rowCount() == 0) return false;
+    for (unsigned i = 0; i < columns.rowCount(); ++i) {
+        if (columns.row(static_cast<int>(i))
+                .columnValue(String("name"))
+                .equalNoCase("scriptGuid")) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 namespace eventsql {
@@ -214,7 +230,8 @@ Logger* EventDataStore::logger() {
 
 // ---- Lifecycle ---------------------------------------------------------------------------
 
-EventDataStore::EventDataStore() : EventDataStore(DataStoreSettings::eventDataStoreFilePath()) {}
+EventDataStore::EventDataStore()
+    : EventDataStore(module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath)) {}
 
 EventDataStore::EventDataStore(String const& path) : m_dataStorePath(path) {
     logAt(logger(), TRACE, [&] {
@@ -295,7 +312,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create(String const& path) noexc
 std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
     String path;
     try {
-        path = DataStoreSettings::eventDataStoreFilePath();
+        path = module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath);
     } catch (Exception const& e) {
         try {
             // The text names the appstate store; other tools match on it as it stands.
@@ -331,9 +348,14 @@ void EventDataStore::createDataStores() {
             logAt(logger(), NOTICE, [] {
                 return LoggerStream() + "546 " + "Updating ScriptRuns table to version 3";
             });
-            // "STRING", not "TEXT": the type files upgraded in the field carry.
-            database->execute(
-                SprintfFormat("ALTER TABLE %s ADD COLUMN %s STRING;", "ScriptRuns", "scriptGuid"));
+            // Only a table that lacks the column is altered: another store that shares the
+            // file and its Versioning table may have written its own, lower version over ours,
+            // and a missing ScriptRuns table is created below with the column already in it.
+            if (scriptRunsLacksScriptGuid(*database)) {
+                // "STRING", not "TEXT": the type files upgraded in the field carry.
+                database->execute(SprintfFormat("ALTER TABLE %s ADD COLUMN %s STRING;",
+                                                "ScriptRuns", "scriptGuid"));
+            }
         }
         // A file of a later version is written back to 3 as well.
         database->execute(

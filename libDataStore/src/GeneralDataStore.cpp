@@ -73,7 +73,7 @@ Logger* GeneralDataStore::logger() {
 // ---- Schema and lifecycle ----------------------------------------------------------------
 
 GeneralDataStore::GeneralDataStore()
-    : GeneralDataStore(String(DataStoreSettings::generalDataStoreFilePath())) {}
+    : GeneralDataStore(module::settingsCopy(&DataStoreSettings::generalDataStoreFilePath)) {}
 
 GeneralDataStore::GeneralDataStore(String const& path) : m_filePath(path) {
     logAt(logger(), TRACE, [&] {

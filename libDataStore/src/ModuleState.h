@@ -19,6 +19,11 @@ GlobalMutex& softwareDiagStoreMutex();  // "softwarediag_store"
 // Guards the store locations of DataStoreSettings.
 mutex::CriticalSection& settingsSection();
 
+// A copy of what a DataStoreSettings getter returns, made before the settings section is left.
+// The getters hand out a reference to a value the next call (on any thread) rewrites, so a
+// store opening its default file copies the path through this.
+String settingsCopy(String const& (*getter)());
+
 // The constant strings SQL text is built from.
 String const& quote();      // '
 String const& comma();      // ,

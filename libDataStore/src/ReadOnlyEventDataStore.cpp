@@ -20,7 +20,7 @@ Logger* ReadOnlyEventDataStore::logger() {
 }
 
 ReadOnlyEventDataStore::ReadOnlyEventDataStore()
-    : ReadOnlyEventDataStore(DataStoreSettings::eventDataStoreFilePath()) {}
+    : ReadOnlyEventDataStore(module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath)) {}
 
 ReadOnlyEventDataStore::ReadOnlyEventDataStore(String const& path) : m_path(path) {
     logAt(logger(), LoggerPriority::TRACE, [&] {

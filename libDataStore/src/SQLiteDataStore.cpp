@@ -58,7 +58,7 @@ SQLiteDataStore::SQLiteDataStore(Database const& database, String const& tableNa
         throw DatabaseError("SQLiteDataStore: table " + tableName + " was given no connection");
     }
     m_database = database;
-    buildColumns(columns, m_database->dbFilePath());
+    buildColumns(columns, connection().dbFilePath());
     init();
 }
 
@@ -118,8 +118,8 @@ void SQLiteDataStore::init() {
 
     // Deliberately by name alone: an index or view of that name counts as the table existing.
     ResultSet existing;
-    m_database->execute("SELECT name FROM sqlite_master WHERE name=" + sql::value(m_tableName),
-                        &existing);
+    connection().execute("SELECT name FROM sqlite_master WHERE name=" + sql::value(m_tableName),
+                         &existing);
 
     if (m_database->isReadOnly()) {
         // A read-only connection can neither create nor extend: the file must already have
@@ -132,7 +132,7 @@ void SQLiteDataStore::init() {
         // An existing table is only ever extended: no zero-column or reserved-name check here,
         // and columns the file has beyond the declaration, or of another type, stay as they are.
         ResultSet info;
-        m_database->execute("PRAGMA table_info (" + table + ")", &info);
+        connection().execute("PRAGMA table_info (" + table + ")", &info);
         Array<String> present;
         for (unsigned i = 0; i < info.rowCount(); ++i) {
             present.append(info.row(static_cast<int>(i)).columnValue(String("name")));
@@ -144,8 +144,8 @@ void SQLiteDataStore::init() {
                 return LoggerStream() + "159 " + "Adding new column " + sql::identifier(name) +
                        " to table " + table;
             });
-            m_database->execute("ALTER TABLE " + table + " ADD COLUMN " + sql::identifier(name) +
-                                " " + m_columns.valueAt(i));
+            connection().execute("ALTER TABLE " + table + " ADD COLUMN " + sql::identifier(name) +
+                                 " " + m_columns.valueAt(i));
         }
         return;
     }
@@ -171,27 +171,35 @@ void SQLiteDataStore::init() {
         if (i + 1 < m_columns.size()) statement += module::comma().str();
     }
     statement += ")";
-    m_database->execute(String(std::move(statement)));
+    connection().execute(String(std::move(statement)));
 }
 
 // ---- Connection --------------------------------------------------------------------------
 
-String const& SQLiteDataStore::dbFilePath() const { return m_database->dbFilePath(); }
+SQLite3Database& SQLiteDataStore::connection() const {
+    if (!m_database) {
+        throw CannotAccessClosedDatabaseException("SQLiteDataStore: table '" + m_tableName +
+                                                  "' has no connection: it was moved from");
+    }
+    return *m_database;
+}
 
-void SQLiteDataStore::close() { m_database->close(); }
+String const& SQLiteDataStore::dbFilePath() const { return connection().dbFilePath(); }
 
-bool SQLiteDataStore::isClosed() const { return m_database->isClosed(); }
+void SQLiteDataStore::close() { connection().close(); }
+
+bool SQLiteDataStore::isClosed() const { return connection().isClosed(); }
 
 bool SQLiteDataStore::checkValidity(String& error) const {
-    if (!m_database->isInMemoryDB() && !FileSystem::exists(dbFilePath())) {
+    if (!connection().isInMemoryDB() && !FileSystem::exists(dbFilePath())) {
         error = "Database file does not exist";
         return false;
     }
-    if (m_database->isClosed()) {
+    if (connection().isClosed()) {
         error = "Database is not open";
         return false;
     }
-    if (m_database->isThreadSafe()) return true;
+    if (connection().isThreadSafe()) return true;
     error = "Database is not thread safe";
     return false;
 }
@@ -224,7 +232,7 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
     statement += " (" + names + ") VALUES(" + values + ")";
     String const text(std::move(statement));
     logAt(logger(), TRACE, [&] { return LoggerStream() + "227 " + "Append SQL Command: " + text; });
-    m_database->execute(text);
+    connection().execute(text);
 }
 
 void SQLiteDataStore::update(HashTable<String, String> const& row, String const& keyColumn,
@@ -256,14 +264,14 @@ void SQLiteDataStore::update(HashTable<String, String> const& row, String const&
     sql::appendValue(statement, keyValue);
     String const text(std::move(statement));
     logAt(logger(), TRACE, [&] { return LoggerStream() + "250 " + "Update SQL Command: " + text; });
-    m_database->execute(text);
+    connection().execute(text);
 }
 
 void SQLiteDataStore::remove(String const& keyColumn, String const& keyValue) {
     String const text = "DELETE FROM " + sql::identifier(m_tableName) + " WHERE " +
                         sql::identifier(keyColumn) + "=" + sql::value(keyValue);
     logAt(logger(), TRACE, [&] { return LoggerStream() + "256 " + "Remove SQL Command: " + text; });
-    m_database->execute(text);
+    connection().execute(text);
 }
 
 bool SQLiteDataStore::contains(String const& column, String const& value) const {
@@ -271,7 +279,7 @@ bool SQLiteDataStore::contains(String const& column, String const& value) const 
                         sql::identifier(m_tableName) + " WHERE " + sql::identifier(column) + "=" +
                         sql::value(value);
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     return result.rowCount() > 0;
 }
 
@@ -283,7 +291,7 @@ bool SQLiteDataStore::cellData(String const& column, String& out, String const& 
     logAt(logger(), TRACE,
           [&] { return LoggerStream() + "263 " + "CellData SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return false;
     out = result.row(0).columnValue(0);
     return true;
@@ -296,7 +304,7 @@ bool SQLiteDataStore::rowData(Array<String>& out, String const& keyColumn,
     logAt(logger(), TRACE,
           [&] { return LoggerStream() + "279 " + "RowData SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     if (result.rowCount() == 0) return false;
     ResultSetRow const& row = result.row(0);
     if (row.columnCount() != m_columns.size()) {
@@ -319,7 +327,7 @@ unsigned int SQLiteDataStore::count(String const& column, String const& value) c
     }
     logAt(logger(), TRACE, [&] { return LoggerStream() + "309 " + "Count SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     return String::strToUInt(result.row(0).columnValue(0), 10);
 }
 
@@ -333,7 +341,7 @@ void SQLiteDataStore::cellDataAtIndex(int index, String& out, String const& colu
     logAt(logger(), TRACE,
           [&] { return LoggerStream() + "320 " + "CellDataAtIndex SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     out = result.row(index).columnValue(0);
 }
 
@@ -347,7 +355,7 @@ void SQLiteDataStore::rowDataAtIndex(int index, Array<String>& out, String keyCo
     logAt(logger(), TRACE,
           [&] { return LoggerStream() + "331 " + "RowDataAtIndex SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     ResultSetRow const& row = result.row(index);
     if (row.columnCount() != m_columns.size()) {
         String const message =
@@ -366,7 +374,7 @@ unsigned int SQLiteDataStore::getUniqueIdForColumn(String const& column) const {
     logAt(logger(), TRACE,
           [&] { return LoggerStream() + "346 " + "getUniqueIdForColumn SQL Command: " + text; });
     ResultSet result;
-    m_database->execute(text, &result);
+    connection().execute(text, &result);
     if (result.rowCount() == 0) {
         // An empty table hands out 0 first and 1 next: intended, callers rely on it.
         logAt(logger(), TRACE, [&] {

@@ -16,6 +16,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -251,7 +252,8 @@ Logger* SoftwareDiagEventDataStore::logger() {
 // ---- Lifecycle ----------------------------------------------------------------------------
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore()
-    : SoftwareDiagEventDataStore(String(DataStoreSettings::softwareDiagEventDataStoreFilePath())) {}
+    : SoftwareDiagEventDataStore(
+          module::settingsCopy(&DataStoreSettings::softwareDiagEventDataStoreFilePath)) {}
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
     unsigned long long const self = addressOf(this);
@@ -264,6 +266,9 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
 
     m_database =
         SQLiteDataStore::Database(new SQLite3Database(filePath, SQLiteDataStore::dbSyncMode()));
+    // The whole opening is one transaction: a new file costs one sync instead of one per
+    // statement, and a failure part-way leaves no half-made schema behind.
+    Transaction opening(*m_database, "BEGIN TRANSACTION");
     m_versionDataStore =
         std::make_unique<SQLiteDataStore>(m_database, kVersioning, kVersioningColumns);
     m_sessionDataStore = std::make_unique<SQLiteDataStore>(m_database, kSessions, kSessionColumns);
@@ -288,6 +293,7 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
             SprintfFormat("UPDATE %s SET %s = %i", kVersioning, "version", kSchemaVersion));
     }
     createIndexesUnlocked();
+    opening.commit("END TRANSACTION");
 }
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath,

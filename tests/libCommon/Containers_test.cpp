@@ -1,3 +1,7 @@
+// The replacement operator new at the end of this file allocates with malloc and its delete
+// frees; GCC pairs the two names and would warn at every inlined allocation.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 #include <gtest/gtest.h>
 #include <libCommon/Array.h>
 #include <libCommon/HashTable.h>
@@ -5,6 +9,8 @@
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
 
+#include <cstdlib>
+#include <new>
 #include <set>
 #include <thread>
 #include <vector>
@@ -66,6 +72,12 @@ TEST(OrderedHashTableDeathTest, IndexPastTheEndStopsTheProcess) {
     EXPECT_DEATH(columns.valueAt(5), "index < size\\(\\)");
 }
 
+// How many of the next allocations of this thread fail with bad_alloc (0: none).
+int& failingAllocations() {
+    static thread_local int count = 0;
+    return count;
+}
+
 struct Counted {
     static int alive;
     Counted() { ++alive; }
@@ -101,6 +113,15 @@ TEST(SharedResourceTest, LastOwnerFreesTheObject) {
     EXPECT_EQ(copy.useCount(), 2);
 }
 
+TEST(SharedResourceTest, AnAdoptedObjectIsFreedWhenItsCountCannotBeAllocated) {
+    auto* object = new Counted();
+    ASSERT_EQ(Counted::alive, 1);
+    failingAllocations() = 1;  // the count, the only allocation of the constructor
+    EXPECT_THROW((SharedResource<PointerStorage<Counted>>(object)), std::bad_alloc);
+    failingAllocations() = 0;
+    EXPECT_EQ(Counted::alive, 0);
+}
+
 TEST(SharedResourceTest, LockedCountSurvivesCopiesOnManyThreads) {
     SharedResource<PointerStorage<Counted>> shared(new Counted());
     std::vector<std::thread> threads;
@@ -122,3 +143,15 @@ TEST(SharedResourceTest, LockedCountSurvivesCopiesOnManyThreads) {
 
 }  // namespace
 }  // namespace zrn
+
+// Allocation for the whole test program, so a test can make the next allocation fail.
+void* operator new(std::size_t size) {
+    if (zrn::failingAllocations() > 0) {
+        --zrn::failingAllocations();
+        throw std::bad_alloc();
+    }
+    if (void* block = std::malloc(size ? size : 1)) return block;
+    throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }

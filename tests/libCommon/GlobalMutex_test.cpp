@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
+#include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -46,6 +48,46 @@ TEST_F(GlobalMutexTest, ReentrantForItsThreadAndExclusiveForOthers) {
     ASSERT_EQ(::stat(m_lockDir.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 01777u) << "usable by every local user";
     EXPECT_TRUE(std::filesystem::exists(m_lockDir + "/reentrant.lock"));
+}
+
+// Another local user may plant anything in the shared lock folder.
+TEST_F(GlobalMutexTest, PlantedLockFilesAreRefusedOrLeftAsTheyAre) {
+    ASSERT_EQ(::mkdir(m_lockDir.c_str(), 01777), 0);
+    std::string const target = m_dir.file("victim");
+    test::writeFile(target, "precious bytes");
+    ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
+    std::string const link = m_lockDir + "/planted.lock";
+    ASSERT_EQ(::symlink(target.c_str(), link.c_str()), 0);
+    ASSERT_EQ(::mkfifo((m_lockDir + "/fifo.lock").c_str(), 0666), 0);
+
+    for (std::string name : {"planted", "fifo"}) {
+        GlobalMutex mutex(name.c_str());
+        try {
+            mutex.lock();
+            mutex.unlock();
+            ADD_FAILURE() << name << " was used as a lock file";
+        } catch (Exception const& e) {
+            EXPECT_NE(e.getMessage().str().find("'" + m_lockDir + "/" + name + ".lock'"),
+                      std::string::npos)
+                << e.getMessage();
+        }
+    }
+    struct stat info {};
+    ASSERT_EQ(::stat(target.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(test::readFile(target), "precious bytes");
+
+    // A regular lock file of another user is used, but keeps its owner's mode.
+    std::string const foreign = m_lockDir + "/foreign.lock";
+    test::writeFile(foreign, "");
+    ASSERT_EQ(::chmod(foreign.c_str(), 0644), 0);
+    if (::geteuid() == 0 && ::chown(foreign.c_str(), 65534, 65534) == 0) {
+        GlobalMutex mutex("foreign");
+        mutex.lock();
+        mutex.unlock();
+        ASSERT_EQ(::stat(foreign.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0644u);
+    }
 }
 
 TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {

@@ -4,8 +4,10 @@
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -127,6 +129,37 @@ TEST(SQLite3DatabaseTest, GarbageFileAndMissingDirectoryFailInTheConstructor) {
     message =
         errorOf([&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
     EXPECT_NE(message.find("unable to open database file"), std::string::npos) << message;
+}
+
+TEST(SQLite3DatabaseTest, CloseOnOneThreadWaitsForStatementsOnOthers) {
+    test::TempDir dir;
+    for (int round = 0; round < 20; ++round) {
+        SQLite3Database db(String(dir.file("close.db")), SQLite3Database::OFF);
+        std::atomic<int> ran{0};
+        std::atomic<int> refused{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 3; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 200; ++i) {
+                    try {
+                        ResultSet rows;
+                        db.execute("SELECT count(*) FROM sqlite_master", &rows);
+                        ++ran;
+                    } catch (DatabaseError const& e) {
+                        EXPECT_NE(e.getMessage().str().find("the connection is closed"),
+                                  std::string::npos)
+                            << e.getMessage();
+                        ++refused;
+                    }
+                }
+            });
+        }
+        while (ran == 0) std::this_thread::yield();
+        db.close();
+        for (auto& thread : threads) thread.join();
+        EXPECT_TRUE(db.isClosed());
+        EXPECT_EQ(ran + refused, 600);
+    }
 }
 
 TEST(SQLite3DatabaseTest, AppliesTheSynchronousLevel) {

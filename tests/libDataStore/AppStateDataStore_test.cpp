@@ -74,10 +74,33 @@ TEST(AppStateDataStoreTest, DuplicateKeyIsRefusedWithTheConstraintMessageAndKeep
     EXPECT_EQ(raw.scalar("SELECT data FROM AppState WHERE key='k'"), "first");
     EXPECT_EQ(raw.scalar("SELECT count(*) FROM sqlite_master WHERE name='AppState-key'"), "1");
 
+    // An index of that name made by another program without UNIQUE: still nothing is written.
+    raw.exec("DROP INDEX 'AppState-key'; CREATE INDEX 'AppState-key' ON AppState (key)");
+    log.clear();
+    EXPECT_FALSE(store.insert("k", "fifth", "g5"));
+    EXPECT_EQ(raw.scalar("SELECT group_concat(data) FROM AppState WHERE key='k'"), "first");
+    EXPECT_EQ(log.messagesStartingWith(kLogger, "158 Failure attempting to insert: ").size(), 1u);
+    raw.exec("DROP INDEX 'AppState-key'");
+    EXPECT_FALSE(store.insert("k", "sixth", "g6"));  // and the unique one is made again
+
     // After a removal the key can be used again.
     EXPECT_TRUE(store.remove("k"));
     EXPECT_TRUE(store.insert("k", "fourth", "g4"));
     EXPECT_EQ(store.data("k").str(), "fourth");
+}
+
+TEST(AppStateDataStoreTest, AFailedOpeningLeavesNoTableWithoutItsIndex) {
+    test::TempDir dir;
+    std::string const path = dir.file("appstate.db");
+    {
+        test::RawDb raw(path);  // a table holding the index's name makes the index fail
+        raw.exec("CREATE TABLE `AppState-key` (x)");
+    }
+    test::LogCapture log;
+    AppStateDataStore store{String(path)};
+    EXPECT_EQ(log.messagesStartingWith(kLogger, "122 ").size(), 1u);
+    test::RawDb raw(path, true);
+    EXPECT_EQ(raw.query("SELECT name FROM sqlite_master"), (test::RawDb::Rows{{"AppState-key"}}));
 }
 
 TEST(AppStateDataStoreTest, MissingKeysGiveEmptyAnswersWithoutLogging) {

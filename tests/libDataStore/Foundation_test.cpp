@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <libCommon/System.h>
+#include <libDataStore/DataStore.h>
 #include <libDataStore/DataStoreExceptions.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/TimeStamp.h>
 
+#include <atomic>
 #include <ctime>
+#include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -80,6 +85,58 @@ TEST(DataStoreSettingsTest, FoldersDefaultToTheApplicationDirectoryAndChangeOneB
     EXPECT_EQ(DataStoreSettings::generalDataStoreFilePath().str(), "/var/lib/zrn/genstore.db");
     EXPECT_EQ(general.str(), "/var/lib/zrn/genstore.db");  // the earlier reference follows
     EXPECT_EQ(DataStoreSettings::eventDataStoreFilePath().str(), folder + "/event.db");
+}
+
+// Default openings on some threads while others move the folders: every store opens a file in
+// one of the folders set, whole. Meant for ThreadSanitizer as much as for the normal build.
+TEST(DataStoreSettingsTest, DefaultOpeningsRaceWithNoSetter) {
+    test::TempDir dir;
+    test::ScopedEnv locks("ZRN_LOCK_DIR", dir.path().c_str());
+    std::string const folders[] = {dir.file("first-folder-with-a-long-name-beyond-small-strings"),
+                                   dir.file("second")};
+    for (auto const& folder : folders) std::filesystem::create_directory(folder);
+    auto setAll = [](std::string const& folder) {
+        DataStoreSettings::setEventDataStorePath(String(folder));
+        DataStoreSettings::setGeneralDataStorePath(String(folder));
+        DataStoreSettings::setAppStateDataStorePath(String(folder));
+        DataStoreSettings::setSoftwareDiagEventDataStorePath(String(folder));
+    };
+    setAll(folders[0]);
+
+    std::atomic<bool> done{false};
+    std::thread setter([&] {
+        for (unsigned i = 0; !done; ++i) setAll(folders[i % 2]);
+    });
+    std::vector<std::thread> openers;
+    for (int t = 0; t < 2; ++t) {
+        openers.emplace_back([] {
+            for (int i = 0; i < 8; ++i) {
+                EXPECT_TRUE(EventDataStore::create());
+                EXPECT_TRUE(AppStateDataStore::create());
+                EXPECT_TRUE(GeneralDataStore().isInitialized());
+                SoftwareDiagEventDataStore store;
+                EXPECT_EQ(store.getVersion(), 1);
+            }
+        });
+    }
+    for (auto& opener : openers) opener.join();
+    done = true;
+    setter.join();
+
+    // Nothing but the stores' files (and SQLite's journals) in the two folders, nowhere else.
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
+        if (entry.is_directory()) continue;
+        std::string const path = entry.path().string();
+        std::string const name = entry.path().filename().string();
+        if (name.size() > 5 && name.substr(name.size() - 5) == ".lock") continue;
+        bool const inAFolder =
+            entry.path().parent_path() == folders[0] || entry.path().parent_path() == folders[1];
+        bool const aStore = name.rfind("event.db", 0) == 0 || name.rfind("genstore.db", 0) == 0 ||
+                            name.rfind("appstate.db", 0) == 0 ||
+                            name.rfind("softwarediagevent.db", 0) == 0;
+        EXPECT_TRUE(inAFolder && aStore) << path;
+    }
+    setAll(System::getApplicationDirectory().str() + "/datastore");
 }
 
 }  // namespace

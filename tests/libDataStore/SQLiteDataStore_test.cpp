@@ -295,6 +295,23 @@ TEST_F(SQLiteDataStoreTest, SharedConnectionsCloseTogetherAndValidityTellsWhy) {
     EXPECT_TRUE(memory.checkValidity(error));
 }
 
+TEST_F(SQLiteDataStoreTest, AMovedFromStoreRefusesEveryCallInsteadOfCrashing) {
+    SQLiteDataStore source(String(m_path), "t", kColumns);
+    SQLiteDataStore target(std::move(source));
+    target.append(row({{"setID", "1"}, {"key", "k"}, {"value", "v"}}));
+    String error;
+    EXPECT_THROW(source.append(row({{"setID", "2"}})), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.count("", ""), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.remove("key", "k"), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.dbFilePath(), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.close(), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.isClosed(), CannotAccessClosedDatabaseException);
+    EXPECT_THROW(source.checkValidity(error), CannotAccessClosedDatabaseException);
+    EXPECT_EQ(target.count("", ""), 1u);
+    source = target;  // assigned again, it is a store like any other
+    EXPECT_EQ(source.count("", ""), 1u);
+}
+
 TEST_F(SQLiteDataStoreTest, SyncModeComesFromTheSettingsFileReadAfreshEachTime) {
     std::string const settings = m_dir.file("settings.ini");
     test::ScopedEnv env("ZRN_SETTINGS_FILE", settings.c_str());

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
 #include <regex>
@@ -186,6 +187,36 @@ TEST(SoftwareDiagEventDataStoreTest, UnusableFilesThrowDatabaseError) {
     // The failed openings left the named mutex free for the next one.
     SoftwareDiagEventDataStore store{String(dir.file(kFile))};
     EXPECT_EQ(store.getVersion(), 1);
+}
+
+// The opening is one transaction: a failure part-way leaves the file as it was, and a new file
+// costs one commit.
+TEST(SoftwareDiagEventDataStoreTest, OpeningIsAllOrNothing) {
+    test::TempDir dir;
+    std::string const path = dir.file(kFile);
+    {
+        // A table holding the name of the last index but one makes that index fail, after
+        // every table, the version row and most indexes were made.
+        test::RawDb raw(path);
+        raw.exec("CREATE TABLE `Issues_FixActionsissueId ` (x)");
+    }
+    EXPECT_THROW(SoftwareDiagEventDataStore{String(path)}, DatabaseError);
+    {
+        test::RawDb raw(path, true);
+        EXPECT_EQ(raw.query("SELECT name FROM sqlite_master"),
+                  (Rows{{"Issues_FixActionsissueId "}}));
+    }
+
+    std::string const fresh = dir.file("fresh.db");
+    StatementTrace trace;
+    SoftwareDiagEventDataStore store{String(fresh)};
+    std::vector<std::string> const statements = trace.statements();
+    auto const begin = std::find(statements.begin(), statements.end(), "BEGIN TRANSACTION");
+    ASSERT_NE(begin, statements.end());
+    // Nothing of the schema before it: only the connection's own settings.
+    for (auto s = statements.begin(); s != begin; ++s) EXPECT_EQ(s->rfind("PRAGMA ", 0), 0u) << *s;
+    EXPECT_EQ(statements.back(), "END TRANSACTION");
+    EXPECT_EQ(std::count(statements.begin(), statements.end(), "BEGIN TRANSACTION"), 1);
 }
 
 TEST(SoftwareDiagEventDataStoreTest, WholeRepairSessionReadsBackThroughEveryQuery) {

@@ -158,7 +158,10 @@ TEST(SoftwareDiagRecordsTest, ListsCopyRecordsInOrderAndStopPastTheEnd) {
 
     TestSessionList const empty{LogList<SessionLog>()};
     EXPECT_EQ(empty.size(), 0u);
-    EXPECT_DEATH(empty.get(0), "index < size\\(\\)");
+    // Reported through the runtime's assertion logger with the array's source and line.
+    EXPECT_DEATH(empty.get(0),
+                 "ERROR libCommon\\.Assert: Assertion failed: index < size\\(\\) "
+                 "\\(libCommon\\\\ZRNArray\\\\ZRN\\\\ZRNArrayCommon, line [1-9][0-9]*\\)");
     EXPECT_DEATH(list.get(2), "index < size\\(\\)");
 }
 

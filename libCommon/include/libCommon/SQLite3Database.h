@@ -4,6 +4,7 @@
 #include <libCommon/String.h>
 
 #include <memory>
+#include <shared_mutex>
 
 struct sqlite3;
 
@@ -85,6 +86,10 @@ private:
     [[noreturn]] void fail(char const* what, int code) const;
 
     String m_path;
+    // Statements hold it shared for as long as they use the handle, close() exclusively: a
+    // close on one thread waits for a statement running on another instead of freeing the
+    // handle under it. (SQLite's own connection mutex goes with the handle, so it cannot.)
+    mutable std::shared_mutex m_handleMutex;
     std::unique_ptr<sqlite3, Closer> m_db;
     bool m_inMemory = false;
     bool m_readOnly = false;

@@ -48,8 +48,7 @@ public:
 
     SharedResource() = default;
     // Takes ownership of `object`; a null object gives an empty handle.
-    explicit SharedResource(element_type* object)
-        : m_object(object), m_count(object ? new detail::RefCount<Locked>() : nullptr) {}
+    explicit SharedResource(element_type* object) : m_object(object), m_count(countFor(object)) {}
 
     // Builds the object and its count in one allocation (one malloc instead of two, for small
     // values that are made often, such as a TimeStamp's DateTime).
@@ -109,6 +108,18 @@ public:
     bool sharesWith(SharedResource const& other) const { return m_object == other.m_object; }
 
 private:
+    // The count of a newly adopted object. Should allocating it fail, the object is freed
+    // before the failure passes on: ownership was handed over with the call.
+    static detail::RefCount<Locked>* countFor(element_type* object) {
+        if (!object) return nullptr;
+        try {
+            return new detail::RefCount<Locked>();
+        } catch (...) {
+            Storage::release(object);
+            throw;
+        }
+    }
+
     // Out of line: the last release is the cold path, and inlining it lets GCC 12 report a
     // false use-after-free when two owners die in one function.
     [[gnu::noinline]] static void destroy(element_type* object, detail::RefCount<Locked>* count) {

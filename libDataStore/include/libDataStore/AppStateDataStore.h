@@ -53,7 +53,7 @@ public:
     static std::shared_ptr<AppStateDataStore> create(String const& path) noexcept;
     // create(DataStoreSettings::appStateDataStoreFilePath()); an Exception from the path lookup
     // is logged ("134 ") and gives an empty pointer.
-    static std::shared_ptr<AppStateDataStore> create();
+    static std::shared_ptr<AppStateDataStore> create() noexcept;
 
     // Adds an item. An existing key is refused (false, "158 " with SQLite's constraint
     // message) and its stored value stays: to change an item, remove it first.

@@ -46,6 +46,8 @@ public:
     SQLiteDataStore(String const& dbFilePath, String const& tableName,
                     OrderedHashTable<String, String> const& columns);
     SQLiteDataStore(SQLiteDataStore const&) = default;
+    // A moved-from store has no connection: every call on it but assignment and destruction
+    // throws CannotAccessClosedDatabaseException.
     SQLiteDataStore(SQLiteDataStore&&) noexcept = default;
     SQLiteDataStore& operator=(SQLiteDataStore const&) = default;
     SQLiteDataStore& operator=(SQLiteDataStore&&) noexcept = default;
@@ -113,6 +115,8 @@ private:
     // On a read-only connection: DatabaseError unless the table `exists` with every column.
     void checkReadable(bool exists) const;
     static Logger* logger();
+    // The connection; CannotAccessClosedDatabaseException when moved from.
+    SQLite3Database& connection() const;
 
     String m_tableName;
     OrderedHashTable<String, String> m_columns;
