@@ -67,15 +67,23 @@ long long secondsOf(Json const& iso) {
 class DatastoreToolTest : public ::testing::Test {
 protected:
     // Runs the tool with `args` (plus --dir of this test unless `withDir` is false), with the
-    // library's own log settings cleared, and `columns` as the terminal width (0: none).
+    // library's own log settings and the tool's environment cleared (then `m_env` added).
+    // `columns` > 0: in a pseudo-terminal of that width and 24 lines (script(1)), with the
+    // terminal's line ends turned back into "\n"; else piped.
     ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
-        std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE ";
-        command += columns > 0 ? "COLUMNS=" + std::to_string(columns) : "-u COLUMNS";
-        command += " " + quoted(DATASTORE_TOOL);
+        std::string command =
+            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
+            "-u PAGER -u DATASTORE_PAGER " +
+            m_env + " " + quoted(DATASTORE_TOOL);
         for (auto const& arg : args) command += " " + quoted(arg);
         if (withDir) command += " --dir " + quoted(m_stores);
         std::string const errFile = m_dir.file("stderr.txt");
         command += " 2>" + quoted(errFile);
+        if (columns > 0) {
+            command = "script -qec " +
+                      quoted("stty cols " + std::to_string(columns) + " rows 24; " + command) +
+                      " /dev/null </dev/null";
+        }
 
         ToolRun run;
         FILE* pipe = ::popen(command.c_str(), "r");
@@ -86,6 +94,8 @@ protected:
         int const status = ::pclose(pipe);
         run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         run.err = test::readFile(errFile);
+        if (columns > 0)
+            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
         return run;
     }
 
@@ -97,6 +107,7 @@ protected:
 
     std::string store(char const* name) const { return m_stores + "/" + name; }
 
+    std::string m_env;  // VAR=value ... for the tool's environment
     test::TempDir m_dir;
     // Deliberately not there yet: the demo must create it.
     std::string const m_stores = m_dir.file("stores");
@@ -390,13 +401,13 @@ TEST_F(DatastoreToolTest, InspectionRefusesAMissingStoreWithoutCreatingIt) {
 
 TEST_F(DatastoreToolTest, UsageErrorsExitWithOneAndSayWhy) {
     demo();
-    ToolRun const bad = tool({"alerts", "--since", "yesterday"});
+    ToolRun const bad = tool({"alerts", "--since", "last tuesday"});
     EXPECT_EQ(bad.code, 1);
     EXPECT_EQ(bad.out, "");
-    EXPECT_EQ(
-        bad.err,
-        "datastore: --since: cannot read 'yesterday' as a date (2026-11-23), a date-time "
-        "(2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z) or Unix seconds\n");
+    EXPECT_EQ(bad.err,
+              "datastore: --since: 'last tuesday' is not a time: give a date (2026-11-23), a "
+              "date-time (2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z), "
+              "now, today, yesterday, -30m, -12h, -7d, -2w or Unix seconds\n");
 
     for (std::vector<std::string> const& args : std::vector<std::vector<std::string>>{
              {"scripts", "--since", "2026-13-01"},
@@ -445,7 +456,7 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     demo();
     EXPECT_EQ(tool({"state", "get", "no.such.key"}).err,
               "datastore: " + store("appstate.db") + ": no item with the key 'no.such.key'\n");
-    EXPECT_EQ(tool({"session", "999"}).code, 2);
+    EXPECT_EQ(tool({"session", "999"}).code, 4);
 
     // A file of another store is refused before any store class could add its tables to it.
     ToolRun const foreign = tool({"alerts", "--file", store("appstate.db")}, false);
@@ -458,7 +469,7 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     EXPECT_EQ(test::RawDb(store("appstate.db"), true)
                   .scalar("SELECT count(*) FROM sqlite_master WHERE type = 'table'"),
               "1");
-    EXPECT_EQ(tool({"alert", "999"}).code, 2);
+    EXPECT_EQ(tool({"alert", "999"}).code, 4);
 }
 
 TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
@@ -480,7 +491,7 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
 
     EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 0);
     EXPECT_FALSE(state.contains("ui.theme"));
-    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 2);
+    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 4);
 }
 
 TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {

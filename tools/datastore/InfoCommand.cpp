@@ -96,6 +96,13 @@ StoreInfo inspect(Options const& options, Store store) {
     std::error_code error;
     auto const size = std::filesystem::file_size(info.path, error);
     if (!error) info.size = static_cast<long long>(size);
+    // A damaged file is never handed to a store, which could call it valid or write to it.
+    std::vector<std::string> const damage = storeDamage(info.path, store);
+    if (!damage.empty()) {
+        for (auto const& problem : damage)
+            info.problem += (info.problem.empty() ? "damaged: " : "; ") + problem;
+        return info;
+    }
     switch (store) {
         case Store::AppState:
             askStore<zrn::AppStateDataStore>(info, false);
@@ -127,7 +134,7 @@ void info(Options const& options) {
                            {"size", "SIZE"},
                            {"version", "VERSION"},
                            {"valid", "VALID"},
-                           {"path", "PATH"}},
+                           {"path", "PATH", 0, true}},
                           options.json);
     RecordPrinter tables({{"store", "STORE"}, {"table", "TABLE"}, {"rows", "ROWS"}}, false);
     for (StoreInfo const& store : stores) {
@@ -136,7 +143,8 @@ void info(Options const& options) {
                     {"exists", store.exists},
                     {"size", store.exists && store.size >= 0 ? Json(store.size) : Json()},
                     {"version", store.version},
-                    {"valid", store.exists ? Json(store.valid) : Json()}};
+                    {"valid", store.exists ? Json(store.valid) : Json()},
+                    {"folderSource", folderSource(options)}};
         if (!store.problem.empty()) record["problem"] = store.problem;
         Json rows = Json::object();
         for (auto const& [table, count] : store.tables) {
@@ -145,6 +153,9 @@ void info(Options const& options) {
         }
         if (options.json) record["tables"] = std::move(rows);
         summary.add(std::move(record));
+    }
+    if (!options.json) {
+        std::cout << "Stores from " << folderSource(options) << "\n";
     }
     summary.print(std::cout);
     if (!options.json && tables.count() > 0) {
