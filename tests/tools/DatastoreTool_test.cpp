@@ -74,7 +74,9 @@ protected:
         std::string command =
             "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
             "-u PAGER -u DATASTORE_PAGER " +
-            m_env + " " + quoted(DATASTORE_TOOL);
+            // A pager on the pseudo-terminal would wait for keys: tests ask for one in m_env.
+            std::string(columns > 0 ? "DATASTORE_PAGER=cat " : "") + m_env + " " +
+            quoted(DATASTORE_TOOL);
         for (auto const& arg : args) command += " " + quoted(arg);
         if (withDir) command += " --dir " + quoted(m_stores);
         std::string const errFile = m_dir.file("stderr.txt");
@@ -548,6 +550,159 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
                   std::string::npos)
             << help.out;
     }
+}
+
+// ---- Output for people and for programs
+
+// Columns a line takes on a terminal, for the characters these tests write: CJK ideographs
+// take two, combining accents none.
+std::size_t displayWidth(std::string const& line) {
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < line.size();) {
+        unsigned char const lead = static_cast<unsigned char>(line[i]);
+        std::size_t const length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        unsigned codePoint = lead;
+        if (length == 2) codePoint = (lead & 0x1Fu) << 6 | (line[i + 1] & 0x3F);
+        if (length == 3)
+            codePoint = (lead & 0x0Fu) << 12 | (line[i + 1] & 0x3F) << 6 | (line[i + 2] & 0x3F);
+        width += codePoint >= 0x4E00 && codePoint <= 0x9FFF ? 2
+                 : codePoint >= 0x300 && codePoint <= 0x36F ? 0
+                                                            : 1;
+        i += length;
+    }
+    return width;
+}
+
+// Rows of csv or tsv text, as Python's csv module reads them.
+std::vector<std::vector<std::string>> csvRows(test::TempDir const& dir, std::string const& text,
+                                              char delimiter) {
+    std::string const file = dir.file("table.csv");
+    test::writeFile(file, text);
+    std::string const command =
+        "python3 -c 'import csv, json, sys; print(json.dumps(list(csv.reader(open(sys.argv[1], "
+        "newline=\"\"), delimiter=sys.argv[2]))))' " +
+        quoted(file) + " " + quoted(std::string(1, delimiter));
+    FILE* pipe = ::popen(command.c_str(), "r");
+    std::string out;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, n);
+    EXPECT_EQ(::pclose(pipe), 0);
+    return Json::parse(out).get<std::vector<std::vector<std::string>>>();
+}
+
+TEST_F(DatastoreToolTest, TerminalTablesFitEightyColumnsAndNeverCutIdentifiers) {
+    demo();
+    m_env = "NO_COLOR=1";
+    std::regex const guid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"apps"},
+                                               {"scripts"},
+                                               {"tests", "1"},
+                                               {"failures"},
+                                               {"measurements"},
+                                               {"logs"},
+                                               {"sessions"},
+                                               {"alerts"},
+                                               {"summary"}}) {
+        SCOPED_TRACE(args[0]);
+        ToolRun const narrow = tool(args, true, 80);
+        ASSERT_EQ(narrow.code, 0) << narrow.err;
+        ASSERT_GT(narrow.lines().size(), 1u);
+        for (std::string const& line : narrow.lines()) EXPECT_LE(displayWidth(line), 80u) << line;
+        // Every GUID shown is whole, and piped output is never cut.
+        std::string const piped = tool(args).out;
+        for (std::sregex_iterator it(narrow.out.begin(), narrow.out.end(), guid), end; it != end;
+             ++it) {
+            EXPECT_NE(piped.find(it->str()), std::string::npos);
+        }
+    }
+    // A device GUID from the table pastes straight into the next command.
+    ToolRun const tests = tool({"tests", "1"}, true, 80);
+    std::smatch device;
+    ASSERT_TRUE(std::regex_search(tests.out, device, guid)) << tests.out;
+    ToolRun const failures = tool({"failures", device.str(), "--fail", "FAIL", "--fail", "ERROR"});
+    EXPECT_EQ(failures.code, 0) << failures.err;
+    for (std::size_t i = 1; i < failures.lines().size(); ++i)
+        EXPECT_NE(failures.lines()[i].find(device.str()), std::string::npos);
+
+    // --wide shows every column even on a narrow terminal; without it low-priority ones go.
+    ToolRun const all = tool({"tests", "1", "--wide"}, true, 80);
+    EXPECT_NE(all.lines()[0].find("PASS"), std::string::npos);
+    EXPECT_GT(displayWidth(all.lines()[1]), 80u);
+    EXPECT_EQ(tests.lines()[0].find("PASS"), std::string::npos) << tests.lines()[0];
+
+    // Colour only on a terminal, and never with NO_COLOR.
+    EXPECT_EQ(tests.out.find('\x1b'), std::string::npos);
+    m_env = "";
+    EXPECT_NE(tool({"tests", "1"}, true, 80).out.find("\x1b[31mFAIL\x1b[0m"), std::string::npos);
+    m_env = "NO_COLOR=";  // empty: as if unset
+    EXPECT_NE(tool({"tests", "1"}, true, 80).out.find("\x1b[31m"), std::string::npos);
+    EXPECT_EQ(tool({"tests", "1"}).out.find('\x1b'), std::string::npos);
+}
+
+TEST_F(DatastoreToolTest, HostileTextIsEscapedOnTerminalsAndReplacedInMachineOutput) {
+    demo();
+    {
+        test::RawDb raw(store("event.db"));
+        raw.exec(
+            "INSERT INTO Alerts (appId, guid, key, type, title, message, deviceName, dateTime, "
+            "tracked) VALUES (1, 'g-hostile', 'k', 'Hardware', "
+            "'red' || char(27) || '[31m bell' || char(7) || ' back' || char(13) || 'x', "
+            "CAST(X'626164ff627974652c2022717565' AS TEXT) || char(10) || 'next line', "
+            "'磁盘驱动器 cafe' || char(769), 1999999999, 0)");
+    }
+    m_env = "NO_COLOR=1";
+    ToolRun const terminal = tool({"alerts", "--wide"}, true, 80);
+    ASSERT_EQ(terminal.code, 0) << terminal.err;
+    EXPECT_EQ(terminal.out.find_first_of(std::string("\x1b\x07", 2)), std::string::npos);
+    EXPECT_NE(terminal.out.find("red\\e[31m bell\\a back\\rx"), std::string::npos) << terminal.out;
+    EXPECT_NE(terminal.out.find("bad\xEF\xBF\xBD"
+                                "byte"),
+              std::string::npos);
+    // The wide and combining characters do not shift the columns after them.
+    std::vector<std::string> const lines = terminal.lines();
+    std::size_t const tracked = displayWidth(lines[0].substr(0, lines[0].find("TRACKED")));
+    ASSERT_EQ(lines.size(), 5u);
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        std::size_t const cell = std::min(lines[i].find(" no "), lines[i].find(" yes ")) + 1;
+        EXPECT_EQ(displayWidth(lines[i].substr(0, cell)), tracked) << lines[i];
+    }
+
+    // JSON: the bad byte becomes U+FFFD, every record is there.
+    for (char const* format : {"json", "json-pretty"}) {
+        ToolRun const json = tool({"alerts", "-o", format});
+        ASSERT_EQ(json.code, 0) << json.err;
+        Json const array = Json::parse(json.out);
+        ASSERT_EQ(array.size(), 4u);
+        EXPECT_EQ(array[0]["message"],
+                  "bad\xEF\xBF\xBD"
+                  "byte, \"que\nnext line");
+        EXPECT_EQ(array[0]["title"], "red\x1b[31m bell\a back\rx");
+    }
+    ToolRun const ndjson = tool({"alerts", "--json"});
+    EXPECT_EQ(ndjson.records().size(), 4u);
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson"}).out, ndjson.out);
+
+    // csv and tsv: a header row, quoting that a real parser reads back to the stored text.
+    for (char delimiter : {',', '\t'}) {
+        ToolRun const table = tool({"alerts", "-o", delimiter == ',' ? "csv" : "tsv"});
+        ASSERT_EQ(table.code, 0) << table.err;
+        auto const rows = csvRows(m_dir, table.out, delimiter);
+        ASSERT_EQ(rows.size(), 5u);
+        EXPECT_EQ(rows[0][0], "alertId");
+        EXPECT_EQ(rows[0][6], "message");
+        EXPECT_EQ(rows[1][6],
+                  "bad\xEF\xBF\xBD"
+                  "byte, \"que\nnext line");
+        EXPECT_EQ(rows[1][3], "red\x1b[31m bell\a back\rx");
+    }
+    // A listing that finds nothing is still one array.
+    EXPECT_EQ(tool({"alerts", "-o", "json", "--type", "None"}).out, "[]\n");
+    // Several sections make one array of tagged records.
+    Json const session = Json::parse(tool({"session", "1", "-o", "json"}).out);
+    ASSERT_TRUE(session.is_array());
+    EXPECT_EQ(session[0]["record"], "session");
 }
 
 }  // namespace
