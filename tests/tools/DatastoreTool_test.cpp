@@ -75,8 +75,10 @@ protected:
             "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
             "-u PAGER -u DATASTORE_PAGER " +
             // A pager on the pseudo-terminal would wait for keys: tests ask for one in m_env.
-            std::string(columns > 0 ? "DATASTORE_PAGER=cat " : "") + m_env + " " +
-            quoted(DATASTORE_TOOL);
+            std::string(columns > 0 && m_env.find("PAGER") == std::string::npos
+                            ? "DATASTORE_PAGER=cat "
+                            : "") +
+            m_env + " " + quoted(DATASTORE_TOOL);
         for (auto const& arg : args) command += " " + quoted(arg);
         if (withDir) command += " --dir " + quoted(m_stores);
         std::string const errFile = m_dir.file("stderr.txt");
@@ -703,6 +705,193 @@ TEST_F(DatastoreToolTest, HostileTextIsEscapedOnTerminalsAndReplacedInMachineOut
     Json const session = Json::parse(tool({"session", "1", "-o", "json"}).out);
     ASSERT_TRUE(session.is_array());
     EXPECT_EQ(session[0]["record"], "session");
+}
+
+// ---- Exit codes, check, summary, pager
+
+TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
+    demo();
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        std::string message;  // the whole line after "datastore: ", or a part of it
+    };
+    std::string const event = store("event.db");
+    for (Case const& c : std::vector<Case>{
+             {{"alerts", "--limit", "-1"}, 1, "--limit: '-1' is not a number from 0 to 2147483647"},
+             {{"alerts", "--limit", "4294967297"}, 1, "is not a number from 0 to 2147483647"},
+             {{"alerts", "--limit", "3000000000"}, 1, "is not a number from 0 to 2147483647"},
+             {{"alerts", "--since", "20261122"},
+              1,
+              "--since: '20261122' is neither a date (2026-11-22) nor Unix seconds (9 or more "
+              "digits, or @20261122)"},
+             {{"alerts", "--since", "2026-02-30"},
+              1,
+              "--since: '2026-02-30' is not a date: 2026-02 has 28 days"},
+             {{"alerts", "--until", "2026-11-23T10:00+25:00"},
+              1,
+              "--until: '2026-11-23T10:00+25:00' has an impossible offset (from -12:00 to +14:00)"},
+             {{"alrts"},
+              1,
+              "'alrts' is not a command; did you mean 'alerts'? (see 'datastore --help')"},
+             {{"alerts", "--frobnicate"},
+              1,
+              "The following argument was not expected: --frobnicate"},
+             {{"failures", "--fail", "FAIL"}, 1, "--fail and --pass need a device GUID"},
+             {{"alerts", "-o", "xml"}, 1, "-o: unknown format 'xml'"},
+             {{"alerts", "--file", "/tmp"}, 1, "/tmp: is a directory, not a store file"},
+             {{"alert", "99999"}, 4, event + ": no alert 99999"},
+             {{"alert", "-5"}, 4, event + ": no alert -5"},
+             {{"tests", "99999"}, 4, event + ": no script run 99999"},
+             {{"session", "99999"}, 4, store("softwarediagevent.db") + ": no session 99999"},
+             {{"state", "get", "nope"}, 4, "no item with the key 'nope'"}}) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        ToolRun const run = tool(c.args);
+        EXPECT_EQ(run.code, c.code);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err.rfind("datastore: ", 0), 0u) << run.err;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    }
+
+    // --fail takes one result each time: the device stays the device.
+    std::string const device = tool({"failures", "--json"}).records().at(0)["deviceGuid"];
+    ToolRun const one = tool({"failures", device, "--fail", "FAIL", "--fail", "ERROR", "--json"});
+    ASSERT_EQ(one.code, 0) << one.err;
+    for (Json const& record : one.records()) EXPECT_EQ(record["deviceGuid"], device);
+    EXPECT_LT(one.records().size(), tool({"failures", "--json"}).records().size());
+
+    // Options before the command; the folder from DATASTORE_DIR.
+    EXPECT_EQ(tool({"--dir", m_stores, "alerts", "--json"}, false).records().size(), 3u);
+    m_env = "DATASTORE_DIR=" + quoted(m_stores);
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson"}, false).records().size(), 3u);
+    Json const info = tool({"info", "--json"}, false).records().at(0);
+    EXPECT_EQ(info["folderSource"], "DATASTORE_DIR");
+    EXPECT_EQ(info["path"], store("appstate.db"));
+    m_env = "HOME=" + quoted(m_dir.file("home")) + " XDG_DATA_HOME=";
+    EXPECT_EQ(tool({"info", "--json"}, false).records().at(0)["path"],
+              m_dir.file("home") + "/.local/share/datastore/appstate.db");
+
+    // A store the library logs about never shows the logger's name.
+    test::writeFile(store("genstore.db"), std::string(4096, 'x'));
+    ToolRun const broken = tool({"logs"});
+    EXPECT_EQ(broken.code, 2);
+    EXPECT_EQ(broken.err.find("libDataStore."), std::string::npos) << broken.err;
+}
+
+TEST_F(DatastoreToolTest, CheckFindsDamageWithoutWritingAndInfoAgrees) {
+    demo();
+    ToolRun const healthy = tool({"check", "--json"});
+    EXPECT_EQ(healthy.code, 0) << healthy.err;
+    ASSERT_EQ(healthy.records().size(), 4u);
+    for (Json const& record : healthy.records()) EXPECT_EQ(record["status"], "ok");
+    EXPECT_EQ(healthy.records()[2]["version"], 3);
+
+    // A dropped table, a wrong version, and pages overwritten in the middle of a file.
+    test::RawDb(store("genstore.db")).exec("DROP TABLE KeyValues");
+    test::RawDb(store("softwarediagevent.db")).exec("UPDATE Versioning SET version = 7");
+    std::string events = test::readFile(store("event.db"));
+    for (std::size_t page = 4096; page + 4096 < events.size(); page += 4 * 4096)
+        std::fill(events.begin() + page + 8, events.begin() + page + 200, '\x7f');
+    test::writeFile(store("event.db"), events);
+
+    ToolRun const damaged = tool({"check", "-o", "json"});
+    EXPECT_EQ(damaged.code, 3);
+    Json const stores = Json::parse(damaged.out);
+    EXPECT_EQ(stores[0]["status"], "ok");
+    EXPECT_EQ(stores[1]["status"], "damaged");
+    EXPECT_EQ(stores[1]["problem"], "missing table KeyValues");
+    EXPECT_EQ(stores[2]["status"], "damaged");
+    EXPECT_EQ(stores[3]["problem"], "schema version 7, expected 1");
+    // One line per damaged store, naming the file.
+    std::vector<std::string> const lines = ToolRun{0, damaged.err, ""}.lines();
+    ASSERT_EQ(lines.size(), 3u) << damaged.err;
+    EXPECT_EQ(lines[0],
+              "datastore: " + store("genstore.db") + ": damaged: missing table KeyValues");
+    EXPECT_EQ(lines[1].rfind("datastore: " + store("event.db") + ": damaged: ", 0), 0u);
+    // Nothing was repaired behind the reader's back.
+    EXPECT_EQ(test::RawDb(store("genstore.db"), true)
+                  .scalar("SELECT count(*) FROM sqlite_master WHERE name = 'KeyValues'"),
+              "0");
+    EXPECT_EQ(
+        test::RawDb(store("softwarediagevent.db"), true).scalar("SELECT version FROM Versioning"),
+        "7");
+
+    ToolRun const info = tool({"info", "--json"});
+    EXPECT_EQ(info.code, 2);
+    EXPECT_TRUE(info.records()[0]["valid"].get<bool>());
+    for (std::size_t i = 1; i < 4; ++i) EXPECT_FALSE(info.records()[i]["valid"].get<bool>());
+}
+
+TEST_F(DatastoreToolTest, SummaryTimesAndMeasurementsAnswerSupportQuestions) {
+    demo();
+    Json const summary = Json::parse(tool({"summary", "-o", "json"}).out);
+    std::map<std::string, std::vector<Json>> byKind;
+    for (Json const& record : summary) byKind[record["record"]].push_back(record);
+    long long fails = 0;
+    for (Json const& device : byKind["deviceFailures"]) fails += device["count"].get<long long>();
+    EXPECT_EQ(fails, static_cast<long long>(tool({"failures", "--json"}).records().size()));
+    EXPECT_EQ(byKind["untrackedAlert"].size(),
+              tool({"alerts", "--untracked", "--json"}).records().size());
+    ASSERT_EQ(byKind["lastSession"].size(), 1u);
+    std::set<std::string> states;
+    for (Json const& fix : byKind["fixAction"]) states.insert(fix["stateName"]);
+    EXPECT_EQ(states, (std::set<std::string>{"done", "done in part"}));
+    for (Json const& day : byKind["measurementDay"]) {
+        EXPECT_LE(day["minimum"].get<double>(), day["average"].get<double>());
+        EXPECT_LE(day["average"].get<double>(), day["maximum"].get<double>());
+    }
+    EXPECT_FALSE(byKind["measurementDay"].empty());
+
+    // --limit keeps the newest measurements, still oldest first.
+    std::vector<Json> const all = tool({"measurements", "--json"}).records();
+    std::vector<Json> const newest = tool({"measurements", "--json", "--limit", "2"}).records();
+    ASSERT_EQ(newest.size(), 2u);
+    EXPECT_EQ(newest[0], all[all.size() - 2]);
+    EXPECT_EQ(newest[1], all.back());
+    ToolRun const unknown = tool({"measurements", "--type", "Fan noise"});
+    EXPECT_EQ(unknown.code, 0);
+    EXPECT_NE(unknown.err.find("no measurements of type 'Fan noise'; the types are '"),
+              std::string::npos)
+        << unknown.err;
+    EXPECT_NE(unknown.err.find(all[0]["type"].get<std::string>()), std::string::npos);
+
+    // Relative and named times: the demo's day is in the past, so "now" on finds nothing and
+    // "-2w" on finds everything.
+    std::size_t const alerts = tool({"alerts", "--json"}).records().size();
+    EXPECT_EQ(tool({"alerts", "--json", "--since", "-2w"}).records().size(), alerts);
+    EXPECT_EQ(tool({"alerts", "--json", "--since", "now"}).records().size(), 0u);
+    EXPECT_EQ(tool({"alerts", "--json", "--until", "yesterday", "--since", "-3w"}).records().size(),
+              alerts);
+    long long const first = secondsOf(tool({"alerts", "--json"}).records().back()["time"]);
+    EXPECT_EQ(
+        tool({"alerts", "--json", "--since", "@" + std::to_string(first + 1)}).records().size(),
+        alerts - 1);
+    EXPECT_EQ(tool({"alerts", "--json", "--since", std::to_string(first)}).records().size(),
+              alerts);
+    // --utc moves the table's times by the zone's offset, not the JSON's.
+    m_env = "TZ=Asia/Kolkata";
+    ToolRun const local = tool({"alerts"});
+    ToolRun const utc = tool({"alerts", "--utc"});
+    EXPECT_NE(local.out, utc.out);
+    EXPECT_EQ(tool({"alerts", "--json", "--utc"}).out, tool({"alerts", "--json"}).out);
+}
+
+TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
+    demo();
+    // 24 lines: the measurements (16 and a header) fit, a whole session does not.
+    m_env = "DATASTORE_PAGER=" + quoted("sed s/^/paged:/");
+    ToolRun const paged = tool({"session", "1"}, true, 80);
+    ASSERT_EQ(paged.code, 0) << paged.err;
+    ASSERT_GT(paged.lines().size(), 24u);
+    for (std::string const& line : paged.lines()) EXPECT_EQ(line.rfind("paged:", 0), 0u) << line;
+    ToolRun const fits = tool({"measurements"}, true, 80);
+    EXPECT_EQ(fits.out.find("paged:"), std::string::npos);
+    EXPECT_EQ(tool({"session", "1", "--no-pager"}, true, 80).out.find("paged:"), std::string::npos);
+    EXPECT_EQ(tool({"session", "1"}).out.find("paged:"), std::string::npos);  // piped
+    // $PAGER when the tool's own is not set.
+    m_env = "PAGER=" + quoted("sed s/^/pager:/");
+    EXPECT_EQ(tool({"session", "1"}, true, 80).out.rfind("pager:", 0), 0u);
 }
 
 }  // namespace

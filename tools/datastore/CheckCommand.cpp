@@ -11,6 +11,7 @@
 
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <type_traits>
 
 #include "Commands.h"
@@ -91,10 +92,19 @@ std::vector<std::string> storeDamage(std::string const& path, Store store) {
         auto const database = openReadOnly(path);
         zrn::ResultSet rows;
         database->execute("PRAGMA integrity_check", &rows);
+        // SQLite may answer in one row of many lines: the first three findings name the
+        // damage well enough for a message on one line, the count says how much more there is.
+        std::vector<std::string> findings;
         for (unsigned i = 0; i < rows.rowCount(); ++i) {
-            std::string const line = rows.row(static_cast<int>(i)).columnValue(0).str();
-            if (line != "ok") damage.push_back("integrity: " + line);
+            std::istringstream lines(rows.row(static_cast<int>(i)).columnValue(0).str());
+            for (std::string line; std::getline(lines, line);) {
+                if (line != "ok" && line.rfind("*** in database", 0) != 0) findings.push_back(line);
+            }
         }
+        for (std::size_t i = 0; i < findings.size() && i < 3; ++i)
+            damage.push_back("integrity: " + findings[i]);
+        if (findings.size() > 3)
+            damage.push_back(std::to_string(findings.size() - 3) + " more integrity findings");
         zrn::ResultSet names;
         database->execute("SELECT `name` FROM `sqlite_master` WHERE `type` = 'table'", &names);
         std::set<std::string> present;

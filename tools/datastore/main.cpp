@@ -114,6 +114,8 @@ int run(int argc, char** argv) {
         std::cerr << "datastore: " << parseErrorLine(app, e, argc, argv) << "\n";
         return USAGE;
     } catch (ToolError const& e) {
+        // What a command printed before it failed (check, info) is still one whole document.
+        finishOutput(std::cout);
         pager.finish();
         std::cerr << "datastore: " << e.what() << "\n";
         return e.code();
