@@ -527,9 +527,9 @@ TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
     ToolRun const top = tool({"--help"}, false);
     EXPECT_EQ(top.code, 0);
-    for (char const* command :
-         {"demo", "info", "apps", "scripts", "tests", "events", "tips", "failures", "alerts",
-          "alert", "measurements", "diffs", "scriptlets", "logs", "state", "sessions", "session"}) {
+    for (char const* command : {"demo", "info", "check", "summary", "apps", "scripts", "tests",
+                                "events", "tips", "failures", "alerts", "alert", "measurements",
+                                "diffs", "scriptlets", "logs", "state", "sessions", "session"}) {
         SCOPED_TRACE(command);
         // Listed as a command of its own ("alert" is not "alerts"), possibly with an alias.
         std::string const listed = std::string("\n  ") + command;
