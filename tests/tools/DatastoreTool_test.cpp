@@ -69,15 +69,27 @@ long long secondsOf(Json const& iso) {
 class DatastoreToolTest : public ::testing::Test {
 protected:
     // Runs the tool with `args` (plus --dir of this test unless `withDir` is false), with the
-    // library's own log settings cleared, and `columns` as the terminal width (0: none).
+    // library's own log settings and the tool's environment cleared (then `m_env` added).
+    // `columns` > 0: in a pseudo-terminal of that width and 24 lines (script(1)), with the
+    // terminal's line ends turned back into "\n"; else piped.
     ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
-        std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE ";
-        command += columns > 0 ? "COLUMNS=" + std::to_string(columns) : "-u COLUMNS";
-        command += " " + quoted(DATASTORE_TOOL);
+        std::string command =
+            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
+            "-u PAGER -u DATASTORE_PAGER " +
+            // A pager on the pseudo-terminal would wait for keys: tests ask for one in m_env.
+            std::string(columns > 0 && m_env.find("PAGER") == std::string::npos
+                            ? "DATASTORE_PAGER=cat "
+                            : "") +
+            m_env + " " + quoted(DATASTORE_TOOL);
         for (auto const& arg : args) command += " " + quoted(arg);
         if (withDir) command += " --dir " + quoted(m_stores);
         std::string const errFile = m_dir.file("stderr.txt");
         command += " 2>" + quoted(errFile);
+        if (columns > 0) {
+            command = "script -qec " +
+                      quoted("stty cols " + std::to_string(columns) + " rows 24; " + command) +
+                      " /dev/null </dev/null";
+        }
 
         ToolRun run;
         FILE* pipe = ::popen(command.c_str(), "r");
@@ -88,6 +100,8 @@ protected:
         int const status = ::pclose(pipe);
         run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         run.err = test::readFile(errFile);
+        if (columns > 0)
+            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
         return run;
     }
 
@@ -99,6 +113,7 @@ protected:
 
     std::string store(char const* name) const { return m_stores + "/" + name; }
 
+    std::string m_env;  // VAR=value ... for the tool's environment
     test::TempDir m_dir;
     // Deliberately not there yet: the demo must create it.
     std::string const m_stores = m_dir.file("stores");
@@ -392,13 +407,13 @@ TEST_F(DatastoreToolTest, InspectionRefusesAMissingStoreWithoutCreatingIt) {
 
 TEST_F(DatastoreToolTest, UsageErrorsExitWithOneAndSayWhy) {
     demo();
-    ToolRun const bad = tool({"alerts", "--since", "yesterday"});
+    ToolRun const bad = tool({"alerts", "--since", "last tuesday"});
     EXPECT_EQ(bad.code, 1);
     EXPECT_EQ(bad.out, "");
-    EXPECT_EQ(
-        bad.err,
-        "datastore: --since: cannot read 'yesterday' as a date (2026-11-23), a date-time "
-        "(2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z) or Unix seconds\n");
+    EXPECT_EQ(bad.err,
+              "datastore: --since: 'last tuesday' is not a time: give a date (2026-11-23), a "
+              "date-time (2026-11-23T14:05:00, optionally with an offset such as +01:00 or Z), "
+              "now, today, yesterday, -30m, -12h, -7d, -2w or Unix seconds\n");
 
     for (std::vector<std::string> const& args : std::vector<std::vector<std::string>>{
              {"scripts", "--since", "2026-13-01"},
@@ -447,7 +462,7 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     demo();
     EXPECT_EQ(tool({"state", "get", "no.such.key"}).err,
               "datastore: " + store("appstate.db") + ": no item with the key 'no.such.key'\n");
-    EXPECT_EQ(tool({"session", "999"}).code, 2);
+    EXPECT_EQ(tool({"session", "999"}).code, 4);
 
     // A file of another store is refused before any store class could add its tables to it.
     ToolRun const foreign = tool({"alerts", "--file", store("appstate.db")}, false);
@@ -460,7 +475,7 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     EXPECT_EQ(test::RawDb(store("appstate.db"), true)
                   .scalar("SELECT count(*) FROM sqlite_master WHERE type = 'table'"),
               "1");
-    EXPECT_EQ(tool({"alert", "999"}).code, 2);
+    EXPECT_EQ(tool({"alert", "999"}).code, 4);
 }
 
 TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
@@ -482,7 +497,7 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
 
     EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 0);
     EXPECT_FALSE(state.contains("ui.theme"));
-    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 2);
+    EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 4);
 }
 
 TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
@@ -514,9 +529,9 @@ TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
     ToolRun const top = tool({"--help"}, false);
     EXPECT_EQ(top.code, 0);
-    for (char const* command :
-         {"demo", "info", "apps", "scripts", "tests", "events", "tips", "failures", "alerts",
-          "alert", "measurements", "diffs", "scriptlets", "logs", "state", "sessions", "session"}) {
+    for (char const* command : {"demo", "info", "check", "summary", "apps", "scripts", "tests",
+                                "events", "tips", "failures", "alerts", "alert", "measurements",
+                                "diffs", "scriptlets", "logs", "state", "sessions", "session"}) {
         SCOPED_TRACE(command);
         // Listed as a command of its own ("alert" is not "alerts"), possibly with an alias.
         std::string const listed = std::string("\n  ") + command;
@@ -539,6 +554,346 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
                   std::string::npos)
             << help.out;
     }
+}
+
+// ---- Output for people and for programs
+
+// Columns a line takes on a terminal, for the characters these tests write: CJK ideographs
+// take two, combining accents none.
+std::size_t displayWidth(std::string const& line) {
+    std::size_t width = 0;
+    for (std::size_t i = 0; i < line.size();) {
+        unsigned char const lead = static_cast<unsigned char>(line[i]);
+        std::size_t const length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        unsigned codePoint = lead;
+        if (length == 2) codePoint = (lead & 0x1Fu) << 6 | (line[i + 1] & 0x3F);
+        if (length == 3)
+            codePoint = (lead & 0x0Fu) << 12 | (line[i + 1] & 0x3F) << 6 | (line[i + 2] & 0x3F);
+        width += codePoint >= 0x4E00 && codePoint <= 0x9FFF ? 2
+                 : codePoint >= 0x300 && codePoint <= 0x36F ? 0
+                                                            : 1;
+        i += length;
+    }
+    return width;
+}
+
+// Rows of csv or tsv text, as Python's csv module reads them.
+std::vector<std::vector<std::string>> csvRows(test::TempDir const& dir, std::string const& text,
+                                              char delimiter) {
+    std::string const file = dir.file("table.csv");
+    test::writeFile(file, text);
+    std::string const command =
+        "python3 -c 'import csv, json, sys; print(json.dumps(list(csv.reader(open(sys.argv[1], "
+        "newline=\"\"), delimiter=sys.argv[2]))))' " +
+        quoted(file) + " " + quoted(std::string(1, delimiter));
+    FILE* pipe = ::popen(command.c_str(), "r");
+    std::string out;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, n);
+    EXPECT_EQ(::pclose(pipe), 0);
+    return Json::parse(out).get<std::vector<std::vector<std::string>>>();
+}
+
+TEST_F(DatastoreToolTest, TerminalTablesFitEightyColumnsAndNeverCutIdentifiers) {
+    demo();
+    m_env = "NO_COLOR=1";
+    std::regex const guid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"apps"},
+                                               {"scripts"},
+                                               {"tests", "1"},
+                                               {"failures"},
+                                               {"measurements"},
+                                               {"logs"},
+                                               {"sessions"},
+                                               {"alerts"},
+                                               {"summary"}}) {
+        SCOPED_TRACE(args[0]);
+        ToolRun const narrow = tool(args, true, 80);
+        ASSERT_EQ(narrow.code, 0) << narrow.err;
+        ASSERT_GT(narrow.lines().size(), 1u);
+        for (std::string const& line : narrow.lines()) EXPECT_LE(displayWidth(line), 80u) << line;
+        // Every GUID shown is whole, and piped output is never cut.
+        std::string const piped = tool(args).out;
+        for (std::sregex_iterator it(narrow.out.begin(), narrow.out.end(), guid), end; it != end;
+             ++it) {
+            EXPECT_NE(piped.find(it->str()), std::string::npos);
+        }
+    }
+    // A device GUID from the table pastes straight into the next command.
+    ToolRun const tests = tool({"tests", "1"}, true, 80);
+    std::smatch device;
+    ASSERT_TRUE(std::regex_search(tests.out, device, guid)) << tests.out;
+    ToolRun const failures = tool({"failures", device.str(), "--fail", "FAIL", "--fail", "ERROR"});
+    EXPECT_EQ(failures.code, 0) << failures.err;
+    for (std::size_t i = 1; i < failures.lines().size(); ++i)
+        EXPECT_NE(failures.lines()[i].find(device.str()), std::string::npos);
+
+    // --wide shows every column even on a narrow terminal; without it low-priority ones go.
+    ToolRun const all = tool({"tests", "1", "--wide"}, true, 80);
+    EXPECT_NE(all.lines()[0].find("PASS"), std::string::npos);
+    EXPECT_GT(displayWidth(all.lines()[1]), 80u);
+    EXPECT_EQ(tests.lines()[0].find("PASS"), std::string::npos) << tests.lines()[0];
+
+    // Colour only on a terminal, and never with NO_COLOR.
+    EXPECT_EQ(tests.out.find('\x1b'), std::string::npos);
+    m_env = "";
+    EXPECT_NE(tool({"tests", "1"}, true, 80).out.find("\x1b[31mFAIL\x1b[0m"), std::string::npos);
+    m_env = "NO_COLOR=";  // empty: as if unset
+    EXPECT_NE(tool({"tests", "1"}, true, 80).out.find("\x1b[31m"), std::string::npos);
+    EXPECT_EQ(tool({"tests", "1"}).out.find('\x1b'), std::string::npos);
+}
+
+TEST_F(DatastoreToolTest, HostileTextIsEscapedOnTerminalsAndReplacedInMachineOutput) {
+    demo();
+    {
+        test::RawDb raw(store("event.db"));
+        raw.exec(
+            "INSERT INTO Alerts (appId, guid, key, type, title, message, deviceName, dateTime, "
+            "tracked) VALUES (1, 'g-hostile', 'k', 'Hardware', "
+            "'red' || char(27) || '[31m bell' || char(7) || ' back' || char(13) || 'x', "
+            "CAST(X'626164ff627974652c2022717565' AS TEXT) || char(10) || 'next line', "
+            "'磁盘驱动器 cafe' || char(769), 1999999999, 0)");
+    }
+    m_env = "NO_COLOR=1";
+    ToolRun const terminal = tool({"alerts", "--wide"}, true, 80);
+    ASSERT_EQ(terminal.code, 0) << terminal.err;
+    EXPECT_EQ(terminal.out.find_first_of(std::string("\x1b\x07", 2)), std::string::npos);
+    EXPECT_NE(terminal.out.find("red\\e[31m bell\\a back\\rx"), std::string::npos) << terminal.out;
+    EXPECT_NE(terminal.out.find("bad\xEF\xBF\xBD"
+                                "byte"),
+              std::string::npos);
+    // The wide and combining characters do not shift the columns after them.
+    std::vector<std::string> const lines = terminal.lines();
+    std::size_t const tracked = displayWidth(lines[0].substr(0, lines[0].find("TRACKED")));
+    ASSERT_EQ(lines.size(), 5u);
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        std::size_t const cell = std::min(lines[i].find(" no "), lines[i].find(" yes ")) + 1;
+        EXPECT_EQ(displayWidth(lines[i].substr(0, cell)), tracked) << lines[i];
+    }
+
+    // JSON: the bad byte becomes U+FFFD, every record is there.
+    for (char const* format : {"json", "json-pretty"}) {
+        ToolRun const json = tool({"alerts", "-o", format});
+        ASSERT_EQ(json.code, 0) << json.err;
+        Json const array = Json::parse(json.out);
+        ASSERT_EQ(array.size(), 4u);
+        EXPECT_EQ(array[0]["message"],
+                  "bad\xEF\xBF\xBD"
+                  "byte, \"que\nnext line");
+        EXPECT_EQ(array[0]["title"], "red\x1b[31m bell\a back\rx");
+    }
+    ToolRun const ndjson = tool({"alerts", "--json"});
+    EXPECT_EQ(ndjson.records().size(), 4u);
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson"}).out, ndjson.out);
+
+    // csv and tsv: a header row, quoting that a real parser reads back to the stored text.
+    for (char delimiter : {',', '\t'}) {
+        ToolRun const table = tool({"alerts", "-o", delimiter == ',' ? "csv" : "tsv"});
+        ASSERT_EQ(table.code, 0) << table.err;
+        auto const rows = csvRows(m_dir, table.out, delimiter);
+        ASSERT_EQ(rows.size(), 5u);
+        EXPECT_EQ(rows[0][0], "alertId");
+        EXPECT_EQ(rows[0][6], "message");
+        EXPECT_EQ(rows[1][6],
+                  "bad\xEF\xBF\xBD"
+                  "byte, \"que\nnext line");
+        EXPECT_EQ(rows[1][3], "red\x1b[31m bell\a back\rx");
+    }
+    // A listing that finds nothing is still one array.
+    EXPECT_EQ(tool({"alerts", "-o", "json", "--type", "None"}).out, "[]\n");
+    // Several sections make one array of tagged records.
+    Json const session = Json::parse(tool({"session", "1", "-o", "json"}).out);
+    ASSERT_TRUE(session.is_array());
+    EXPECT_EQ(session[0]["record"], "session");
+}
+
+// ---- Exit codes, check, summary, pager
+
+TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
+    demo();
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        std::string message;  // the whole line after "datastore: ", or a part of it
+    };
+    std::string const event = store("event.db");
+    for (Case const& c : std::vector<Case>{
+             {{"alerts", "--limit", "-1"}, 1, "--limit: '-1' is not a number from 0 to 2147483647"},
+             {{"alerts", "--limit", "4294967297"}, 1, "is not a number from 0 to 2147483647"},
+             {{"alerts", "--limit", "3000000000"}, 1, "is not a number from 0 to 2147483647"},
+             {{"alerts", "--since", "20261122"},
+              1,
+              "--since: '20261122' is neither a date (2026-11-22) nor Unix seconds (9 or more "
+              "digits, or @20261122)"},
+             {{"alerts", "--since", "2026-02-30"},
+              1,
+              "--since: '2026-02-30' is not a date: 2026-02 has 28 days"},
+             {{"alerts", "--until", "2026-11-23T10:00+25:00"},
+              1,
+              "--until: '2026-11-23T10:00+25:00' has an impossible offset (from -12:00 to +14:00)"},
+             {{"alrts"},
+              1,
+              "'alrts' is not a command; did you mean 'alerts'? (see 'datastore --help')"},
+             {{"alerts", "--frobnicate"},
+              1,
+              "The following argument was not expected: --frobnicate"},
+             {{"failures", "--fail", "FAIL"}, 1, "--fail and --pass need a device GUID"},
+             {{"alerts", "-o", "xml"}, 1, "-o: unknown format 'xml'"},
+             {{"alerts", "--file", "/tmp"}, 1, "/tmp: is a directory, not a store file"},
+             {{"alert", "99999"}, 4, event + ": no alert 99999"},
+             {{"alert", "-5"}, 4, event + ": no alert -5"},
+             {{"tests", "99999"}, 4, event + ": no script run 99999"},
+             {{"session", "99999"}, 4, store("softwarediagevent.db") + ": no session 99999"},
+             {{"state", "get", "nope"}, 4, "no item with the key 'nope'"}}) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        ToolRun const run = tool(c.args);
+        EXPECT_EQ(run.code, c.code);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err.rfind("datastore: ", 0), 0u) << run.err;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    }
+
+    // --fail takes one result each time: the device stays the device.
+    std::string const device = tool({"failures", "--json"}).records().at(0)["deviceGuid"];
+    ToolRun const one = tool({"failures", device, "--fail", "FAIL", "--fail", "ERROR", "--json"});
+    ASSERT_EQ(one.code, 0) << one.err;
+    for (Json const& record : one.records()) EXPECT_EQ(record["deviceGuid"], device);
+    EXPECT_LT(one.records().size(), tool({"failures", "--json"}).records().size());
+
+    // Options before the command; the folder from DATASTORE_DIR.
+    EXPECT_EQ(tool({"--dir", m_stores, "alerts", "--json"}, false).records().size(), 3u);
+    m_env = "DATASTORE_DIR=" + quoted(m_stores);
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson"}, false).records().size(), 3u);
+    Json const info = tool({"info", "--json"}, false).records().at(0);
+    EXPECT_EQ(info["folderSource"], "DATASTORE_DIR");
+    EXPECT_EQ(info["path"], store("appstate.db"));
+    m_env = "HOME=" + quoted(m_dir.file("home")) + " XDG_DATA_HOME=";
+    EXPECT_EQ(tool({"info", "--json"}, false).records().at(0)["path"],
+              m_dir.file("home") + "/.local/share/datastore/appstate.db");
+
+    // A store the library logs about never shows the logger's name.
+    test::writeFile(store("genstore.db"), std::string(4096, 'x'));
+    ToolRun const broken = tool({"logs"});
+    EXPECT_EQ(broken.code, 2);
+    EXPECT_EQ(broken.err.find("libDataStore."), std::string::npos) << broken.err;
+}
+
+TEST_F(DatastoreToolTest, CheckFindsDamageWithoutWritingAndInfoAgrees) {
+    demo();
+    ToolRun const healthy = tool({"check", "--json"});
+    EXPECT_EQ(healthy.code, 0) << healthy.err;
+    ASSERT_EQ(healthy.records().size(), 4u);
+    for (Json const& record : healthy.records()) EXPECT_EQ(record["status"], "ok");
+    EXPECT_EQ(healthy.records()[2]["version"], 3);
+
+    // A dropped table, a wrong version, and pages overwritten in the middle of a file.
+    test::RawDb(store("genstore.db")).exec("DROP TABLE KeyValues");
+    test::RawDb(store("softwarediagevent.db")).exec("UPDATE Versioning SET version = 7");
+    std::string events = test::readFile(store("event.db"));
+    for (std::size_t page = 4096; page + 4096 < events.size(); page += 4 * 4096)
+        std::fill(events.begin() + page + 8, events.begin() + page + 200, '\x7f');
+    test::writeFile(store("event.db"), events);
+
+    ToolRun const damaged = tool({"check", "-o", "json"});
+    EXPECT_EQ(damaged.code, 3);
+    Json const stores = Json::parse(damaged.out);
+    EXPECT_EQ(stores[0]["status"], "ok");
+    EXPECT_EQ(stores[1]["status"], "damaged");
+    EXPECT_EQ(stores[1]["problem"], "missing table KeyValues");
+    EXPECT_EQ(stores[2]["status"], "damaged");
+    EXPECT_EQ(stores[3]["problem"], "schema version 7, expected 1");
+    // One line per damaged store, naming the file.
+    std::vector<std::string> const lines = ToolRun{0, damaged.err, ""}.lines();
+    ASSERT_EQ(lines.size(), 3u) << damaged.err;
+    EXPECT_EQ(lines[0],
+              "datastore: " + store("genstore.db") + ": damaged: missing table KeyValues");
+    EXPECT_EQ(lines[1].rfind("datastore: " + store("event.db") + ": damaged: ", 0), 0u);
+    // Nothing was repaired behind the reader's back.
+    EXPECT_EQ(test::RawDb(store("genstore.db"), true)
+                  .scalar("SELECT count(*) FROM sqlite_master WHERE name = 'KeyValues'"),
+              "0");
+    EXPECT_EQ(
+        test::RawDb(store("softwarediagevent.db"), true).scalar("SELECT version FROM Versioning"),
+        "7");
+
+    ToolRun const info = tool({"info", "--json"});
+    EXPECT_EQ(info.code, 2);
+    EXPECT_TRUE(info.records()[0]["valid"].get<bool>());
+    for (std::size_t i = 1; i < 4; ++i) EXPECT_FALSE(info.records()[i]["valid"].get<bool>());
+}
+
+TEST_F(DatastoreToolTest, SummaryTimesAndMeasurementsAnswerSupportQuestions) {
+    demo();
+    Json const summary = Json::parse(tool({"summary", "-o", "json"}).out);
+    std::map<std::string, std::vector<Json>> byKind;
+    for (Json const& record : summary) byKind[record["record"]].push_back(record);
+    long long fails = 0;
+    for (Json const& device : byKind["deviceFailures"]) fails += device["count"].get<long long>();
+    EXPECT_EQ(fails, static_cast<long long>(tool({"failures", "--json"}).records().size()));
+    EXPECT_EQ(byKind["untrackedAlert"].size(),
+              tool({"alerts", "--untracked", "--json"}).records().size());
+    ASSERT_EQ(byKind["lastSession"].size(), 1u);
+    std::set<std::string> states;
+    for (Json const& fix : byKind["fixAction"]) states.insert(fix["stateName"]);
+    EXPECT_EQ(states, (std::set<std::string>{"done", "done in part"}));
+    for (Json const& day : byKind["measurementDay"]) {
+        EXPECT_LE(day["minimum"].get<double>(), day["average"].get<double>());
+        EXPECT_LE(day["average"].get<double>(), day["maximum"].get<double>());
+    }
+    EXPECT_FALSE(byKind["measurementDay"].empty());
+
+    // --limit keeps the newest measurements, still oldest first.
+    std::vector<Json> const all = tool({"measurements", "--json"}).records();
+    std::vector<Json> const newest = tool({"measurements", "--json", "--limit", "2"}).records();
+    ASSERT_EQ(newest.size(), 2u);
+    EXPECT_EQ(newest[0], all[all.size() - 2]);
+    EXPECT_EQ(newest[1], all.back());
+    ToolRun const unknown = tool({"measurements", "--type", "Fan noise"});
+    EXPECT_EQ(unknown.code, 0);
+    EXPECT_NE(unknown.err.find("no measurements of type 'Fan noise'; the types are '"),
+              std::string::npos)
+        << unknown.err;
+    EXPECT_NE(unknown.err.find(all[0]["type"].get<std::string>()), std::string::npos);
+
+    // Relative and named times: the demo's day is in the past, so "now" on finds nothing and
+    // "-2w" on finds everything.
+    std::size_t const alerts = tool({"alerts", "--json"}).records().size();
+    EXPECT_EQ(tool({"alerts", "--json", "--since", "-2w"}).records().size(), alerts);
+    EXPECT_EQ(tool({"alerts", "--json", "--since", "now"}).records().size(), 0u);
+    EXPECT_EQ(tool({"alerts", "--json", "--until", "yesterday", "--since", "-3w"}).records().size(),
+              alerts);
+    long long const first = secondsOf(tool({"alerts", "--json"}).records().back()["time"]);
+    EXPECT_EQ(
+        tool({"alerts", "--json", "--since", "@" + std::to_string(first + 1)}).records().size(),
+        alerts - 1);
+    EXPECT_EQ(tool({"alerts", "--json", "--since", std::to_string(first)}).records().size(),
+              alerts);
+    // --utc moves the table's times by the zone's offset, not the JSON's.
+    m_env = "TZ=Asia/Kolkata";
+    ToolRun const local = tool({"alerts"});
+    ToolRun const utc = tool({"alerts", "--utc"});
+    EXPECT_NE(local.out, utc.out);
+    EXPECT_EQ(tool({"alerts", "--json", "--utc"}).out, tool({"alerts", "--json"}).out);
+}
+
+TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
+    demo();
+    // 24 lines: the measurements (16 and a header) fit, a whole session does not.
+    m_env = "DATASTORE_PAGER=" + quoted("sed s/^/paged:/");
+    ToolRun const paged = tool({"session", "1"}, true, 80);
+    ASSERT_EQ(paged.code, 0) << paged.err;
+    ASSERT_GT(paged.lines().size(), 24u);
+    for (std::string const& line : paged.lines()) EXPECT_EQ(line.rfind("paged:", 0), 0u) << line;
+    ToolRun const fits = tool({"measurements"}, true, 80);
+    EXPECT_EQ(fits.out.find("paged:"), std::string::npos);
+    EXPECT_EQ(tool({"session", "1", "--no-pager"}, true, 80).out.find("paged:"), std::string::npos);
+    EXPECT_EQ(tool({"session", "1"}).out.find("paged:"), std::string::npos);  // piped
+    // $PAGER when the tool's own is not set.
+    m_env = "PAGER=" + quoted("sed s/^/pager:/");
+    EXPECT_EQ(tool({"session", "1"}, true, 80).out.rfind("pager:", 0), 0u);
 }
 
 // ---- Read-only inspection

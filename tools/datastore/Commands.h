@@ -2,6 +2,9 @@
 
 // Each store's subcommands register themselves on the application.
 
+#include <string>
+#include <vector>
+
 #include "Context.h"
 
 namespace datastore {
@@ -12,5 +15,18 @@ void addStateCommands(CLI::App& app, Options& options);
 void addGeneralCommands(CLI::App& app, Options& options);
 void addEventCommands(CLI::App& app, Options& options);
 void addRepairCommands(CLI::App& app, Options& options);
+void addCheckCommand(CLI::App& app, Options& options);
+void addSummaryCommand(CLI::App& app, Options& options);
+
+// The store's verdict on itself, asked of a read-only opening so that nothing is completed,
+// upgraded or written: empty when the store at `path` (an existing file of that store) calls
+// itself valid, else why not. Also its schema version (-1: none kept or unreadable).
+std::string storeValidity(std::string const& path, Store store, zrn::ReadOnly const& reader,
+                          int& version);
+
+// The damage `PRAGMA integrity_check`, the schema version and the expected tables find in the
+// store file at `path`, read through a read-only connection; empty when there is none.
+std::vector<std::string> storeDamage(std::string const& path, Store store,
+                                     zrn::ReadOnly const& reader);
 
 }  // namespace datastore

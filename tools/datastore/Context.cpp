@@ -7,15 +7,18 @@
 #include <libCommon/Resource.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
-#include <libDataStore/DataStoreSettings.h>
 
 #include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <mutex>
+#include <regex>
 #include <system_error>
+
+#include "Output.h"
 
 namespace datastore {
 
@@ -35,31 +38,37 @@ char const* fileNameOf(Store store) {
     return "";
 }
 
-std::string defaultFolder(Store store) {
-    std::string folder;
-    switch (store) {
-        case Store::AppState:
-            folder = zrn::DataStoreSettings::appStateDataStorePath().str();
-            break;
-        case Store::General:
-            folder = zrn::DataStoreSettings::generalDataStorePath().str();
-            break;
-        case Store::Event:
-            folder = zrn::DataStoreSettings::eventDataStorePath().str();
-            break;
-        case Store::SoftwareDiag:
-            folder = zrn::DataStoreSettings::softwareDiagEventDataStorePath().str();
-            break;
-    }
-    std::error_code error;
-    if (std::filesystem::exists(folder, error) && !std::filesystem::is_directory(folder, error)) {
-        return folder + ".d";
-    }
-    return folder;
+namespace {
+
+// The folder the stores live in by default, and where that came from.
+std::pair<std::string, char const*> defaultFolderAndSource() {
+    if (char const* dir = std::getenv("DATASTORE_DIR"); dir && *dir) return {dir, "DATASTORE_DIR"};
+    if (char const* data = std::getenv("XDG_DATA_HOME"); data && *data && data[0] == '/')
+        return {std::string(data) + "/datastore", "XDG_DATA_HOME"};
+    char const* home = std::getenv("HOME");
+    return {std::string(home && *home ? home : ".") + "/.local/share/datastore", "HOME"};
+}
+
+}  // namespace
+
+std::string defaultFolder(Store) { return defaultFolderAndSource().first; }
+
+std::string folderSource(Options const& options) {
+    if (!options.file.empty()) return "--file";
+    if (!options.dir.empty()) return "--dir";
+    return defaultFolderAndSource().second;
 }
 
 std::string storePath(Options const& options, Store store) {
-    if (!options.file.empty()) return options.file;
+    if (!options.file.empty()) {
+        std::error_code error;
+        if (std::filesystem::is_directory(options.file, error)) {
+            throw ToolError(USAGE, options.file +
+                                       ": is a directory, not a store file (give a folder "
+                                       "with --dir)");
+        }
+        return options.file;
+    }
     std::string const folder = options.dir.empty() ? defaultFolder(store) : options.dir;
     return zrn::FileSystem::getAbsolutePath(folder, fileNameOf(store), true).str();
 }
@@ -168,24 +177,117 @@ std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
 
 // ---- Times
 
+namespace {
+
+bool leapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
+
+int daysInMonth(int year, int month) {
+    static int const days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return month == 2 && leapYear(year) ? 29 : days[month - 1];
+}
+
+// Local midnight of the day `daysBack` days before today.
+long long localMidnight(int daysBack) {
+    std::time_t const now = std::time(nullptr);
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    parts.tm_mday -= daysBack;
+    parts.tm_hour = parts.tm_min = parts.tm_sec = 0;
+    parts.tm_isdst = -1;
+    return static_cast<long long>(std::mktime(&parts));
+}
+
+// The local time of a calendar date and clock time; mktime settles daylight-saving changes.
+long long localTimeOf(int year, int month, int day, int hour, int minute, int second) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    parts.tm_isdst = -1;
+    return static_cast<long long>(std::mktime(&parts));
+}
+
+}  // namespace
+
 long long parseTime(std::string const& text, char const* option, bool endOfDay) {
     if (text.empty()) return 0;
-    bool const allDigits = std::all_of(text.begin(), text.end(), [](char c) {
-        return std::isdigit(static_cast<unsigned char>(c));
-    });
-    if (allDigits && text.size() <= 18) return std::stoll(text);
+    auto bad = [&](std::string const& why) -> ToolError {
+        return ToolError(USAGE, std::string(option) + ": '" + text + "' " + why);
+    };
+    long long const now = static_cast<long long>(std::time(nullptr));
+    // A day as an upper bound means the whole day: its last second.
+    auto day = [&](long long midnight, int daysBack) {
+        return endOfDay ? localMidnight(daysBack - 1) - 1 : midnight;
+    };
+    if (text == "now") return now;
+    if (text == "today") return day(localMidnight(0), 0);
+    if (text == "yesterday") return day(localMidnight(1), 1);
 
-    // A bare date as an upper bound means the whole day; asking for its last second lets
-    // DateTime settle a daylight-saving change on that day.
-    bool const dateOnly = text.size() == 10 && text[4] == '-' && text[7] == '-';
-    zrn::DateTime const parsed{zrn::String(dateOnly && endOfDay ? text + "T23:59:59" : text)};
-    if (!parsed.isInitialized() || parsed.unixTimeStamp() <= 0) {
-        throw ToolError(USAGE,
-                        std::string(option) + ": cannot read '" + text +
-                            "' as a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
-                            "optionally with an offset such as +01:00 or Z) or Unix seconds");
+    std::smatch m;
+    static std::regex const relative("-([0-9]{1,9})([smhdw])");
+    if (std::regex_match(text, m, relative)) {
+        static std::string const units = "smhdw";
+        static long long const seconds[] = {1, 60, 3600, 86400, 7 * 86400};
+        return now - std::stoll(m[1]) * seconds[units.find(m[2].str()[0])];
     }
-    return parsed.unixTimeStamp();
+    // Unix seconds need 9 digits (from 1973 on) or an '@': "20261122" is a mistyped date far
+    // more often than a second of 1970.
+    static std::regex const unix("(@)?([0-9]+)");
+    if (std::regex_match(text, m, unix)) {
+        if (!m[1].matched && m[2].length() < 9) {
+            throw bad("is neither a date (2026-11-22) nor Unix seconds (9 or more digits, or @" +
+                      text + ")");
+        }
+        if (m[2].length() > 12) throw bad("is too large for Unix seconds");
+        return std::stoll(m[2]);
+    }
+
+    static std::regex const iso(
+        "([0-9]{4})-([0-9]{2})-([0-9]{2})"
+        "(?:[T ]([0-9]{2}):([0-9]{2})(?::([0-9]{2}))?(Z|([+-])([0-9]{2}):?([0-9]{2}))?)?");
+    if (!std::regex_match(text, m, iso)) {
+        throw bad(
+            "is not a time: give a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
+            "optionally with an offset such as +01:00 or Z), now, today, yesterday, "
+            "-30m, -12h, -7d, -2w or Unix seconds");
+    }
+    int const year = std::stoi(m[1]), month = std::stoi(m[2]), dayOfMonth = std::stoi(m[3]);
+    if (year < 1970) throw bad("is before 1970");
+    if (month < 1 || month > 12) throw bad("has no month " + m[2].str());
+    if (dayOfMonth < 1 || dayOfMonth > daysInMonth(year, month)) {
+        throw bad("is not a date: " + m[1].str() + "-" + m[2].str() + " has " +
+                  std::to_string(daysInMonth(year, month)) + " days");
+    }
+    if (!m[4].matched) {
+        return endOfDay ? localTimeOf(year, month, dayOfMonth, 23, 59, 59)
+                        : localTimeOf(year, month, dayOfMonth, 0, 0, 0);
+    }
+    int const hour = std::stoi(m[4]), minute = std::stoi(m[5]);
+    int const second = m[6].matched ? std::stoi(m[6]) : 0;
+    if (hour > 23 || minute > 59 || second > 59) throw bad("has no such time of day");
+    if (!m[7].matched) return localTimeOf(year, month, dayOfMonth, hour, minute, second);
+
+    int offset = 0;
+    if (m[8].matched) {
+        int const offsetHours = std::stoi(m[9]), offsetMinutes = std::stoi(m[10]);
+        // Offsets in use run from -12:00 to +14:00.
+        if (offsetMinutes > 59 || offsetHours > 14 || (m[8] == "-" && offsetHours > 12) ||
+            (offsetHours == 14 && offsetMinutes > 0)) {
+            throw bad("has an impossible offset (from -12:00 to +14:00)");
+        }
+        offset = (m[8] == "-" ? -1 : 1) * (offsetHours * 3600 + offsetMinutes * 60);
+    }
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = dayOfMonth;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    return static_cast<long long>(timegm(&parts)) - offset;
 }
 
 TimeRange timeRange(Options const& options) {
@@ -212,18 +314,66 @@ void addLocationOptions(CLI::App& command, Options& options) {
 }
 
 void addJsonOption(CLI::App& command, Options& options) {
-    command.add_flag("--json", options.json, "One JSON object per record, one per line");
+    command
+        .add_option_function<std::string>(
+            "-o,--output",
+            [&options](std::string const& name) {
+                Format format = Format::Table;
+                if (!formatNamed(name, format)) {
+                    throw ToolError(USAGE, "-o: unknown format '" + name + "' (use one of " +
+                                               formatNames() + ")");
+                }
+                outputStyle().format = format;
+                options.json = format != Format::Table;
+            },
+            std::string("Output format: ") + formatNames() + " (default table)")
+        ->type_name("FORMAT");
+    command.add_flag_callback(
+        "--json",
+        [&options] {
+            outputStyle().format = Format::Ndjson;
+            options.json = true;
+        },
+        "One JSON object per record, one per line (-o ndjson)");
+    command.add_flag_callback(
+        "--utc", [] { outputStyle().utc = true; }, "Times in tables in UTC, not local time");
+    command.add_flag_callback(
+        "--wide", [] { outputStyle().wide = true; }, "Every column in full, whatever the terminal");
+    // Read before the command runs (main), declared here for --help and the parser.
+    command.add_flag("--no-pager", "Never page long output on a terminal");
+}
+
+void addCommonOptions(CLI::App& app, Options& options) {
+    addLocationOptions(app, options);
+    addJsonOption(app, options);
 }
 
 void addLimitOption(CLI::App& command, Options& options) {
-    command.add_option("--limit", options.limit, "At most N records (0: all)")
-        ->check(CLI::NonNegativeNumber);
+    command
+        .add_option_function<std::string>(
+            "--limit",
+            [&options](std::string const& text) {
+                // The readers take an int: anything beyond would wrap into another limit.
+                bool const digits = !text.empty() && text.size() <= 10 &&
+                                    std::all_of(text.begin(), text.end(), [](char c) {
+                                        return std::isdigit(static_cast<unsigned char>(c));
+                                    });
+                if (!digits || std::stoll(text) > INT_MAX) {
+                    throw ToolError(USAGE, "--limit: '" + text + "' is not a number from 0 to " +
+                                               std::to_string(INT_MAX));
+                }
+                options.limit = static_cast<long>(std::stoll(text));
+            },
+            "At most N records (0: all)")
+        ->type_name("N");
 }
 
 void addRangeOptions(CLI::App& command, Options& options) {
-    command.add_option("--since", options.since, "From this date, date-time or Unix second");
+    command.add_option("--since", options.since,
+                       "From this time: 2026-11-23, 2026-11-23T14:05[:00][+01:00|Z], now, "
+                       "today, yesterday, -30m, -12h, -7d, -2w, Unix seconds (9+ digits or @N)");
     command.add_option("--until", options.until,
-                       "Up to this date (whole day), date-time or Unix second");
+                       "Up to this time (a date: the whole day); the forms of --since");
 }
 
 void addWaitOption(CLI::App& command, Options& options) {
@@ -258,7 +408,9 @@ public:
         if (priority < zrn::LoggerPriority::ERROR) return;
         std::lock_guard<std::mutex> guard(m_mutex);
         // The first error is the cause; what fails after it is usually a consequence.
-        if (m_first.empty()) m_first = loggerName.str() + ": " + message.str();
+        // The logger's name is the library's business, not the reader's.
+        (void)loggerName;
+        if (m_first.empty()) m_first = message.str();
     }
     std::string take() {
         std::lock_guard<std::mutex> guard(m_mutex);

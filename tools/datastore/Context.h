@@ -18,7 +18,9 @@ class SQLite3Database;
 
 namespace datastore {
 
-enum ExitCode { OK = 0, USAGE = 1, STORE = 2 };
+// Documented in --help and the README: 0 success, 1 usage error, 2 store error (cannot open or
+// read), 3 a damaged store (check), 4 no such record.
+enum ExitCode { OK = 0, USAGE = 1, STORE = 2, DAMAGED = 3, NOT_FOUND = 4 };
 
 // Ends the program with one line on standard error and the given exit code.
 class ToolError : public std::runtime_error {
@@ -34,10 +36,10 @@ private:
 enum class Store { AppState, General, Event, SoftwareDiag };
 
 struct Options {
-    std::string dir;   // the folder of all stores; empty: the default folder
-    std::string file;  // one store file, overriding dir for the store a command uses
-    bool json = false;
-    long limit = 0;     // 0: no limit
+    std::string dir;    // the folder of all stores; empty: the default folder
+    std::string file;   // one store file, overriding dir for the store a command uses
+    bool json = false;  // a machine format was chosen (-o other than table, --json)
+    long limit = 0;     // 0: no limit; at most INT_MAX, what the readers take
     std::string since;  // as given; parsed by timeRange()
     std::string until;
     double wait = 5;  // --wait: seconds an inspection waits for a program writing the store
@@ -49,13 +51,16 @@ zrn::ReadOnly readOnly(Options const& options);
 // The file name of a store ("event.db", ...).
 char const* fileNameOf(Store store);
 
-// The folder of a store when no --dir is given: the library's default folder
-// (DataStoreSettings, "<application directory>/datastore"). On systems without file
-// extensions that path is this very executable, "datastore", next to which no folder of the
-// same name can exist; the stores then live in "<application directory>/datastore.d".
+// The folder of the stores when no --dir is given: $DATASTORE_DIR, else the user's data
+// folder ($XDG_DATA_HOME/datastore, ~/.local/share/datastore). The library's own default
+// (next to the executable) would put an installed tool's stores into <prefix>/bin.
 std::string defaultFolder(Store store);
+// Where the folder in use comes from: "--dir", "--file", "DATASTORE_DIR", "XDG_DATA_HOME" or
+// "HOME".
+std::string folderSource(Options const& options);
 
 // The path of a store's file: --file when given, else --dir + name, else the default folder.
+// A --file that is a directory: ToolError(USAGE).
 std::string storePath(Options const& options, Store store);
 
 // The path, after checking that the file exists and is a database holding the store's tables:
@@ -85,8 +90,9 @@ std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
 
 // --since / --until as Unix seconds, 0 for a bound not given. Accepts ISO 8601 dates
 // ("2026-11-23": local midnight for --since, the day's last second for --until), date-times
-// with or without an offset, and plain Unix seconds. Bad text, or --since after --until:
-// ToolError(USAGE).
+// with or without an offset, now, today, yesterday, relative times (-30m, -12h, -7d, -2w) and
+// Unix seconds (9 or more digits, or any number after '@'). Bad text, impossible dates or
+// offsets, or --since after --until: ToolError(USAGE).
 struct TimeRange {
     long long since = 0;
     long long until = 0;
@@ -97,13 +103,17 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay);
 // Adds the options a subcommand understands.
 void addLocationOptions(CLI::App& command, Options& options);  // --dir, --file
 void addDirOption(CLI::App& command, Options& options);        // --dir only
+// -o/--output, --json, --utc, --wide, --no-pager.
 void addJsonOption(CLI::App& command, Options& options);
+// The options every command takes, given before the command ("datastore --dir D alerts").
+void addCommonOptions(CLI::App& app, Options& options);
 void addLimitOption(CLI::App& command, Options& options);
 void addRangeOptions(CLI::App& command, Options& options);
 void addWaitOption(CLI::App& command, Options& options);  // --wait
 
 // A new subcommand of `parent` with the options every inspection shares: --dir, --file,
-// --json, --wait, and unless told otherwise --since/--until and --limit. `example` ends its --help.
+// the output options, --wait, and unless told otherwise --since/--until and --limit. `example`
+// ends its --help.
 CLI::App* addInspection(CLI::App& parent, Options& options, char const* name,
                         std::string const& description, std::string const& example,
                         bool withRange = true, bool withLimit = true);

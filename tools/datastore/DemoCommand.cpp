@@ -497,7 +497,14 @@ void demo(Options const& options) {
               << " diagnostics, " << repair->getIssuesBySession(session, false, 0).size()
               << " issues, " << repair->getFixActionsBySession(session, false, 0).size()
               << " fix actions, restore point "
-              << repair->getFixTransactionBySession(session).restorePointUuid() << "\n"
+              << repair->getFixTransactionBySession(session).restorePointUuid()
+              << "\n"
+              // The general and repair stores stamp what they record with the moment of
+              // recording: their API takes no time, so their records cannot join the day.
+              << "Note: genstore.db and softwarediagevent.db take no time for what they record "
+                 "(they stamp it with the moment of recording):\n"
+              << "  their generic logs and repair session carry the time of this run, not "
+              << day.date() << ".\n"
               << "Files:\n";
     for (auto const* path : {&eventPath, &generalPath, &statePath, &repairPath})
         std::cout << "  " << *path << "\n";

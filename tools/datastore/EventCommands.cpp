@@ -10,6 +10,7 @@
 #include <ctime>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "Commands.h"
@@ -82,8 +83,8 @@ void apps(Options const& options, EventArgs const& args) {
                            {"userName", "USER"},
                            {"typeOfRun", "TYPE"},
                            {"start", "STARTED"},
-                           {"end", "ENDED"},
-                           {"seconds", "SECONDS"}},
+                           {"end", "ENDED", 2},
+                           {"seconds", "SECONDS", 1}},
                           options.json);
     for (unsigned i = 0; i < rows.rowCount(); ++i) {
         zrn::ResultSetRow const& row = rows.row(static_cast<int>(i));
@@ -123,9 +124,9 @@ void scripts(Options const& options, EventArgs const& args) {
                            {"name", "NAME"},
                            {"result", "RESULT"},
                            {"start", "STARTED"},
-                           {"end", "ENDED"},
-                           {"totalPasses", "PASSES"},
-                           {"guid", "GUID"}},
+                           {"end", "ENDED", 2},
+                           {"totalPasses", "PASSES", 3},
+                           {"guid", "GUID", 1, true}},
                           options.json);
     for (auto const& log : logs) {
         printer.add(Json{{"scriptId", log.scriptId()},
@@ -141,6 +142,22 @@ void scripts(Options const& options, EventArgs const& args) {
 }
 
 // ---- Test runs, events, tips, failures
+
+// No reader answers whether a script run exists: an empty list of test runs cannot tell a run
+// without tests from a mistyped id.
+bool scriptRunExists(Options const& options, std::string const& path, long long scriptId) {
+    if (scriptId <= 0) return false;
+    auto const database = openReadOnly(path, readOnly(options));
+    zrn::ResultSet rows;
+    try {
+        database->execute(zrn::String("SELECT count(*) FROM `ScriptRuns` WHERE `scriptId` = " +
+                                      std::to_string(scriptId)),
+                          &rows);
+    } catch (zrn::Exception const& e) {
+        storeFailure(path, "cannot read the script runs: " + e.getMessage().str());
+    }
+    return rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0";
+}
 
 Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
     return Json{{"testId", log.testId()},
@@ -158,18 +175,22 @@ Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
 RecordPrinter testRunPrinter(Options const& options) {
     return RecordPrinter({{"testId", "TEST"},
                           {"testName", "NAME"},
-                          {"deviceName", "DEVICE"},
+                          {"deviceName", "DEVICE", 3},
                           {"result", "RESULT"},
-                          {"errorCode", "ERROR"},
-                          {"pass", "PASS"},
-                          {"start", "STARTED"},
-                          {"deviceGuid", "DEVICE GUID"}},
+                          {"errorCode", "ERROR", 1},
+                          {"pass", "PASS", 4},
+                          {"start", "STARTED", 2},
+                          {"deviceGuid", "DEVICE GUID", 0, true}},
                          options.json);
 }
 
 void tests(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
+    if (!scriptRunExists(options, store.path(), args.scriptId)) {
+        throw ToolError(NOT_FOUND,
+                        store.path() + ": no script run " + std::to_string(args.scriptId));
+    }
     RecordPrinter printer = testRunPrinter(options);
     for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until),
                                                     limitOf(options))) {
@@ -201,7 +222,7 @@ void events(Options const& options, EventArgs const& args) {
     RecordPrinter printer({{"time", "TIME"},
                            {"type", "TYPE"},
                            {"eventCode", "CODE"},
-                           {"customerEventCode", "CUSTOMER CODE"},
+                           {"customerEventCode", "CUSTOMER CODE", 1},
                            {"message", "MESSAGE"}},
                           options.json);
     for (auto const& log : logs) {
@@ -224,9 +245,12 @@ Json tip(Options const& options, zrn::TipResultLog const& log) {
 }
 
 RecordPrinter tipPrinter(Options const& options) {
-    return RecordPrinter(
-        {{"time", "TIME"}, {"key", "KEY"}, {"type", "TYPE"}, {"title", "TITLE"}, {"text", "TEXT"}},
-        options.json);
+    return RecordPrinter({{"time", "TIME"},
+                          {"key", "KEY", 0, true},
+                          {"type", "TYPE"},
+                          {"title", "TITLE"},
+                          {"text", "TEXT"}},
+                         options.json);
 }
 
 void tips(Options const& options, EventArgs const& args) {
@@ -247,6 +271,11 @@ void tips(Options const& options, EventArgs const& args) {
 }
 
 void failures(Options const& options, EventArgs const& args) {
+    if (args.deviceGuid.empty() && !(args.failResults.empty() && args.passResults.empty())) {
+        throw ToolError(USAGE,
+                        "--fail and --pass need a device GUID (see 'datastore failures "
+                        "--help')");
+    }
     TimeRange const range = timeRange(options);
     EventStore store(options);
     std::vector<zrn::TestRunResultLog> logs;
@@ -295,8 +324,8 @@ RecordPrinter alertPrinter(Options const& options) {
                           {"time", "TIME"},
                           {"type", "TYPE"},
                           {"title", "TITLE"},
-                          {"deviceName", "DEVICE"},
-                          {"tracked", "TRACKED"},
+                          {"deviceName", "DEVICE", 1},
+                          {"tracked", "TRACKED", 2},
                           {"message", "MESSAGE"}},
                          options.json);
 }
@@ -322,14 +351,14 @@ void oneAlert(Options const& options, EventArgs const& args) {
     auto const found = std::find_if(all.begin(), all.end(),
                                     [&](auto const& log) { return log.alertId() == args.alertId; });
     if (found == all.end())
-        throw ToolError(STORE, store.path() + ": no alert " + std::to_string(args.alertId));
+        throw ToolError(NOT_FOUND, store.path() + ": no alert " + std::to_string(args.alertId));
 
     RecordPrinter head = alertPrinter(options);
     head.add(tagged("alert", alert(options, *store, *found)));
     if (!options.json) std::cout << "Alert " << args.alertId << "\n";
     head.print(std::cout);
 
-    RecordPrinter keyValues({{"key", "KEY"}, {"value", "VALUE"}}, options.json);
+    RecordPrinter keyValues({{"key", "KEY", 0, true}, {"value", "VALUE"}}, options.json);
     for (auto const& kv : store->alertKeyValueResultLogs(args.alertId)) {
         keyValues.add(Json{{"record", "keyValue"},
                            {"alertId", args.alertId},
@@ -355,16 +384,34 @@ void measurements(Options const& options, EventArgs const& args) {
     EventStore store(options);
     RecordPrinter printer({{"type", "TYPE"},
                            {"spanStart", "SPAN START"},
-                           {"spanMiddle", "MIDDLE"},
-                           {"spanEnd", "END"},
+                           {"spanMiddle", "MIDDLE", 3},
+                           {"spanEnd", "END", 2},
                            {"minimum", "MIN"},
                            {"maximum", "MAX"},
                            {"average", "AVERAGE"},
-                           {"median", "MEDIAN"},
+                           {"median", "MEDIAN", 1},
                            {"numberOfSamples", "SAMPLES"}},
                           options.json);
-    for (auto const& log : store->measurementLogs(at(range.since), at(range.until),
-                                                  zrn::String(args.type), limitOf(options))) {
+    // The reader lists oldest first and would keep the oldest N: all are read and the newest
+    // N kept, still oldest first.
+    std::vector<zrn::MeasurementLog> logs =
+        store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type), 0);
+    if (logs.empty() && !args.type.empty()) {
+        std::set<std::string> types;
+        for (auto const& log : store->measurementLogs(at(range.since), at(range.until), "", 0))
+            types.insert(log.type().str());
+        std::string known;
+        for (auto const& type : types) known += (known.empty() ? "" : ", ") + ("'" + type + "'");
+        // An empty answer, not an error; the note on standard error says what would match.
+        std::cerr << "datastore: no measurements of type '" << args.type << "'"
+                  << (known.empty() ? " (none in this range)" : "; the types are " + known) << "\n";
+    }
+    std::size_t const first =
+        options.limit > 0 && logs.size() > static_cast<std::size_t>(options.limit)
+            ? logs.size() - static_cast<std::size_t>(options.limit)
+            : 0;
+    for (std::size_t i = first; i < logs.size(); ++i) {
+        zrn::MeasurementLog const& log = logs[i];
         printer.add(Json{{"type", log.type().str()},
                          {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
                          {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
@@ -400,7 +447,7 @@ void scriptlets(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer({{"time", "TIME"},
-                           {"key", "KEY"},
+                           {"key", "KEY", 0, true},
                            {"category", "CATEGORY"},
                            {"status", "STATUS"},
                            {"result", "RESULT"}},
@@ -466,9 +513,11 @@ void addEventCommands(CLI::App& app, Options& options) {
     c->add_option("device-guid", args.deviceGuid,
                   "The device (see DEVICE GUID in 'datastore tests')");
     c->add_option("--fail", args.failResults,
-                  "A result that counts as a failure (default FAIL); repeatable");
+                  "A result that counts as a failure (default FAIL); repeatable")
+        ->allow_extra_args(false);
     c->add_option("--pass", args.passResults,
-                  "A result that counts as a pass (default PASS); repeatable");
+                  "A result that counts as a pass (default PASS); repeatable")
+        ->allow_extra_args(false);
     c->callback(run(failures));
 
     c = addInspection(app, options, "alerts", "Alerts, newest first",
@@ -484,9 +533,10 @@ void addEventCommands(CLI::App& app, Options& options) {
         ->required();
     c->callback(run(oneAlert));
 
-    c = addInspection(app, options, "measurements",
-                      "Measurements whose span middle is in the range, oldest first",
-                      "datastore measurements --type 'CPU temperature' --since 2026-11-23");
+    c = addInspection(
+        app, options, "measurements",
+        "Measurements whose span middle is in the range, oldest first (--limit: the newest N)",
+        "datastore measurements --type 'CPU temperature' --since 2026-11-23");
     c->add_option("--type", args.type, "Only measurements of this type");
     c->callback(run(measurements));
 

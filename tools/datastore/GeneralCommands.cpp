@@ -74,11 +74,11 @@ void logs(Options const& options, GeneralArgs const& args) {
     // People get the columns they filter on; JSON has every field.
     RecordPrinter printer({{"created", "CREATED"},
                            {"category", "CATEGORY"},
-                           {"subCategory", "SUBCATEGORY"},
-                           {"tracked", "TRACKED"},
+                           {"subCategory", "SUBCATEGORY", 1},
+                           {"tracked", "TRACKED", 2},
                            {"keyValuesText", "KEY/VALUES"},
-                           {"guid", "GUID"},
-                           {"typeUUID", "TYPE"}},
+                           {"guid", "GUID", 0, true},
+                           {"typeUUID", "TYPE", 3, true}},
                           options.json);
     for (zrn::GenericLog const* log : sorted) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;

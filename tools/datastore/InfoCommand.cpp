@@ -4,17 +4,12 @@
 #include <libCommon/FileSystem.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
-#include <libDataStore/AppStateDataStore.h>
-#include <libDataStore/EventDataStore.h>
-#include <libDataStore/GeneralDataStore.h>
-#include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <algorithm>
 #include <climits>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
-#include <type_traits>
 #include <vector>
 
 #include "Commands.h"
@@ -34,34 +29,6 @@ struct StoreInfo {
     std::string problem;
     std::vector<std::pair<std::string, long long>> tables;
 };
-
-// The store's own opinion: its version and validity, asked of a read-only opening, so the file
-// is never completed, upgraded or otherwise written; a missing file is never opened.
-template <class StoreClass>
-void askStore(StoreInfo& info, bool hasVersion, zrn::ReadOnly const& reader) {
-    try {
-        StoreClass store{zrn::String(info.path), reader};
-        zrn::String error;
-        info.valid = store.checkValidity(error);
-        if (!info.valid) info.problem = error.str();
-        if constexpr (std::is_same_v<StoreClass, zrn::GeneralDataStore>) {
-            // Its failed opening shows only here.
-            if (!store.isInitialized()) info.valid = false;
-        }
-        if (hasVersion && info.valid) info.version = store.getVersion();
-    } catch (zrn::Exception const& e) {
-        info.problem = e.getMessage().str();
-    }
-}
-
-template <>
-void askStore<zrn::AppStateDataStore>(StoreInfo& info, bool, zrn::ReadOnly const& reader) {
-    // Never throws; a failed opening shows as invalid.
-    zrn::AppStateDataStore const store{zrn::String(info.path), reader};
-    zrn::String error;
-    info.valid = store.checkValidity(error);
-    if (!info.valid) info.problem = error.empty() ? "cannot open" : error.str();
-}
 
 void countRows(StoreInfo& info, zrn::ReadOnly const& reader) {
     try {
@@ -98,20 +65,17 @@ StoreInfo inspect(Options const& options, Store store) {
     std::error_code error;
     auto const size = std::filesystem::file_size(info.path, error);
     if (!error) info.size = static_cast<long long>(size);
-    switch (store) {
-        case Store::AppState:
-            askStore<zrn::AppStateDataStore>(info, false, readOnly(options));
-            break;
-        case Store::General:
-            askStore<zrn::GeneralDataStore>(info, true, readOnly(options));
-            break;
-        case Store::Event:
-            askStore<zrn::EventDataStore>(info, true, readOnly(options));
-            break;
-        case Store::SoftwareDiag:
-            askStore<zrn::SoftwareDiagEventDataStore>(info, true, readOnly(options));
-            break;
+    // A damaged file is never handed to a store, which could call it valid or write to it.
+    std::vector<std::string> const damage = storeDamage(info.path, store, readOnly(options));
+    if (!damage.empty()) {
+        for (auto const& problem : damage)
+            info.problem += (info.problem.empty() ? "damaged: " : "; ") + problem;
+        return info;
     }
+    int version = -1;
+    info.problem = storeValidity(info.path, store, readOnly(options), version);
+    info.valid = info.problem.empty();
+    if (version >= 0) info.version = version;
     countRows(info, readOnly(options));
     if (!info.valid && info.problem.empty()) info.problem = QuietLog::takeFirstError();
     QuietLog::takeFirstError();
@@ -129,7 +93,7 @@ void info(Options const& options) {
                            {"size", "SIZE"},
                            {"version", "VERSION"},
                            {"valid", "VALID"},
-                           {"path", "PATH"}},
+                           {"path", "PATH", 0, true}},
                           options.json);
     RecordPrinter tables({{"store", "STORE"}, {"table", "TABLE"}, {"rows", "ROWS"}}, false);
     for (StoreInfo const& store : stores) {
@@ -138,7 +102,8 @@ void info(Options const& options) {
                     {"exists", store.exists},
                     {"size", store.exists && store.size >= 0 ? Json(store.size) : Json()},
                     {"version", store.version},
-                    {"valid", store.exists ? Json(store.valid) : Json()}};
+                    {"valid", store.exists ? Json(store.valid) : Json()},
+                    {"folderSource", folderSource(options)}};
         if (!store.problem.empty()) record["problem"] = store.problem;
         Json rows = Json::object();
         for (auto const& [table, count] : store.tables) {
@@ -147,6 +112,9 @@ void info(Options const& options) {
         }
         if (options.json) record["tables"] = std::move(rows);
         summary.add(std::move(record));
+    }
+    if (!options.json) {
+        std::cout << "Stores from " << folderSource(options) << "\n";
     }
     summary.print(std::cout);
     if (!options.json && tables.count() > 0) {

@@ -4,17 +4,21 @@
 #include <libCommon/String.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utf8proc.h>
 
 #include <algorithm>
 #include <cctype>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <sstream>
 
 namespace datastore {
 
 namespace {
-
-std::size_t characters(std::string const& text) { return zrn::String(text).size(); }
 
 // Numbers and times are never cut: a cut one would read as another value.
 bool uncuttable(Json const& value) {
@@ -31,11 +35,131 @@ bool uncuttable(Json const& value) {
 }
 
 std::string padded(std::string const& text, std::size_t width) {
-    std::size_t const length = characters(text);
+    std::size_t const length = displayWidth(text);
     return length >= width ? text : text + std::string(width - length, ' ');
 }
 
+// Calls `each(codePoint, bytes)` for every character of `text`; an invalid byte comes as
+// U+FFFD of one byte.
+template <class Each>
+void forEachCharacter(std::string const& text, Each&& each) {
+    auto const* bytes = reinterpret_cast<utf8proc_uint8_t const*>(text.data());
+    utf8proc_ssize_t const size = static_cast<utf8proc_ssize_t>(text.size());
+    for (utf8proc_ssize_t i = 0; i < size;) {
+        utf8proc_int32_t codePoint = 0;
+        utf8proc_ssize_t const length = utf8proc_iterate(bytes + i, size - i, &codePoint);
+        if (length <= 0) {
+            each(0xFFFD, std::string("\xEF\xBF\xBD"));
+            ++i;
+        } else {
+            each(codePoint,
+                 text.substr(static_cast<std::size_t>(i), static_cast<std::size_t>(length)));
+            i += length;
+        }
+    }
+}
+
+std::vector<Json>& collected() {
+    static std::vector<Json> records;
+    return records;
+}
+bool g_collecting = false;
+bool g_sectionPrinted = false;
+
+std::string csvCell(std::string const& text, char separator) {
+    if (text.find_first_of(std::string("\"\r\n") + separator) == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+std::string dumped(Json const& value) {
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 }  // namespace
+
+OutputStyle& outputStyle() {
+    static OutputStyle style;
+    return style;
+}
+
+bool formatNamed(std::string const& name, Format& format) {
+    static std::pair<char const*, Format> const names[] = {
+        {"table", Format::Table}, {"ndjson", Format::Ndjson},
+        {"json", Format::Json},   {"json-pretty", Format::JsonPretty},
+        {"csv", Format::Csv},     {"tsv", Format::Tsv}};
+    for (auto const& [text, value] : names) {
+        if (name == text) {
+            format = value;
+            return true;
+        }
+    }
+    return false;
+}
+
+char const* formatNames() { return "table, ndjson, json, json-pretty, csv, tsv"; }
+
+std::string validUtf8(std::string const& text) {
+    std::string result;
+    result.reserve(text.size());
+    forEachCharacter(text, [&](utf8proc_int32_t, std::string const& bytes) { result += bytes; });
+    return result;
+}
+
+std::string escaped(std::string const& text) {
+    std::string result;
+    result.reserve(text.size());
+    forEachCharacter(text, [&](utf8proc_int32_t c, std::string const& bytes) {
+        char hex[16];
+        switch (c) {
+            case '\n':
+            case '\t':
+                result += ' ';
+                return;
+            case '\a':
+                result += "\\a";
+                return;
+            case '\b':
+                result += "\\b";
+                return;
+            case '\f':
+                result += "\\f";
+                return;
+            case '\r':
+                result += "\\r";
+                return;
+            case '\v':
+                result += "\\v";
+                return;
+            case 0x1B:
+                result += "\\e";
+                return;
+            default:
+                break;
+        }
+        if (c < 0x20 || c == 0x7F) {
+            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(c));
+            result += hex;
+        } else if (c >= 0x80 && c < 0xA0) {
+            // C1 controls: U+009B alone starts an escape sequence on some terminals.
+            std::snprintf(hex, sizeof hex, "\\u%04x", static_cast<unsigned>(c));
+            result += hex;
+        } else {
+            result += bytes;
+        }
+    });
+    return result;
+}
+
+std::size_t displayWidth(std::string const& text) {
+    std::size_t width = 0;
+    forEachCharacter(text, [&](utf8proc_int32_t c, std::string const&) {
+        int const w = utf8proc_charwidth(c);
+        width += w > 0 ? static_cast<std::size_t>(w) : 0;
+    });
+    return width;
+}
 
 std::string displayText(Json const& value) {
     if (value.is_null()) return "";
@@ -46,36 +170,52 @@ std::string displayText(Json const& value) {
         std::snprintf(text, sizeof text, "%.2f", value.get<double>());
         return text;
     }
-    return value.dump();
+    return dumped(value);
 }
 
 std::size_t terminalWidth() {
+    if (!::isatty(STDOUT_FILENO)) return 0;
     if (char const* columns = std::getenv("COLUMNS")) {
         long const width = std::strtol(columns, nullptr, 10);
         if (width > 0) return static_cast<std::size_t>(width);
     }
     winsize size{};
-    if (::isatty(STDOUT_FILENO) && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 &&
-        size.ws_col > 0) {
-        return size.ws_col;
-    }
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
     return 0;
 }
 
 std::string fit(std::string const& text, std::size_t width) {
-    zrn::String const s(text);
-    if (s.size() <= width) return text;
-    if (width <= 3) return s.subString(0, static_cast<unsigned>(width)).str();
-    return s.subString(0, static_cast<unsigned>(width - 3)).str() + "...";
+    if (displayWidth(text) <= width) return text;
+    std::size_t const room = width <= 3 ? width : width - 3;
+    std::string cut;
+    std::size_t used = 0;
+    bool full = false;
+    forEachCharacter(text, [&](utf8proc_int32_t c, std::string const& bytes) {
+        if (full) return;
+        int const w = std::max(0, utf8proc_charwidth(c));
+        if (used + static_cast<std::size_t>(w) > room) {
+            full = true;
+            return;
+        }
+        used += static_cast<std::size_t>(w);
+        cut += bytes;
+    });
+    if (width <= 3) return cut;
+    // A wide character that did not fit leaves one column: keep the cut at `width`.
+    return cut + std::string(room - used, ' ') + "...";
 }
 
 std::string localTime(long long unixSeconds) {
     if (unixSeconds <= 0) return "";
-    zrn::DateTime const t = zrn::DateTime::fromUnixTimeStamp(unixSeconds).toLocalTime();
+    std::time_t const t = static_cast<std::time_t>(unixSeconds);
+    std::tm parts{};
+    if (outputStyle().utc) {
+        gmtime_r(&t, &parts);
+    } else {
+        localtime_r(&t, &parts);
+    }
     char text[32];
-    std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", unsigned{t.getYear()},
-                  unsigned{t.getMonth()}, unsigned{t.getDay()}, unsigned{t.getHour()},
-                  unsigned{t.getMinute()}, unsigned{t.getSecond()});
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
     return text;
 }
 
@@ -95,8 +235,31 @@ Json tagged(char const* kind, Json record) {
 }
 
 void printSection(std::ostream& out, bool json, char const* title, RecordPrinter const& printer) {
-    if (!json) out << "\n" << title << "\n";
+    Format const format = outputStyle().format;
+    if (!json) {
+        out << "\n" << title << "\n";
+    } else if ((format == Format::Csv || format == Format::Tsv) && g_sectionPrinted) {
+        out << "\n";
+    }
     printer.print(out);
+}
+
+void finishOutput(std::ostream& out) {
+    if (!g_collecting) return;
+    Json array = Json::array();
+    for (auto& record : collected()) array.push_back(std::move(record));
+    collected().clear();
+    g_collecting = false;
+    if (outputStyle().format == Format::JsonPretty) {
+        out << array.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    } else {
+        out << dumped(array) << "\n";
+    }
+}
+
+bool useColour() {
+    char const* noColour = std::getenv("NO_COLOR");
+    return (!noColour || !*noColour) && ::isatty(STDOUT_FILENO);
 }
 
 RecordPrinter::RecordPrinter(std::vector<Field> fields, bool json)
@@ -105,43 +268,119 @@ RecordPrinter::RecordPrinter(std::vector<Field> fields, bool json)
 void RecordPrinter::add(Json record) { m_records.push_back(std::move(record)); }
 
 void RecordPrinter::print(std::ostream& out) const {
-    if (m_json) {
-        for (auto const& record : m_records) out << record.dump() << "\n";
+    if (!m_json) {
+        printTable(out);
         return;
     }
+    g_sectionPrinted = true;
+    switch (outputStyle().format) {
+        case Format::Table:
+        case Format::Ndjson:
+            for (auto const& record : m_records) out << dumped(record) << "\n";
+            return;
+        case Format::Json:
+        case Format::JsonPretty:
+            g_collecting = true;
+            for (auto const& record : m_records) collected().push_back(record);
+            return;
+        case Format::Csv:
+            printSeparated(out, ',');
+            return;
+        case Format::Tsv:
+            printSeparated(out, '\t');
+            return;
+    }
+}
+
+void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
+    // The columns: the fields' members, then any other member the records have, in the order
+    // they first appear. Headers are the members' names, as in the JSON formats.
+    std::vector<std::string> keys;
+    for (auto const& field : m_fields) keys.push_back(field.key);
+    for (auto const& record : m_records) {
+        for (auto const& item : record.items()) {
+            if (std::find(keys.begin(), keys.end(), item.key()) == keys.end())
+                keys.push_back(item.key());
+        }
+    }
+    // On a terminal, control characters are escaped as in tables; a file gets them as stored.
+    bool const terminal = ::isatty(STDOUT_FILENO) != 0;
+    auto cell = [&](std::string const& text) {
+        return csvCell(terminal ? escaped(text) : validUtf8(text), separator);
+    };
+    std::string line;
+    for (std::size_t c = 0; c < keys.size(); ++c)
+        line += (c ? std::string(1, separator) : "") + cell(keys[c]);
+    out << line << "\r\n";
+    for (auto const& record : m_records) {
+        line.clear();
+        for (std::size_t c = 0; c < keys.size(); ++c) {
+            auto const it = record.find(keys[c]);
+            std::string text;
+            if (it != record.end() && !it->is_null()) {
+                text = it->is_string()    ? it->get<std::string>()
+                       : it->is_boolean() ? (it->get<bool>() ? "true" : "false")
+                                          : dumped(*it);
+            }
+            line += (c ? std::string(1, separator) : "") + cell(text);
+        }
+        out << line << "\r\n";
+    }
+}
+
+void RecordPrinter::printTable(std::ostream& out) const {
     std::size_t const columns = m_fields.size();
     std::vector<std::vector<std::string>> cells;
     std::vector<std::size_t> widths(columns);
     std::vector<bool> fixed(columns, true);
-    for (std::size_t c = 0; c < columns; ++c) widths[c] = characters(m_fields[c].header);
+    for (std::size_t c = 0; c < columns; ++c) widths[c] = displayWidth(m_fields[c].header);
     for (auto const& record : m_records) {
         std::vector<std::string> row;
         for (std::size_t c = 0; c < columns; ++c) {
             auto const it = record.find(m_fields[c].key);
-            if (it != record.end() && !uncuttable(*it)) fixed[c] = false;
-            std::string text = it == record.end() ? "" : displayText(*it);
-            std::replace(text.begin(), text.end(), '\n', ' ');
-            std::replace(text.begin(), text.end(), '\t', ' ');
-            widths[c] = std::max(widths[c], characters(text));
+            if (it != record.end() && !uncuttable(*it) && !m_fields[c].id) fixed[c] = false;
+            std::string text = escaped(it == record.end() ? "" : displayText(*it));
+            widths[c] = std::max(widths[c], displayWidth(text));
             row.push_back(std::move(text));
         }
         cells.push_back(std::move(row));
     }
 
-    // Shrink the widest text column that can still give until the line fits; no column goes
-    // below its header or 8 characters, so a very narrow terminal still gets readable, longer
-    // lines. Columns of numbers and times keep their width.
-    std::size_t const limit = terminalWidth();
+    std::size_t const limit = outputStyle().wide ? 0 : terminalWidth();
+    std::vector<bool> shown(columns, true);
+    auto total = [&](std::size_t textWidth) {
+        std::size_t sum = 0, count = 0;
+        for (std::size_t c = 0; c < columns; ++c) {
+            if (shown[c]) sum += fixed[c] ? widths[c] : std::min(widths[c], textWidth), ++count;
+        }
+        return sum + (count ? 2 * (count - 1) : 0);
+    };
+    // First the columns a reader misses least go, lowest priority first, until the rest fits
+    // with free texts of 20 columns; only then are texts cut.
+    while (limit > 0 && total(20) > limit) {
+        std::size_t drop = columns;
+        for (std::size_t c = 0; c < columns; ++c) {
+            if (shown[c] && m_fields[c].drop > 0 &&
+                (drop == columns || m_fields[c].drop >= m_fields[drop].drop))
+                drop = c;
+        }
+        if (drop == columns) break;
+        shown[drop] = false;
+    }
+
+    // Then the widest text column that can still give shrinks until the line fits; no column
+    // goes below its header or 8 characters, so a very narrow terminal still gets readable,
+    // longer lines. Identifiers, numbers and times keep their width.
     std::vector<std::size_t> floors(columns);
     for (std::size_t c = 0; c < columns; ++c) {
-        floors[c] = fixed[c] ? widths[c] : std::max<std::size_t>(8, characters(m_fields[c].header));
+        floors[c] =
+            fixed[c] ? widths[c] : std::max<std::size_t>(8, displayWidth(m_fields[c].header));
     }
-    std::size_t total = columns ? 2 * (columns - 1) : 0;
-    for (auto w : widths) total += w;
-    for (; limit > 0 && total > limit; --total) {
+    for (std::size_t sum = total(SIZE_MAX); limit > 0 && sum > limit; --sum) {
         std::size_t widest = columns;
         for (std::size_t c = 0; c < columns; ++c) {
-            if (widths[c] > floors[c] && (widest == columns || widths[c] > widths[widest]))
+            if (shown[c] && widths[c] > floors[c] &&
+                (widest == columns || widths[c] > widths[widest]))
                 widest = c;
         }
         if (widest == columns) break;
@@ -149,18 +388,80 @@ void RecordPrinter::print(std::ostream& out) const {
         --widths[widest];
     }
 
-    auto line = [&](auto const& texts) {
+    bool const colour = useColour();
+    std::size_t last = columns;
+    for (std::size_t c = 0; c < columns; ++c) {
+        if (shown[c]) last = c;
+    }
+    auto line = [&](auto const& texts, bool header) {
         std::string text;
         for (std::size_t c = 0; c < columns; ++c) {
+            if (!shown[c]) continue;
             std::string const cell = fit(texts[c], widths[c]);
-            text += c + 1 < columns ? padded(cell, widths[c]) + "  " : cell;
+            std::string const spaced = c != last ? padded(cell, widths[c]) + "  " : cell;
+            // Failures stand out; the escape codes go around the padded text so that they
+            // take no width.
+            if (colour && !header && (cell == "FAIL" || cell == "ERROR")) {
+                text += "\x1b[31m" + cell + "\x1b[0m" + spaced.substr(cell.size());
+            } else {
+                text += spaced;
+            }
         }
         out << text << "\n";
     };
     std::vector<std::string> headers;
     for (auto const& field : m_fields) headers.push_back(field.header);
-    line(headers);
-    for (auto const& row : cells) line(row);
+    line(headers, true);
+    for (auto const& row : cells) line(row, false);
+}
+
+// ---- Pager
+
+struct Pager::Held {
+    std::ostringstream text;
+    std::streambuf* original = nullptr;
+};
+
+Pager::Pager(bool enabled) {
+    if (!enabled || !::isatty(STDOUT_FILENO)) return;
+    m_held = new Held;
+    m_held->original = std::cout.rdbuf(m_held->text.rdbuf());
+}
+
+Pager::~Pager() { finish(); }
+
+void Pager::finish() {
+    if (!m_held) return;
+    std::cout.rdbuf(m_held->original);
+    std::string const text = m_held->text.str();
+    delete m_held;
+    m_held = nullptr;
+
+    std::size_t rows = 0;
+    winsize size{};
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) rows = size.ws_row;
+    std::size_t const lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    std::string command = "less -FRSX";
+    for (char const* name : {"DATASTORE_PAGER", "PAGER"}) {
+        if (char const* value = std::getenv(name)) {
+            command = value;
+            break;
+        }
+    }
+    if (rows == 0 || lines < rows || command.empty() || command == "cat") {
+        std::cout << text << std::flush;
+        return;
+    }
+    std::cout.flush();
+    // Quitting the pager early closes the pipe: that ends the output, not the program.
+    auto const previous = std::signal(SIGPIPE, SIG_IGN);
+    if (FILE* pipe = ::popen(command.c_str(), "w")) {
+        std::fwrite(text.data(), 1, text.size(), pipe);
+        ::pclose(pipe);
+    } else {
+        std::cout << text << std::flush;
+    }
+    std::signal(SIGPIPE, previous);
 }
 
 }  // namespace datastore

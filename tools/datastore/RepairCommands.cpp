@@ -47,10 +47,10 @@ void sessions(Options const& options, RepairArgs const& args) {
         bound(range.since), bound(range.until), !args.ascending, static_cast<int>(options.limit));
     RecordPrinter printer({{"sessionId", "SESSION"},
                            {"start", "STARTED"},
-                           {"end", "ENDED"},
-                           {"issues", "ISSUES"},
-                           {"fixActions", "FIX ACTIONS"},
-                           {"restorePoint", "RESTORE POINT"}},
+                           {"end", "ENDED", 3},
+                           {"issues", "ISSUES", 1},
+                           {"fixActions", "FIX ACTIONS", 2},
+                           {"restorePoint", "RESTORE POINT", 0, true}},
                           options.json);
     for (unsigned i = 0; i < list.size(); ++i) {
         zrn::SessionLog const session = list.get(i);
@@ -73,7 +73,7 @@ void session(Options const& options, RepairArgs const& args) {
     auto const store = openStore(options, path);
     zrn::SessionList const found = store->getSession(args.sessionId);
     if (found.size() == 0) {
-        throw ToolError(STORE, path + ": no session " + std::to_string(args.sessionId));
+        throw ToolError(NOT_FOUND, path + ": no session " + std::to_string(args.sessionId));
     }
     zrn::SessionLog const session = found.get(0);
 
@@ -98,7 +98,7 @@ void session(Options const& options, RepairArgs const& args) {
 
     RecordPrinter transactions({{"record", "KIND"},
                                 {"id", "ID"},
-                                {"restorePoint", "RESTORE POINT"},
+                                {"restorePoint", "RESTORE POINT", 0, true},
                                 {"start", "STARTED"},
                                 {"end", "ENDED"}},
                                options.json);
@@ -129,7 +129,7 @@ void session(Options const& options, RepairArgs const& args) {
                                {"result", "RESULT"},
                                {"start", "STARTED"},
                                {"end", "ENDED"},
-                               {"uuid", "UUID"}},
+                               {"uuid", "UUID", 0, true}},
                               options.json);
     if (run) {
         zrn::SoftwareDiagnosticList const list =

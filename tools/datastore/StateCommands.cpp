@@ -40,7 +40,7 @@ void list(Options const& options, StateArgs const& args) {
     zrn::ReadOnly const reader = readOnly(options);
     zrn::AppStateDataStore const store = openStore(path, &reader);
     RecordPrinter printer(
-        {{"key", "KEY"}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
+        {{"key", "KEY", 0, true}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
         options.json);
     for (auto const& [key, data] : store.getItems(zrn::String(args.group))) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
@@ -59,7 +59,7 @@ void get(Options const& options, StateArgs const& args) {
     zrn::AppStateDataStore const store = openStore(path, &reader);
     zrn::String const key(args.key);
     if (!store.contains(key))
-        throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
+        throw ToolError(NOT_FOUND, path + ": no item with the key '" + args.key + "'");
     zrn::String const data = store.data(key);
     if (options.json) {
         std::cout << Json{{"key", args.key},
@@ -91,7 +91,7 @@ void remove(Options const& options, StateArgs const& args) {
     zrn::AppStateDataStore store = openStore(path);
     zrn::String const key(args.key);
     if (!store.contains(key))
-        throw ToolError(STORE, path + ": no item with the key '" + args.key + "'");
+        throw ToolError(NOT_FOUND, path + ": no item with the key '" + args.key + "'");
     if (!store.remove(key)) storeFailure(path, "cannot remove '" + args.key + "'");
 }
 

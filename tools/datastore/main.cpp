@@ -2,14 +2,72 @@
 
 #include <libCommon/Exception.h>
 
+#include <algorithm>
+#include <cstring>
 #include <iostream>
+#include <numeric>
 
 #include "Commands.h"
+#include "Output.h"
 
-int main(int argc, char** argv) {
-    using namespace datastore;
-    QuietLog const quiet;
+namespace {
 
+using namespace datastore;
+
+std::size_t editDistance(std::string const& a, std::string const& b) {
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            std::size_t const above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// The first word of the command line that is neither an option nor an option's value: the
+// command the user meant. Empty when there is none.
+std::string commandWord(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        std::string const arg = argv[i];
+        if (arg.rfind("-", 0) != 0) return arg;
+        bool const takesValue =
+            arg == "--dir" || arg == "--file" || arg == "-o" || arg == "--output";
+        if (takesValue) ++i;
+    }
+    return "";
+}
+
+// One line for a parse error: an unknown command with the nearest one, else CLI11's message.
+std::string parseErrorLine(CLI::App const& app, CLI::ParseError const& e, int argc, char** argv) {
+    std::string const word = commandWord(argc, argv);
+    std::vector<CLI::App const*> const commands =
+        app.get_subcommands([](CLI::App const*) { return true; });
+    bool const known = std::any_of(commands.begin(), commands.end(),
+                                   [&](CLI::App const* c) { return c->check_name(word); });
+    if (!word.empty() && !known) {
+        std::string nearest;
+        std::size_t best = 0;
+        for (CLI::App const* command : commands) {
+            std::size_t const distance = editDistance(word, command->get_name());
+            if (nearest.empty() || distance < best) nearest = command->get_name(), best = distance;
+        }
+        std::string line = "'" + word + "' is not a command";
+        // Farther than half the word is a different word, not a typo.
+        if (!nearest.empty() && best <= std::max<std::size_t>(2, word.size() / 2))
+            line += "; did you mean '" + nearest + "'?";
+        return line + " (see 'datastore --help')";
+    }
+    std::string message = e.what();
+    std::replace(message.begin(), message.end(), '\n', ' ');
+    return message;
+}
+
+int run(int argc, char** argv) {
     CLI::App app{
         "Records and inspects the diagnostics suite's stores (appstate.db, genstore.db, "
         "event.db, softwarediagevent.db).",
@@ -18,36 +76,64 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", DATASTORE_VERSION);
     app.footer(
         "Run 'datastore <command> --help' for a command's options and an example.\n"
-        "Times: --since/--until take 2026-11-23, 2026-11-23T14:05:00[+01:00] or Unix seconds.\n"
-        "Exit codes: 0 success, 1 usage error, 2 store error.");
+        "Folder of the stores: --dir, else $DATASTORE_DIR, else $XDG_DATA_HOME/datastore "
+        "(~/.local/share/datastore).\n"
+        "Common options (--dir, --file, -o, --json, --utc, --wide, --no-pager) go before or "
+        "after the command.\n"
+        "Times: --since/--until take 2026-11-23, 2026-11-23T14:05:00[+01:00], now, today, "
+        "yesterday, -30m, -12h, -7d, -2w, Unix seconds (9 or more digits, or @N).\n"
+        "Pager: $DATASTORE_PAGER, else $PAGER, else 'less -FRSX'; NO_COLOR turns colour off.\n"
+        "Exit codes: 0 success, 1 usage error, 2 store error (cannot open or read), 3 damaged "
+        "store (check), 4 no such record.");
     Options options;
+    addCommonOptions(app, options);
     addDemoCommand(app, options);
     addInfoCommand(app, options);
+    addCheckCommand(app, options);
+    addSummaryCommand(app, options);
     addEventCommands(app, options);
     addGeneralCommands(app, options);
     addStateCommands(app, options);
     addRepairCommands(app, options);
 
+    bool const noPager = std::any_of(
+        argv + 1, argv + argc, [](char const* arg) { return !std::strcmp(arg, "--no-pager"); });
+    Pager pager(!noPager);
     try {
         app.parse(argc, argv);
+        finishOutput(std::cout);
     } catch (CLI::CallForVersion const& e) {
         std::cout << e.what() << "\n";
         return OK;
+    } catch (CLI::CallForHelp const& e) {
+        return app.exit(e);
+    } catch (CLI::CallForAllHelp const& e) {
+        return app.exit(e);
     } catch (CLI::ParseError const& e) {
-        // Help and --version end here too, with 0.
-        return app.exit(e) == 0 ? OK : USAGE;
+        pager.finish();
+        std::cerr << "datastore: " << parseErrorLine(app, e, argc, argv) << "\n";
+        return USAGE;
     } catch (ToolError const& e) {
-        std::cout.flush();
+        // What a command printed before it failed (check, info) is still one whole document.
+        finishOutput(std::cout);
+        pager.finish();
         std::cerr << "datastore: " << e.what() << "\n";
         return e.code();
     } catch (zrn::Exception const& e) {
-        std::cout.flush();
+        pager.finish();
         std::cerr << "datastore: " << e.getMessage() << "\n";
         return STORE;
     } catch (std::exception const& e) {
-        std::cout.flush();
+        pager.finish();
         std::cerr << "datastore: " << e.what() << "\n";
         return STORE;
     }
     return OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    datastore::QuietLog const quiet;
+    return run(argc, argv);
 }
