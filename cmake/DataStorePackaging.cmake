@@ -40,6 +40,11 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 # dpkg-shlibdeps finds libc, libstdc++ and libsqlite3; the dependency on this project's own
 # libraries comes from the component dependencies above, with the exact version.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# dpkg-shlibdeps must still see the tool's libraries: they are found where they were built.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    ${PROJECT_BINARY_DIR}/libCommon ${PROJECT_BINARY_DIR}/libDataStore)
+# The runtime package declares its libraries (a shlibs file) for packages built against it.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${DATASTORE_DEB_RUNTIME})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${DATASTORE_DEB_DEV})
