@@ -33,6 +33,8 @@ libdir=$(PKG_CONFIG_PATH="$pcdir" pkg-config --variable=libdir datastore)
 g++ -o "$consumer/consumer-pkgconfig" examples/consumer/main.cpp \
     $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs datastore) -Wl,-rpath,"$libdir"
 "$consumer/consumer-pkgconfig" "$consumer/event-pkgconfig.db"
+# C++17 is a minimum: no -std flag that would pull a newer consumer back.
+if PKG_CONFIG_PATH="$pcdir" pkg-config --cflags datastore | grep -e '-std='; then exit 1; fi
 
 "$prefix/bin/datastore" demo --dir "$consumer/stores" > /dev/null
 "$prefix/bin/datastore" info --dir "$consumer/stores"
@@ -54,7 +56,7 @@ cmake --build "$deb" -j "$jobs"
 rm -f "$deb"/*.deb
 (cd "$deb" && cpack -G DEB)
 root="$PWD/$deb/root"
-rm -rf "$root"
+rm -rf "$root" "$deb/consumer"
 for package in "$deb"/*.deb; do
     dpkg-deb --info "$package" | grep -E '^ (Package|Depends):'
     dpkg-deb -x "$package" "$root"
