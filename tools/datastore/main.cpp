@@ -10,8 +10,8 @@
 
 namespace {
 
-// The word lists of a value the option takes, "{a,b->1,c}" in CLI11's type name, when it
-// lists them; empty otherwise.
+// The words an option takes when CLI11 lists them in its type name ("TEXT:{a,b->1,c}");
+// empty for any other option.
 std::string choicesOf(CLI::Option const& option) {
     std::string const type = option.get_type_name();
     std::size_t const open = type.find('{');
