@@ -4,6 +4,7 @@ set -euo pipefail
 
 packages=(
     g++ cmake make pkg-config clang-format
+    help2man doxygen file dpkg-dev bash-completion zsh man-db groff-base
     libsqlite3-dev sqlite3 tzdata
     libboost-dev
     libgtest-dev libgmock-dev

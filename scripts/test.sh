@@ -3,7 +3,9 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer that halts on the first report; then the
 # threaded tests once more under ThreadSanitizer.
 # The normal phase also installs into a fresh prefix and builds and runs an outside project
-# (examples/consumer) against it, once through CMake's package and once through pkg-config.
+# (examples/consumer) against it, through CMake's package, through pkg-config and from the build
+# tree, and builds the API reference. Then the Debian packages are built, unpacked into a scratch
+# root and used, and a static build is installed and consumed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,9 +34,63 @@ libdir=$(PKG_CONFIG_PATH="$pcdir" pkg-config --variable=libdir datastore)
 g++ -o "$consumer/consumer-pkgconfig" examples/consumer/main.cpp \
     $(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs datastore) -Wl,-rpath,"$libdir"
 "$consumer/consumer-pkgconfig" "$consumer/event-pkgconfig.db"
+# C++17 is a minimum: no -std flag that would pull a newer consumer back.
+if PKG_CONFIG_PATH="$pcdir" pkg-config --cflags datastore | grep -e '-std='; then exit 1; fi
 
 "$prefix/bin/datastore" demo --dir "$consumer/stores" > /dev/null
 "$prefix/bin/datastore" info --dir "$consumer/stores"
+
+cmake -S examples/consumer -B "$consumer-tree" -DDataStore_DIR="$PWD/build"
+cmake --build "$consumer-tree" -j "$jobs"
+"$consumer-tree/consumer" "$consumer/event-tree.db"
+
+cmake --build build --target docs
+
+# Embedded with add_subdirectory: only the libraries (configuring is the check)
+cmake -S tests/embed -B build/embed > /dev/null
+
+# ---- Debian packages: built from a Release build for /usr, unpacked into a scratch root
+deb=build-deb
+cmake -S . -B "$deb" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DDATASTORE_BUILD_TESTS=OFF -DDATASTORE_BUILD_EXAMPLES=OFF -DDATASTORE_BUILD_DOCS=OFF
+cmake --build "$deb" -j "$jobs"
+rm -f "$deb"/*.deb
+(cd "$deb" && cpack -G DEB)
+root="$PWD/$deb/root"
+rm -rf "$root" "$deb/consumer"
+for package in "$deb"/*.deb; do
+    dpkg-deb --info "$package" | grep -E '^ (Package|Depends):'
+    dpkg-deb -x "$package" "$root"
+done
+"$root/usr/bin/datastore" demo --dir "$root/stores" > /dev/null
+"$root/usr/bin/datastore" alerts --dir "$root/stores" --limit 1
+test -f "$root/usr/share/man/man1/datastore.1.gz" -o -f "$root/usr/share/man/man1/datastore.1"
+test -f "$root/usr/share/bash-completion/completions/datastore"
+test -f "$root/usr/share/zsh/site-functions/_datastore"
+# Stripped: no symbol table left in the tool or the libraries.
+if file "$root/usr/bin/datastore" "$root"/usr/lib/*/lib*.so.* | grep 'not stripped'; then exit 1; fi
+cmake -S examples/consumer -B "$deb/consumer" -DCMAKE_PREFIX_PATH="$root/usr"
+cmake --build "$deb/consumer" -j "$jobs"
+debpc=$(dirname "$(find "$root" -name datastore.pc -print -quit)")
+debLibdir=$(PKG_CONFIG_PATH="$debpc" pkg-config --variable=libdir datastore)
+LD_LIBRARY_PATH=$debLibdir "$deb/consumer/consumer" "$deb/consumer/event.db"
+# shellcheck disable=SC2046 # the flags are meant to split
+g++ -std=c++20 -o "$deb/consumer/consumer-pkgconfig" examples/consumer/main.cpp \
+    $(PKG_CONFIG_PATH="$debpc" pkg-config --cflags --libs datastore)
+LD_LIBRARY_PATH=$debLibdir "$deb/consumer/consumer-pkgconfig" "$deb/consumer/event-pkgconfig.db"
+
+# ---- Static archives: installed, then a consumer through find_package carries no .so of ours
+static=build-static
+rm -rf "$static/install" "$static/consumer"
+cmake -S . -B "$static" -DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=OFF \
+    -DDATASTORE_BUILD_TESTS=OFF -DDATASTORE_BUILD_EXAMPLES=OFF -DDATASTORE_BUILD_TOOLS=OFF \
+    -DDATASTORE_BUILD_DOCS=OFF
+cmake --build "$static" -j "$jobs"
+cmake --install "$static" --prefix "$static/install"
+cmake -S examples/consumer -B "$static/consumer" -DCMAKE_PREFIX_PATH="$PWD/$static/install"
+cmake --build "$static/consumer" -j "$jobs"
+if ldd "$static/consumer/consumer" | grep -E 'lib(DataStore|Common)'; then exit 1; fi
+"$static/consumer/consumer" "$static/consumer/event.db"
 
 # ---- Phase 2: everything again under the sanitizers
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DDATASTORE_SANITIZE=ON -DDATASTORE_BUILD_TESTS=ON -DDATASTORE_BUILD_BENCHMARKS=OFF

@@ -326,8 +326,13 @@ void addJsonOption(CLI::App& command, Options& options) {
                 outputStyle().format = format;
                 options.json = format != Format::Table;
             },
-            std::string("Output format: ") + formatNames() + " (default table)")
-        ->type_name("FORMAT");
+            "Output format (default table)")
+        // The braces list the formats where the shell completions look for an option's words.
+        ->type_name([] {
+            std::string names = formatNames();
+            names.erase(std::remove(names.begin(), names.end(), ' '), names.end());
+            return "FORMAT:{" + names + "}";
+        }());
     command.add_flag_callback(
         "--json",
         [&options] {
