@@ -333,7 +333,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
 void EventDataStore::createDataStores() {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
 
-    Database database(new SQLite3Database(m_dataStorePath, SQLiteDataStore::dbSyncMode()));
+    Database database = SQLiteDataStore::openDatabase(m_dataStorePath);
     // Should anything below throw, the transaction is left open and the connection is closed
     // as the partly built store unwinds, which rolls the whole of it back.
     database->execute("BEGIN TRANSACTION");
