@@ -4,11 +4,18 @@
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace zrn {
 namespace bench {
@@ -59,6 +66,88 @@ public:
 private:
     sqlite3* m_db = nullptr;
 };
+
+// A private folder for one benchmark run, removed with everything in it at the end. The named
+// mutexes' lock files and the settings file live in it too, so a run neither waits on another
+// program's locks nor reads the machine's settings.
+class Scratch {
+public:
+    explicit Scratch(std::string const& name) {
+        char const* base = std::getenv("ZRN_BENCH_DIR");
+        if (!base || !*base) base = std::getenv("TMPDIR");
+        if (!base || !*base) base = "/tmp";
+        std::string pattern = std::string(base) + "/zrn-bench-" + name + "-XXXXXX";
+        if (!::mkdtemp(pattern.data())) throw std::runtime_error("cannot make " + pattern);
+        m_path = pattern;
+        std::filesystem::create_directories(m_path + "/locks");
+        ::setenv("ZRN_LOCK_DIR", (m_path + "/locks").c_str(), 1);
+        ::setenv("ZRN_SETTINGS_FILE", (m_path + "/settings.ini").c_str(), 1);
+    }
+    ~Scratch() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    Scratch(Scratch const&) = delete;
+    Scratch& operator=(Scratch const&) = delete;
+
+    std::string const& path() const { return m_path; }
+    std::string file(std::string const& name) const { return m_path + "/" + name; }
+    // A new sub-folder, for a store family's files.
+    std::string folder(std::string const& name) const {
+        std::string const made = file(name);
+        std::filesystem::create_directories(made);
+        return made;
+    }
+    // The settings every connection opened from now on reads.
+    void useSettings(char const* syncMode, char const* journalMode = "DELETE") const {
+        std::ofstream(file("settings.ini"), std::ios::trunc)
+            << "[libDataStore]\nSQLiteDataStore.SyncMode=" << syncMode
+            << "\nSQLiteDataStore.JournalMode=" << journalMode << "\n";
+    }
+
+private:
+    std::string m_path;
+};
+
+inline double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    std::size_t const mid = values.size() / 2;
+    return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
+}
+
+// How much memory `work` needs at its peak, in KiB: run in a child process whose peak resident
+// size is reset first, so neither this process's earlier allocations nor memory freed earlier
+// and kept by the allocator count. -1 when it could not be measured.
+inline long peakMemoryKiB(std::function<void()> const& work) {
+    int fds[2];
+    if (::pipe(fds) != 0) return -1;
+    pid_t const child = ::fork();
+    if (child == 0) {
+        ::close(fds[0]);
+        auto status = [](char const* field) {
+            std::ifstream in("/proc/self/status");
+            std::string line;
+            while (std::getline(in, line)) {
+                if (line.compare(0, std::char_traits<char>::length(field), field) == 0)
+                    return std::atol(line.c_str() + std::char_traits<char>::length(field));
+            }
+            return -1L;
+        };
+        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM to the current size
+        long const before = status("VmRSS:");
+        work();
+        long const peak = status("VmHWM:") - before;
+        ssize_t const written = ::write(fds[1], &peak, sizeof peak);
+        ::_exit(written == sizeof peak ? 0 : 1);
+    }
+    ::close(fds[1]);
+    long peak = -1;
+    if (child < 0 || ::read(fds[0], &peak, sizeof peak) != sizeof peak) peak = -1;
+    ::close(fds[0]);
+    if (child > 0) ::waitpid(child, nullptr, 0);
+    return peak;
+}
 
 }  // namespace bench
 }  // namespace zrn
