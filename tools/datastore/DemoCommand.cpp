@@ -334,8 +334,8 @@ std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataS
 
 void recordState(zrn::AppStateDataStore& store, std::string const& path, Day const& day) {
     auto put = [&](char const* key, std::string const& data, char const* group) {
-        // Items are never updated in place: the day's value replaces the previous one.
-        if (!store.remove(key) || !store.insert(key, zrn::String(data), group)) {
+        // The day's value replaces the previous one.
+        if (!replaceStateItem(store, key, zrn::String(data), group)) {
             storeFailure(path, std::string("cannot store '") + key + "'");
         }
     };

@@ -244,6 +244,9 @@ private:
 
     // Opens the connection and creates, migrates and indexes every table in one transaction.
     void createDataStores();
+    // The version row, the migration, the tables and their indexes, on `database`.
+    // REQUIRES: caller holds the "event_store" mutex, inside the opening transaction.
+    void createTablesUnlocked(Database const& database);
     // REQUIRES: caller holds the "event_store" mutex.
     int getVersionUnlocked() const;
     // Applies `columns` to the row of `idColumn` = `id` of `table`, or logs `missingMessage`

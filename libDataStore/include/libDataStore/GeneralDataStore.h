@@ -76,6 +76,8 @@ private:
     int getVersionUnlocked() const;
     long long getSetIDUnlocked(String const& typeUUID, String const& guid) const;
     long long getSetIDUnlocked(GenericLog const& log) const;
+    // REQUIRES: caller holds the "general_store" mutex, inside the transaction of logOrUpdate.
+    void writeKeyValuesUnlocked(GenericLog const& log, long long setId, String const& nowText);
 
     void closeUnlocked();
     static Logger* logger();
