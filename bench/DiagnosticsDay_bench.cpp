@@ -64,7 +64,7 @@ struct LibraryStores {
     SoftwareDiagEventDataStore repair;
 };
 
-// Wraps each test's operations: nothing (the library as it is) or a caller-owned batch.
+// Wraps each test's operations: nothing (the library as it is) or a StoreBatch.
 using TestScope = std::function<void(std::function<void()> const&)>;
 
 void libraryDay(LibraryStores& s, long long day, TestScope const& scope) {
@@ -377,6 +377,7 @@ private:
 
 struct Variant {
     std::string name;
+    std::string mode;  // the settings, e.g. "FULL/DELETE": compared with the hand-written one
     std::function<void(long long)> recordDay;
     std::vector<double> seconds;
 };
@@ -393,7 +394,8 @@ void addVariant(bench::Scratch& scratch, std::string const& name, char const* sy
     std::string const folder = scratch.folder(name);
     scratch.useSettings(syncMode, journalMode);
     { LibraryStores schema(folder); }
-    variants().push_back(Variant{name, open(folder), {}});
+    variants().push_back(
+        Variant{name, std::string(syncMode) + "/" + journalMode, open(folder), {}});
 }
 
 void diagnosticsDay(benchmark::State& state) {
@@ -427,6 +429,17 @@ int main(int argc, char** argv) {
             libraryDay(*stores, day, [](std::function<void()> const& test) { test(); });
         };
     };
+    auto batched = [&](std::string const& folder) -> std::function<void(long long)> {
+        libraries.emplace_back(new LibraryStores(folder));
+        LibraryStores* stores = libraries.back().get();
+        return [stores](long long day) {
+            libraryDay(*stores, day, [stores](std::function<void()> const& test) {
+                StoreBatch batch(stores->events);
+                test();
+                batch.commit();
+            });
+        };
+    };
     auto raw = [&](int syncMode, bool wal) {
         return [&, syncMode, wal](std::string const& folder) -> std::function<void(long long)> {
             handWritten.emplace_back(new HandWritten(folder, syncMode, wal));
@@ -437,7 +450,9 @@ int main(int argc, char** argv) {
     // The first is the yardstick.
     addVariant(scratch, "hand-written, FULL", "FULL", "DELETE", raw(2, false));
     addVariant(scratch, "library as specified (FULL)", "FULL", "DELETE", library);
+    addVariant(scratch, "library, StoreBatch per test (FULL)", "FULL", "DELETE", batched);
     addVariant(scratch, "library, WAL + NORMAL", "NORMAL", "WAL", library);
+    addVariant(scratch, "library, StoreBatch + WAL + NORMAL", "NORMAL", "WAL", batched);
     addVariant(scratch, "hand-written, WAL + NORMAL", "NORMAL", "WAL", raw(1, true));
 
     int days = 7;
@@ -458,10 +473,17 @@ int main(int argc, char** argv) {
         "a repair session), median of %zu days:\n",
         kScripts * kTestsPerScript, kEventsPerTest, kAlerts, kMeasurements, kDevices,
         all.front().seconds.size());
-    std::printf("  %-36s %10s %10s\n", "variant", "ms/day", "multiple");
+    std::printf("  %-40s %10s %10s %12s\n", "variant", "ms/day", "multiple", "same mode");
     for (Variant const& v : all) {
         double const median = bench::median(v.seconds);
-        std::printf("  %-36s %10.1f %10.2f\n", v.name.c_str(), median * 1000, median / yardstick);
+        // The hand-written program of the same journal and synchronous modes.
+        double same = 0;
+        for (Variant const& w : all) {
+            if (w.mode == v.mode && w.name.rfind("hand-written", 0) == 0)
+                same = bench::median(w.seconds);
+        }
+        std::printf("  %-40s %10.1f %10.2f %12.2f\n", v.name.c_str(), median * 1000,
+                    median / yardstick, same > 0 ? median / same : 0.0);
     }
     libraries.clear();
     handWritten.clear();
