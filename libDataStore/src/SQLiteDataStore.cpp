@@ -114,6 +114,9 @@ SQLiteDataStore::Database SQLiteDataStore::openDatabase(String const& dbFilePath
     // DELETE is what SQLite does anyway: asking for it would be one more statement on every
     // opening, and would also turn a WAL file back, which only an explicit act should do.
     if (mode == DELETE) return database;
+    // An in-memory or temporary database (an empty path, as an event-store copy uses) keeps
+    // its journal in memory: there is no file whose mode could be chosen.
+    if (database->isInMemoryDB()) return database;
     static char const* const names[] = {"DELETE", "TRUNCATE", "PERSIST", "WAL"};
     String const text = String("PRAGMA journal_mode=") + names[mode];
     logAt(logger(), TRACE, [&] { return LoggerStream() + "113 " + "Journal mode: " + text; });

@@ -68,8 +68,9 @@ public:
 
     // Opens a connection for writing to `dbFilePath` (created when missing) as every store
     // does: in dbSyncMode(), then, unless dbJournalMode() is DELETE, with
-    // "PRAGMA journal_mode=<mode>". With DELETE no statement beyond the connection's own is
-    // run, so a file is written exactly as without the setting.
+    // "PRAGMA journal_mode=<mode>" (not for an in-memory or temporary database, which has no
+    // file). With DELETE no statement beyond the connection's own is run, so a file is written
+    // exactly as without the setting. A mode SQLite does not take is logged ("114 ", warning).
     // @throw DatabaseError when the file cannot be opened or the mode cannot be set.
     static Database openDatabase(String const& dbFilePath);
 

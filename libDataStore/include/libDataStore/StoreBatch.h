@@ -37,7 +37,9 @@ class SoftwareDiagEventDataStore;
 //   take a batch: the constructor throws DatabaseError and holds nothing.
 // - Copies of an AppStateDataStore share its connection and join its batch. A copy of an
 //   EventDataStore opens a database of its own (on an empty path), so the original's batch
-//   neither covers nor waits for it.
+//   neither covers nor waits for it. Another store object on the same file does wait for the
+//   batch's end: used on the batch's own thread inside the batch, its writes fail with
+//   DatabaseError once SQLite's busy timeout runs out.
 //
 // Outside any batch every store runs exactly the statements it always did. A batch belongs to
 // the thread that made it and must end on that thread; it may not outlive its store.
