@@ -161,6 +161,8 @@ int run(int argc, char** argv) {
     addGeneralCommands(app, options);
     addStateCommands(app, options);
     addRepairCommands(app, options);
+    addPruneCommand(app, options);
+    addExportCommand(app, options);
 
     // Undocumented: the build reads the commands and options from here for the completions.
     if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {

@@ -1,0 +1,247 @@
+// The tool's support commands (prune, export, follow, collect, report), run as a separate
+// process; what they write is read back with the raw sqlite3 API and parsed.
+
+#include <gtest/gtest.h>
+#include <libDataStore/EventDataStore.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace zrn {
+namespace {
+
+using Json = nlohmann::json;
+using test::RawDb;
+
+struct ToolRun {
+    int code = -1;
+    std::string out;
+    std::string err;
+
+    std::vector<Json> records() const {
+        std::vector<Json> result;
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) result.push_back(Json::parse(line));
+        return result;
+    }
+};
+
+std::string quoted(std::string const& text) {
+    std::string result = "'";
+    for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return result + "'";
+}
+
+EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
+
+std::vector<std::string> lines(std::string const& text) {
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) result.push_back(line);
+    return result;
+}
+
+// The records of a CSV text (RFC 4180: quoted cells may hold commas, quotes and line ends).
+std::vector<std::vector<std::string>> parseCsv(std::string const& text) {
+    std::vector<std::vector<std::string>> rows(1);
+    std::string cell;
+    bool quotedCell = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char const c = text[i];
+        if (quotedCell) {
+            if (c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
+                cell += '"';
+                ++i;
+            } else if (c == '"') {
+                quotedCell = false;
+            } else {
+                cell += c;
+            }
+        } else if (c == '"') {
+            quotedCell = true;
+        } else if (c == ',') {
+            rows.back().push_back(cell);
+            cell.clear();
+        } else if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
+            rows.back().push_back(cell);
+            cell.clear();
+            rows.emplace_back();
+            ++i;
+        } else {
+            cell += c;
+        }
+    }
+    rows.pop_back();  // after the last line end
+    return rows;
+}
+
+class SupportToolTest : public ::testing::Test {
+protected:
+    // Runs the tool piped, with --dir of this test, the library's log settings cleared.
+    ToolRun tool(std::vector<std::string> const& args) const {
+        std::string command =
+            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR " + quoted(DATASTORE_TOOL);
+        for (auto const& arg : args) command += " " + quoted(arg);
+        command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
+        ToolRun run;
+        FILE* pipe = ::popen(command.c_str(), "r");
+        if (!pipe) return run;
+        char buffer[4096];
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+            run.out.append(buffer, n);
+        int const status = ::pclose(pipe);
+        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        run.err = test::readFile(m_dir.file("stderr.txt"));
+        return run;
+    }
+
+    void demo() const {
+        ToolRun const run = tool({"demo"});
+        ASSERT_EQ(run.code, 0) << run.err;
+    }
+
+    std::string store(char const* name) const { return m_stores + "/" + name; }
+
+    test::TempDir m_dir;
+    std::string const m_stores = m_dir.file("stores");
+};
+
+// ---- prune
+
+TEST_F(SupportToolTest, PruneCountsThenRemovesOnlyWhatCameBeforeTheCutoff) {
+    demo();
+    long long const old = 1700000000;  // long before the demo's day
+    {
+        EventDataStore events(store("event.db"));
+        for (int day = 0; day < 2; ++day) {
+            long long const t = old + day * 86400;
+            long long const app = *events.logAppStart("old", "u", "t", at(t));
+            long long const script =
+                *events.logScriptStart(app, "PASS", "g", "s", at(t), 1, "<old/>");
+            long long const testId =
+                *events.logTestStart(script, "t", "d", "tg", "dg", "Disk", "PASS", at(t), 1);
+            events.logTestRunEvent(testId, "m", "INFO", "E", "C", at(t));
+        }
+    }
+    std::map<std::string, std::string> files;
+    for (char const* name : {"event.db", "genstore.db", "softwarediagevent.db", "appstate.db"})
+        files[name] = test::readFile(store(name));
+    std::string const cutoff = "@" + std::to_string(old + 3 * 86400);
+
+    auto removed = [](ToolRun const& run) {
+        std::map<std::string, long long> rows;
+        for (Json const& record : run.records()) {
+            if (record["rows"].get<long long>() > 0)
+                rows[record["store"].get<std::string>() + " " +
+                     record["table"].get<std::string>()] = record["rows"].get<long long>();
+        }
+        return rows;
+    };
+    std::map<std::string, long long> const expected = {{"event.db ApplicationRuns", 2},
+                                                       {"event.db ScriptRuns", 2},
+                                                       {"event.db ScriptSpecs", 1},
+                                                       {"event.db TestRuns", 2},
+                                                       {"event.db TestRunEvents", 2}};
+    ToolRun const dry = tool({"prune", "--before", cutoff, "--dry-run", "-o", "ndjson"});
+    ASSERT_EQ(dry.code, 0) << dry.err;
+    EXPECT_EQ(removed(dry), expected);
+    // Every table of the three stores is listed, also with nothing to remove.
+    EXPECT_EQ(dry.records().size(), 12u + 2u + 7u);
+    for (auto const& [name, bytes] : files) EXPECT_EQ(test::readFile(store(name.c_str())), bytes);
+
+    ToolRun const real = tool({"prune", "--before", cutoff, "--vacuum", "-o", "ndjson"});
+    ASSERT_EQ(real.code, 0) << real.err;
+    EXPECT_EQ(removed(real), expected);
+    RawDb raw(store("event.db"), true);
+    EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM ApplicationRuns WHERE name = 'old'"), "0");
+    EXPECT_NE(raw.scalar("SELECT COUNT(*) FROM ApplicationRuns"), "0");  // the demo's day
+    EXPECT_EQ(raw.scalar("PRAGMA freelist_count"), "0");
+
+    // Usage errors and a store that is not there.
+    EXPECT_EQ(tool({"prune"}).code, 1);
+    EXPECT_EQ(tool({"prune", "--before", "soon"}).code, 1);
+    EXPECT_EQ(tool({"prune", "--before", "now", "--store", "appstate"}).code, 1);
+    std::filesystem::remove(store("genstore.db"));
+    ToolRun const missing = tool({"prune", "--before", "now", "--store", "genstore"});
+    EXPECT_EQ(missing.code, 2);
+    EXPECT_NE(missing.err.find("genstore.db: no such store"), std::string::npos) << missing.err;
+}
+
+// ---- export
+
+TEST_F(SupportToolTest, ExportWritesEveryRowOfEveryTableInBothFormats) {
+    demo();
+    std::string const awkward = "comma, \"quote\"\r\nand a new line";
+    {
+        EventDataStore events(store("event.db"));
+        EventDataStore::AlertData alert;
+        alert.guid = "awkward";
+        alert.message = String(awkward.c_str());
+        alert.time = at(1800000000);
+        ASSERT_TRUE(events.logAlert(alert));
+    }
+    std::string const out = m_dir.file("export");
+    ToolRun const csv = tool({"export", "--out", out, "-o", "ndjson"});
+    // -o chooses the files' format; the listing printed follows it too.
+    ASSERT_EQ(csv.code, 0) << csv.err;
+    ToolRun const csvFiles = tool({"export", "--out", out});
+    ASSERT_EQ(csvFiles.code, 0) << csvFiles.err;
+
+    std::size_t tables = 0;
+    for (char const* storeName : {"appstate", "genstore", "event", "softwarediagevent"}) {
+        RawDb raw(store((std::string(storeName) + ".db").c_str()), true);
+        for (auto const& row : raw.query("SELECT name FROM sqlite_master WHERE type = 'table' "
+                                         "AND name NOT LIKE 'sqlite%'")) {
+            std::string const table = row[0];
+            ++tables;
+            std::string const count = raw.scalar("SELECT COUNT(*) FROM `" + table + "`");
+            std::string const base = out + "/" + storeName + "/" + table;
+            auto const records = lines(test::readFile(base + ".ndjson"));
+            EXPECT_EQ(std::to_string(records.size()), count) << base;
+            for (auto const& line : records) {
+                Json const record = Json::parse(line);
+                EXPECT_EQ(record["store"], storeName);
+                EXPECT_EQ(record["table"], table);
+                EXPECT_FALSE(record["host"].get<std::string>().empty());
+            }
+            auto const csvRows = parseCsv(test::readFile(base + ".csv"));
+            ASSERT_FALSE(csvRows.empty()) << base;  // the header, at least
+            EXPECT_EQ(std::to_string(csvRows.size() - 1), count) << base;
+        }
+    }
+    EXPECT_EQ(tables, 1u + 3u + 13u + 8u);
+    EXPECT_EQ(csv.records().size(), tables);
+
+    // Columns as stored: the alert's rowid leads (its key/values refer to it), integers stay
+    // numbers, NULL stays null, text comes back byte for byte.
+    Json awkwardRecord;
+    for (auto const& line : lines(test::readFile(out + "/event/Alerts.ndjson"))) {
+        Json const record = Json::parse(line);
+        if (record["guid"] == "awkward") awkwardRecord = record;
+    }
+    ASSERT_TRUE(awkwardRecord.is_object());
+    EXPECT_EQ(awkwardRecord["message"], awkward);
+    EXPECT_EQ(awkwardRecord["dateTime"], 1800000000);
+    EXPECT_TRUE(awkwardRecord["rowid"].is_number_integer());
+    auto const alerts = parseCsv(test::readFile(out + "/event/Alerts.csv"));
+    EXPECT_EQ(alerts[0][0], "rowid");
+    EXPECT_EQ(alerts.back()[6], awkward);
+
+    ToolRun const one = tool({"export", "--out", m_dir.file("one"), "--store", "genstore"});
+    EXPECT_EQ(one.code, 0) << one.err;
+    EXPECT_FALSE(std::filesystem::exists(m_dir.file("one") + "/event"));
+    EXPECT_TRUE(std::filesystem::exists(m_dir.file("one") + "/genstore/KeyValues.csv"));
+    EXPECT_EQ(tool({"export", "--out", out, "-o", "json"}).code, 1);
+}
+
+}  // namespace
+}  // namespace zrn
