@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -241,6 +242,86 @@ TEST_F(SupportToolTest, ExportWritesEveryRowOfEveryTableInBothFormats) {
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("one") + "/event"));
     EXPECT_TRUE(std::filesystem::exists(m_dir.file("one") + "/genstore/KeyValues.csv"));
     EXPECT_EQ(tool({"export", "--out", out, "-o", "json"}).code, 1);
+}
+
+// ---- follow
+
+// Starts `args` of the tool in the background with its standard output in `out`; the pid is
+// the tool's own.
+int startTool(std::string const& stores, std::vector<std::string> const& args,
+              std::string const& out) {
+    std::string command = "exec env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE " + quoted(DATASTORE_TOOL);
+    for (auto const& arg : args) command += " " + quoted(arg);
+    command += " --dir " + quoted(stores) + " >" + quoted(out) + " 2>&1";
+    return test::spawnProcess({"/bin/sh", "-c", command});
+}
+
+// Waits up to `seconds` for `text` in the file at `path`.
+bool waitFor(std::string const& path, std::string const& text, double seconds) {
+    for (int i = 0; i < seconds * 20; ++i) {
+        if (test::readFile(path).find(text) != std::string::npos) return true;
+        ::usleep(50 * 1000);
+    }
+    return false;
+}
+
+TEST_F(SupportToolTest, FollowPrintsWhatIsRecordedAfterItStartedUntilInterrupted) {
+    demo();
+    std::string const alertsOut = m_dir.file("alerts.out");
+    std::string const appsOut = m_dir.file("apps.out");
+    int const alertsPid = startTool(m_stores, {"alerts", "-f", "-o", "ndjson"}, alertsOut);
+    int const appsPid = startTool(m_stores, {"apps", "--follow", "--type", "watched"}, appsOut);
+    // A failed assertion must not leave the followers running.
+    struct Stopper {
+        std::vector<int> pids;
+        ~Stopper() {
+            for (int pid : pids) {
+                if (::kill(pid, SIGKILL) == 0) test::waitProcess(pid, 5);
+            }
+        }
+    } const stopper{{alertsPid, appsPid}};
+    EventDataStore events(store("event.db"));
+    auto logAlert = [&](std::string const& guid) {
+        EventDataStore::AlertData alert;
+        alert.guid = String(guid.c_str());
+        alert.type = "Hardware";
+        alert.time = at(1800000000);
+        ASSERT_TRUE(events.logAlert(alert));
+    };
+    // The followers start in their own time: record until one of them shows a record.
+    bool seen = false;
+    for (int i = 0; i < 20 && !seen; ++i) {
+        logAlert("early-" + std::to_string(i));
+        events.logAppStart("app", "u", "watched", at(1800000000));
+        seen = waitFor(alertsOut, "early-", 1) && waitFor(appsOut, "watched", 1);
+    }
+    ASSERT_TRUE(seen) << test::readFile(alertsOut) << test::readFile(appsOut);
+    logAlert("last");
+    events.logAppStart("other", "u", "unwatched", at(1800000000));
+    events.logAppStart("second", "u", "watched", at(1800000000));
+    EXPECT_TRUE(waitFor(alertsOut, "\"last\"", 5)) << test::readFile(alertsOut);
+    EXPECT_TRUE(waitFor(appsOut, "second", 5)) << test::readFile(appsOut);
+
+    ::kill(alertsPid, SIGINT);
+    ::kill(appsPid, SIGINT);
+    EXPECT_EQ(test::waitProcess(alertsPid, 10), 0);
+    EXPECT_EQ(test::waitProcess(appsPid, 10), 0);
+
+    // One record per line, only what came after the start, in the order recorded.
+    std::vector<std::string> guids;
+    for (auto const& line : lines(test::readFile(alertsOut)))
+        guids.push_back(Json::parse(line)["guid"].get<std::string>());
+    ASSERT_FALSE(guids.empty());
+    EXPECT_EQ(guids.back(), "last");
+    for (std::size_t i = 0; i + 1 < guids.size(); ++i)
+        EXPECT_EQ(guids[i].rfind("early-", 0), 0u) << guids[i];
+    // A table: one header however many batches, only runs of the type asked for.
+    std::string const apps = test::readFile(appsOut);
+    auto const appLines = lines(apps);
+    EXPECT_EQ(appLines.front().rfind("RUN", 0), 0u) << apps;
+    EXPECT_EQ(apps.find("RUN", 1), std::string::npos) << apps;
+    EXPECT_EQ(apps.find("unwatched"), std::string::npos) << apps;
+    EXPECT_NE(apps.find("second"), std::string::npos) << apps;
 }
 
 }  // namespace

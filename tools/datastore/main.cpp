@@ -170,8 +170,11 @@ int run(int argc, char** argv) {
         return OK;
     }
 
-    bool const noPager = std::any_of(
-        argv + 1, argv + argc, [](char const* arg) { return !std::strcmp(arg, "--no-pager"); });
+    // A pager would hold what --follow prints until it ends.
+    bool const noPager = std::any_of(argv + 1, argv + argc, [](char const* arg) {
+        return !std::strcmp(arg, "--no-pager") || !std::strcmp(arg, "-f") ||
+               !std::strcmp(arg, "--follow");
+    });
     Pager pager(!noPager);
     try {
         app.parse(argc, argv);
