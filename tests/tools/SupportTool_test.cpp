@@ -324,5 +324,63 @@ TEST_F(SupportToolTest, FollowPrintsWhatIsRecordedAfterItStartedUntilInterrupted
     EXPECT_NE(apps.find("second"), std::string::npos) << apps;
 }
 
+// ---- collect
+
+TEST_F(SupportToolTest, CollectBundlesConsistentCopiesWithTheirManifestWhileTheSuiteRecords) {
+    demo();
+    // Another process keeps recording whole days while the bundles are made.
+    std::string const writer = "for i in 1 2 3 4 5 6; do " + quoted(DATASTORE_TOOL) +
+                               " demo --dir " + quoted(m_stores) + " >/dev/null 2>&1; done";
+    int const writerPid = test::spawnProcess({"/bin/sh", "-c", writer});
+    for (int round = 0; round < 3; ++round) {
+        std::string const bundle = m_dir.file("bundle" + std::to_string(round) + ".tar.gz");
+        ToolRun const run = tool({"collect", "--out", bundle, "--wait", "30", "-o", "ndjson"});
+        ASSERT_EQ(run.code, 0) << run.err;
+        EXPECT_EQ(run.records().size(), 4u);
+        EXPECT_FALSE(std::filesystem::exists(bundle + ".partial"));
+        std::string const folder = m_dir.file("x" + std::to_string(round));
+        std::filesystem::create_directories(folder);
+        ASSERT_EQ(test::runProcess(
+                      {"/bin/sh", "-c", "tar -xzf " + quoted(bundle) + " -C " + quoted(folder)}),
+                  0);
+
+        Json const manifest = Json::parse(test::readFile(folder + "/manifest.json"));
+        EXPECT_EQ(manifest["tool"], "datastore");
+        EXPECT_FALSE(manifest["toolVersion"].get<std::string>().empty());
+        EXPECT_FALSE(manifest["host"].get<std::string>().empty());
+        EXPECT_FALSE(manifest["collected"].get<std::string>().empty());
+        std::map<std::string, Json> const expectedVersion = {{"appstate.db", nullptr},
+                                                             {"genstore.db", 1},
+                                                             {"event.db", 3},
+                                                             {"softwarediagevent.db", 1}};
+        ASSERT_EQ(manifest["files"].size(), 4u);
+        for (Json const& file : manifest["files"]) {
+            std::string const name = file["name"];
+            std::string const copy = folder + "/" + name;
+            std::string const bytes = test::readFile(copy);
+            EXPECT_EQ(file["size"], bytes.size()) << name;
+            // sha256sum(1) as a second opinion on the manifest's hash.
+            std::string const sums = m_dir.file("sums.txt");
+            ASSERT_EQ(test::runProcess(
+                          {"/bin/sh", "-c", "sha256sum " + quoted(copy) + " >" + quoted(sums)}),
+                      0);
+            EXPECT_EQ(test::readFile(sums).substr(0, 64), file["sha256"]) << name;
+            EXPECT_EQ(file["schemaVersion"], expectedVersion.at(name)) << name;
+            RawDb raw(copy, true);
+            EXPECT_EQ(raw.scalar("PRAGMA integrity_check"), "ok") << name;
+            for (auto const& [table, rows] : file["rows"].items()) {
+                EXPECT_EQ(raw.scalar("SELECT COUNT(*) FROM `" + table + "`"),
+                          std::to_string(rows.get<long long>()))
+                    << name << " " << table;
+            }
+        }
+    }
+    EXPECT_EQ(test::waitProcess(writerPid, 60), 0);
+    // A folder without stores: no bundle.
+    std::filesystem::remove_all(m_stores);
+    EXPECT_EQ(tool({"collect", "--out", m_dir.file("none.tar.gz")}).code, 2);
+    EXPECT_FALSE(std::filesystem::exists(m_dir.file("none.tar.gz")));
+}
+
 }  // namespace
 }  // namespace zrn

@@ -163,6 +163,7 @@ int run(int argc, char** argv) {
     addRepairCommands(app, options);
     addPruneCommand(app, options);
     addExportCommand(app, options);
+    addCollectCommand(app, options);
 
     // Undocumented: the build reads the commands and options from here for the completions.
     if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {
