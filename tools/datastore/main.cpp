@@ -164,6 +164,7 @@ int run(int argc, char** argv) {
     addPruneCommand(app, options);
     addExportCommand(app, options);
     addCollectCommand(app, options);
+    addReportCommand(app, options);
 
     // Undocumented: the build reads the commands and options from here for the completions.
     if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {
