@@ -53,6 +53,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 # The headers use boost::optional; pkg-config resolves sqlite3 (Requires.private) for --cflags.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libboost-dev (>= 1.71), libsqlite3-dev")
+# dpkg-shlibdeps finds the tool's libarchive and libcrypto; `datastore report` reads Chart.js
+# from this package when it writes a report.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libjs-chart.js")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
     "Persistence library of a PC diagnostics suite (runtime)\n libDataStore and libCommon, the shared libraries the suite's programs load to keep their history in SQLite stores.")
 set(CPACK_COMPONENT_DEV_DESCRIPTION

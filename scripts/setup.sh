@@ -11,6 +11,8 @@ packages=(
     libbenchmark-dev
     libcli11-dev nlohmann-json3-dev
     libutf8proc-dev
+    libarchive-dev libssl-dev
+    libjs-chart.js chromium
 )
 
 missing=()

@@ -36,11 +36,19 @@ String nestedSavepoint(SQLite3Database const& database) {
 }
 
 char const* beginText(TransactionText text) {
-    return text == TransactionText::Begin ? "BEGIN" : "BEGIN TRANSACTION";
+    switch (text) {
+        case TransactionText::Begin:
+            return "BEGIN";
+        case TransactionText::BeginTransaction:
+            return "BEGIN TRANSACTION";
+        case TransactionText::BeginImmediate:
+            return "BEGIN IMMEDIATE";
+    }
+    return "BEGIN";
 }
 
 char const* commitText(TransactionText text) {
-    return text == TransactionText::Begin ? "COMMIT" : "END TRANSACTION";
+    return text == TransactionText::BeginTransaction ? "END TRANSACTION" : "COMMIT";
 }
 
 }  // namespace

@@ -761,6 +761,7 @@ TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
               "The following argument was not expected: --frobnicate"},
              {{"failures", "--fail", "FAIL"}, 1, "--fail and --pass need a device GUID"},
              {{"alerts", "-o", "xml"}, 1, "-o: unknown format 'xml'"},
+             {{"alerts", "3", "-f"}, 1, "--follow prints new alerts: give no alert id with it"},
              {{"alerts", "--file", "/tmp"}, 1, "/tmp: is a directory, not a store file"},
              {{"alerts", "99999"}, 4, event + ": no alert 99999"},
              {{"alert", "-5"}, 4, event + ": no alert -5"},

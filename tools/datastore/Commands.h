@@ -22,6 +22,10 @@ void addEventCommands(CLI::App& app, Options& options);
 void addRepairCommands(CLI::App& app, Options& options);
 void addCheckCommand(CLI::App& app, Options& options);
 void addSummaryCommand(CLI::App& app, Options& options);
+void addPruneCommand(CLI::App& app, Options& options);
+void addExportCommand(CLI::App& app, Options& options);
+void addCollectCommand(CLI::App& app, Options& options);
+void addReportCommand(CLI::App& app, Options& options);
 
 // The store's verdict on itself, asked of a read-only opening so that nothing is completed,
 // upgraded or written: empty when the store at `path` (an existing file of that store) calls

@@ -38,6 +38,36 @@ char const* fileNameOf(Store store) {
     return "";
 }
 
+std::string storeNameOf(Store store) {
+    std::string const name = fileNameOf(store);
+    return name.substr(0, name.size() - 3);
+}
+
+void addStoreOption(CLI::App& command, std::string& chosen, char const* description) {
+    command.add_option("--store", chosen, description)
+        ->check(CLI::IsMember({"appstate", "genstore", "event", "softwarediagevent"}));
+}
+
+std::vector<Store> storesChosen(Options const& options, std::string const& chosen,
+                                std::vector<Store> const& all) {
+    if (chosen.empty() && !options.file.empty()) {
+        std::string const path = storePath(options, all.front());
+        if (!zrn::FileSystem::exists(path)) existingStorePath(options, all.front());
+        for (Store store : all) {
+            if (openOrFail(path, [&] {
+                    return notThisStore(path, store, readOnly(options));
+                }).empty())
+                return {store};
+        }
+        throw ToolError(STORE, path + ": not a store this command works on");
+    }
+    if (chosen.empty()) return all;
+    for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag}) {
+        if (storeNameOf(store) == chosen) return {store};
+    }
+    throw ToolError(USAGE, "--store: no store named '" + chosen + "'");
+}
+
 namespace {
 
 // The folder the stores live in by default, and where that came from.

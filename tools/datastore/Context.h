@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace zrn {
 class SQLite3Database;
@@ -50,6 +51,14 @@ zrn::ReadOnly readOnly(Options const& options);
 
 // The file name of a store ("event.db", ...).
 char const* fileNameOf(Store store);
+// Its name without ".db" ("event", ...), as --store takes it and exports name folders.
+std::string storeNameOf(Store store);
+// Adds --store NAME (one of the four names) to `command`; `chosen` stays empty without it.
+void addStoreOption(CLI::App& command, std::string& chosen, char const* description);
+// The stores a command works on: the one --store named; else with --file the one of `all`
+// that file is (ToolError(STORE) when none); else `all`.
+std::vector<Store> storesChosen(Options const& options, std::string const& chosen,
+                                std::vector<Store> const& all);
 
 // The folder of the stores when no --dir is given: $DATASTORE_DIR, else the user's data
 // folder ($XDG_DATA_HOME/datastore, ~/.local/share/datastore). The library's own default

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Follow.h"
 #include "Output.h"
 
 namespace datastore {
@@ -36,6 +37,7 @@ struct EventArgs {
     std::vector<std::string> failResults;
     std::vector<std::string> passResults;
     bool untracked = false;
+    bool follow = false;
 };
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
@@ -63,7 +65,18 @@ int limitOf(Options const& options) { return static_cast<int>(options.limit); }
 
 // ---- Application and script runs
 
+FollowFilter followFilter(EventArgs const& args) {
+    FollowFilter filter;
+    filter.type = args.type;
+    filter.user = args.user;
+    filter.untracked = args.untracked;
+    filter.testId = args.testId;
+    filter.scriptId = args.scriptId;
+    return filter;
+}
+
 void apps(Options const& options, EventArgs const& args) {
+    if (args.follow) return followApps(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
     // The store answers questions about one run but has no reader that lists them; the
@@ -212,6 +225,7 @@ void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owner
 
 void events(Options const& options, EventArgs const& args) {
     requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}});
+    if (args.follow) return followEvents(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
     std::vector<zrn::TestRunEventResultLog> const logs =
@@ -331,6 +345,7 @@ RecordPrinter alertPrinter(Options const& options) {
 }
 
 void alerts(Options const& options, EventArgs const& args) {
+    if (args.follow) return followAlerts(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer = alertPrinter(options);
@@ -476,6 +491,9 @@ void addEventCommands(CLI::App& app, Options& options) {
                                 "datastore apps --since 2026-11-23 --type Scheduled");
     c->add_option("--type", args.type, "Only runs of this type");
     c->add_option("--user", args.user, "Only runs of this user");
+    c->add_flag("-f,--follow", args.follow,
+                "Prints what is recorded from now on, as it is recorded, until interrupted "
+                "(Ctrl-C exits 0)");
     c->callback(run(apps));
 
     c = addInspection(app, options, "scripts", "Script runs with their script, newest first",
@@ -496,6 +514,9 @@ void addEventCommands(CLI::App& app, Options& options) {
                       "datastore events --script 2 --since 2026-11-23T09:00");
     c->add_option("--test", args.testId, "Events of this test run");
     c->add_option("--script", args.scriptId, "Events of every test run of this script run");
+    c->add_flag("-f,--follow", args.follow,
+                "Prints what is recorded from now on, as it is recorded, until interrupted "
+                "(Ctrl-C exits 0)");
     c->callback(run(events));
 
     c = addInspection(app, options, "tips",
@@ -526,9 +547,14 @@ void addEventCommands(CLI::App& app, Options& options) {
                       "datastore alerts --untracked --type Hardware; datastore alerts 3");
     c->add_flag("--untracked", args.untracked, "Only alerts not marked as tracked");
     c->add_option("--type", args.type, "Only alerts of this type");
+    c->add_flag("-f,--follow", args.follow,
+                "Prints what is recorded from now on, as it is recorded, until interrupted "
+                "(Ctrl-C exits 0)");
     CLI::Option* const alertId =
         c->add_option("alert-id", args.alertId, "One alert (see ALERT in 'datastore alerts')");
     c->callback([&options, alertId] {
+        if (alertId->count() > 0 && args.follow)
+            throw ToolError(USAGE, "--follow prints new alerts: give no alert id with it");
         if (alertId->count() > 0)
             oneAlert(options, args);
         else

@@ -161,6 +161,10 @@ int run(int argc, char** argv) {
     addGeneralCommands(app, options);
     addStateCommands(app, options);
     addRepairCommands(app, options);
+    addPruneCommand(app, options);
+    addExportCommand(app, options);
+    addCollectCommand(app, options);
+    addReportCommand(app, options);
 
     // Undocumented: the build reads the commands and options from here for the completions.
     if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {
@@ -168,8 +172,11 @@ int run(int argc, char** argv) {
         return OK;
     }
 
-    bool const noPager = std::any_of(
-        argv + 1, argv + argc, [](char const* arg) { return !std::strcmp(arg, "--no-pager"); });
+    // A pager would hold what --follow prints until it ends.
+    bool const noPager = std::any_of(argv + 1, argv + argc, [](char const* arg) {
+        return !std::strcmp(arg, "--no-pager") || !std::strcmp(arg, "-f") ||
+               !std::strcmp(arg, "--follow");
+    });
     Pager pager(!noPager);
     try {
         app.parse(argc, argv);

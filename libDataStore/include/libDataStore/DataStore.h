@@ -25,6 +25,7 @@
 #include <libDataStore/EventRecords.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/GeneralRecords.h>
+#include <libDataStore/PruneResult.h>
 #include <libDataStore/ReadOnly.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>

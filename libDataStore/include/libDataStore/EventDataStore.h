@@ -4,6 +4,7 @@
 #include <libCommon/String.h>
 #include <libDataStore/EventRecords.h>
 #include <libDataStore/Export.h>
+#include <libDataStore/PruneResult.h>
 #include <libDataStore/ReadOnly.h>
 
 #include <boost/optional.hpp>
@@ -236,6 +237,20 @@ public:
                                                  std::vector<String> const* failureResults,
                                                  std::vector<String> const* passResults,
                                                  EventTimePoint until) const;
+
+    // ---- Retention
+
+    // Removes the application runs started before `cutoff` with everything recorded under
+    // them (script and test runs, their events and tips, alerts with their key/values and
+    // tips, scriptlet results, profiler diffs), the measurements whose span ended before it
+    // and the script specifications no remaining script run uses. A row whose owner is
+    // already missing goes when its own time is before `cutoff`, so no row is left without
+    // its owner. One transaction under the "event_store" mutex; then VACUUM if asked.
+    // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
+    // failing VACUUM comes after the commit).
+    PruneResult pruneBefore(EventTimePoint cutoff, PruneOptions const& options = PruneOptions());
+    // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
+    PruneResult prunableBefore(EventTimePoint cutoff) const;
 
 private:
     // Takes the store's named mutex and joins its connection.

@@ -5,6 +5,7 @@
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
 #include <libDataStore/GeneralRecords.h>
+#include <libDataStore/PruneResult.h>
 #include <libDataStore/ReadOnly.h>
 
 #include <memory>
@@ -67,6 +68,15 @@ public:
     // (callers sort if they need an order). A failure is logged ("717 ") and returns the logs
     // read before it. Empty, without touching the database, when the store is not initialized.
     GenericLogList getLogs(GenericLogFilter const& filter) const;
+
+    // Removes the logs last updated before `cutoff` with their key/values (and key/values
+    // whose log is missing, when written before `cutoff`). One transaction under the
+    // "general_store" mutex; then VACUUM if asked. Nothing, when the store is not initialized.
+    // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
+    // failing VACUUM comes after the commit).
+    PruneResult pruneBefore(TimeStamp const& cutoff, PruneOptions const& options = PruneOptions());
+    // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
+    PruneResult prunableBefore(TimeStamp const& cutoff) const;
 
 private:
     // Takes the store's named mutex and joins its connection.

@@ -3,6 +3,7 @@
 #include <libCommon/HashTable.h>
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
+#include <libDataStore/PruneResult.h>
 #include <libDataStore/ReadOnly.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>
@@ -131,6 +132,18 @@ public:
     // attached restore point is never replaced.
     bool associateRestorePointToFixTransaction(FixTransactionLog const& fixTransaction,
                                                String const& restorePointUuid);
+
+    // ---- Retention -----------------------------------------------------------------------
+
+    // Removes the sessions started before `cutoff` with their run and fix transactions,
+    // diagnostics, issues, fix actions and the links of those issues and fix actions (rows
+    // whose session is missing go when their own start is before `cutoff`). One transaction
+    // under the "softwarediag_store" mutex; then VACUUM if asked.
+    // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
+    // failing VACUUM comes after the commit).
+    PruneResult pruneBefore(TimeStamp const& cutoff, PruneOptions const& options = PruneOptions());
+    // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
+    PruneResult prunableBefore(TimeStamp const& cutoff) const;
 
 private:
     // Takes the store's named mutex and joins its connection.

@@ -1,0 +1,364 @@
+// datastore report: one self-contained HTML file to attach to a ticket: charts of the
+// measurements over time, test failures per device and per test, alerts per day by type, and
+// the tables behind them. Chart.js (Debian's libjs-chart.js) is inlined; the page loads nothing.
+
+#include <libDataStore/EventDataStore.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "Commands.h"
+#include "Output.h"
+#include "RawStore.h"
+
+#ifndef DATASTORE_CHARTJS
+#define DATASTORE_CHARTJS "/usr/share/javascript/chart.js/chart.min.js"
+#endif
+
+namespace datastore {
+
+namespace {
+
+using zrn::EventTimePoint;
+
+struct ReportArgs {
+    std::string out;
+};
+
+EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
+long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
+
+// Text from a store inside HTML: every character that could open markup or end an
+// attribute is written as an entity; invalid UTF-8 becomes U+FFFD.
+std::string html(std::string const& text) {
+    std::string out;
+    for (char c : validUtf8(text)) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+// JSON inside a <script> element: no "<" may appear, or a "</script>" in a store's text
+// would end the element. \u003c means the same to JSON.parse.
+std::string scriptJson(Json const& value) {
+    std::string const text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::string out;
+    for (char c : text) {
+        if (c == '<')
+            out += "\\u003c";
+        else if (c == '>')
+            out += "\\u003e";
+        else if (c == '&')
+            out += "\\u0026";
+        else
+            out += c;
+    }
+    return out;
+}
+
+std::string chartLibrary() {
+    char const* chosen = std::getenv("DATASTORE_CHARTJS");
+    std::string const path = chosen && *chosen ? chosen : DATASTORE_CHARTJS;
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw ToolError(STORE, path +
+                                   ": cannot read Chart.js (install libjs-chart.js, or set "
+                                   "DATASTORE_CHARTJS)");
+    std::string code((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // The library is inlined into a <script> element, which its text must not end.
+    for (std::size_t at = 0; (at = code.find("</script", at)) != std::string::npos; at += 2)
+        code.replace(at, 2, "<\\/");
+    return code;
+}
+
+// A table of `rows` under `headers`, every cell escaped.
+std::string table(std::vector<std::string> const& headers,
+                  std::vector<std::vector<std::string>> const& rows) {
+    std::string out = "<table><thead><tr>";
+    for (auto const& header : headers) out += "<th>" + html(header) + "</th>";
+    out += "</tr></thead><tbody>";
+    for (auto const& row : rows) {
+        out += "<tr>";
+        for (auto const& cell : row) out += "<td>" + html(cell) + "</td>";
+        out += "</tr>";
+    }
+    return out + "</tbody></table>\n";
+}
+
+struct Chart {
+    std::string id;
+    std::string title;
+    Json spec;
+};
+
+std::string canvas(Chart const& chart) {
+    return "<figure><figcaption>" + html(chart.title) + "</figcaption><canvas id=\"" + chart.id +
+           "\" width=\"900\" height=\"300\"></canvas></figure>\n";
+}
+
+// The counts of `groups`, most first, as a bar chart and a table.
+void countsSection(std::string& body, std::vector<Chart>& charts, std::string const& id,
+                   std::string const& title, std::string const& header,
+                   std::map<std::string, long long> const& groups) {
+    std::vector<std::pair<std::string, long long>> sorted(groups.begin(), groups.end());
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](auto const& a, auto const& b) { return a.second > b.second; });
+    Json labels = Json::array(), values = Json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (auto const& [name, count] : sorted) {
+        labels.push_back(name);
+        values.push_back(count);
+        rows.push_back({name, std::to_string(count)});
+    }
+    Chart chart{id, title,
+                Json{{"type", "bar"},
+                     {"labels", labels},
+                     {"datasets", Json::array({Json{{"label", "Failures"}, {"data", values}}})}}};
+    body += canvas(chart) + table({header, "Failures"}, rows);
+    charts.push_back(std::move(chart));
+}
+
+void report(Options const& options, ReportArgs const& args) {
+    TimeRange const range = timeRange(options);
+    std::string const path = existingStorePath(options, Store::Event);
+    auto const store = openOrFail(path, [&] {
+        return std::make_unique<zrn::EventDataStore>(zrn::String(path), readOnly(options));
+    });
+    EventTimePoint const from = at(range.since), to = at(range.until);
+    std::string const library = chartLibrary();
+    std::string const host = hostName();
+
+    std::vector<Chart> charts;
+    std::string body;
+    try {
+        // ---- Measurements: one chart per type, its average with the span's extremes.
+        std::map<std::string, std::vector<zrn::MeasurementLog>> byType;
+        for (auto const& log : store->measurementLogs(from, to, "", 0))
+            byType[log.type().str()].push_back(log);
+        body += "<section><h2>Measurements</h2>\n";
+        if (byType.empty()) body += "<p class=\"none\">No measurements in this period.</p>\n";
+        std::vector<std::vector<std::string>> measurementRows;
+        for (auto const& [type, logs] : byType) {
+            Json labels = Json::array(), average = Json::array(), maximum = Json::array(),
+                 minimum = Json::array();
+            double low = logs.front().minimum(), high = logs.front().maximum(), sum = 0;
+            for (auto const& log : logs) {
+                labels.push_back(localTime(secondsOf(log.spanMiddle())));
+                average.push_back(log.average());
+                maximum.push_back(log.maximum());
+                minimum.push_back(log.minimum());
+                low = std::min(low, log.minimum());
+                high = std::max(high, log.maximum());
+                sum += log.average();
+            }
+            Chart chart{
+                "measurement-" + std::to_string(charts.size()), type,
+                Json{{"type", "line"},
+                     {"labels", labels},
+                     {"datasets", Json::array({Json{{"label", "average"}, {"data", average}},
+                                               Json{{"label", "maximum"}, {"data", maximum}},
+                                               Json{{"label", "minimum"}, {"data", minimum}}})}}};
+            body += canvas(chart);
+            charts.push_back(std::move(chart));
+            std::ostringstream mean;
+            mean.precision(4);
+            mean << sum / static_cast<double>(logs.size());
+            std::ostringstream lowText, highText;
+            lowText << low;
+            highText << high;
+            measurementRows.push_back(
+                {type, std::to_string(logs.size()), lowText.str(), mean.str(), highText.str()});
+        }
+        if (!byType.empty())
+            body +=
+                table({"Type", "Spans", "Minimum", "Mean of averages", "Maximum"}, measurementRows);
+        body += "</section>\n";
+
+        // ---- Failures per device and per test.
+        std::map<std::string, long long> byDevice, byTest;
+        std::vector<std::vector<std::string>> failRows;
+        for (auto const& log : store->getAllFails(from, to)) {
+            ++byDevice[log.deviceName().str()];
+            ++byTest[log.testName().str()];
+            failRows.push_back({localTime(secondsOf(log.timeStamp())), log.testName().str(),
+                                log.deviceName().str(), log.result().str(), log.errorCode().str()});
+        }
+        body += "<section><h2>Test failures</h2>\n";
+        if (failRows.empty()) {
+            body += "<p class=\"none\">No failed tests in this period.</p>\n";
+        } else {
+            countsSection(body, charts, "failures-device", "Failures per device", "Device",
+                          byDevice);
+            countsSection(body, charts, "failures-test", "Failures per test", "Test", byTest);
+            body += "<h3>Every failure</h3>\n" +
+                    table({"Started", "Test", "Device", "Result", "Error"}, failRows);
+        }
+        body += "</section>\n";
+
+        // ---- Alerts per day by type (stacked).
+        std::map<std::string, std::map<std::string, long long>> perDay;  // day -> type -> n
+        std::set<std::string> types;
+        std::vector<std::vector<std::string>> alertRows;
+        for (auto const& log : store->alertResultLogs(from, to, "", false, 0)) {
+            std::string const time = localTime(secondsOf(log.timeStamp()));
+            ++perDay[time.substr(0, 10)][log.type().str()];
+            types.insert(log.type().str());
+            alertRows.push_back({time, log.type().str(), log.title().str(), log.deviceName().str(),
+                                 log.message().str()});
+        }
+        body += "<section><h2>Alerts</h2>\n";
+        if (alertRows.empty()) {
+            body += "<p class=\"none\">No alerts in this period.</p>\n";
+        } else {
+            Json labels = Json::array(), datasets = Json::array();
+            for (auto const& day : perDay) labels.push_back(day.first);
+            for (auto const& type : types) {
+                Json counts = Json::array();
+                for (auto const& day : perDay) {
+                    auto const found = day.second.find(type);
+                    counts.push_back(found == day.second.end() ? 0 : found->second);
+                }
+                datasets.push_back(Json{{"label", type}, {"data", counts}});
+            }
+            Chart chart{"alerts-per-day", "Alerts per day by type",
+                        Json{{"type", "bar"},
+                             {"stacked", true},
+                             {"labels", labels},
+                             {"datasets", datasets}}};
+            body +=
+                canvas(chart) + table({"Time", "Type", "Title", "Device", "Message"}, alertRows);
+            charts.push_back(std::move(chart));
+        }
+        body += "</section>\n";
+    } catch (zrn::Exception const& e) {
+        libraryFailure(path, "cannot read: ", e);
+    }
+
+    Json specs = Json::array();
+    for (auto const& chart : charts) {
+        Json spec = chart.spec;
+        spec["id"] = chart.id;
+        specs.push_back(spec);
+    }
+    std::string const period =
+        (range.since > 0 ? "from " + localTime(range.since) : std::string("from the start")) +
+        (range.until > 0 ? " to " + localTime(range.until) : std::string(" to now"));
+
+    std::ostringstream page;
+    page << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+            // Nothing may be fetched: the page is read wherever the ticket goes.
+            "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
+            "script-src 'unsafe-inline'; style-src 'unsafe-inline'\">\n"
+         << "<title>Diagnostics report: " << html(host) << "</title>\n"
+         << "<style>body{font-family:sans-serif;margin:2em;color:#222}"
+            "table{border-collapse:collapse;margin:1em 0}"
+            "th,td{border:1px solid #ccc;padding:.25em .5em;text-align:left;vertical-align:top}"
+            "th{background:#eee}figure{margin:1em 0}figcaption{font-weight:bold}"
+            ".none{color:#666}</style>\n</head>\n<body>\n"
+         << "<h1>Diagnostics report: " << html(host) << "</h1>\n"
+         << "<p>Store " << html(path) << ", " << html(period) << "; made "
+         << html(localTime(std::time(nullptr))) << " by datastore " << DATASTORE_VERSION
+         << ".</p>\n"
+         << body << "<script type=\"application/json\" id=\"report-data\">" << scriptJson(specs)
+         << "</script>\n<script>\n"
+         << library << "\n</script>\n"
+         << R"(<script>
+(function () {
+  var charts = JSON.parse(document.getElementById('report-data').textContent);
+  var palette = ['#1f77b4', '#d62728', '#2ca02c', '#ff7f0e', '#9467bd', '#8c564b', '#e377c2'];
+  var drawn = 0;
+  charts.forEach(function (spec) {
+    var canvas = document.getElementById(spec.id);
+    spec.datasets.forEach(function (set, i) {
+      set.backgroundColor = palette[i % palette.length];
+      set.borderColor = palette[i % palette.length];
+    });
+    // Bars count things: whole numbers from zero.
+    var counts = {beginAtZero: true, ticks: {precision: 0}};
+    var scales = spec.stacked ? {x: {stacked: true}, y: Object.assign({stacked: true}, counts)}
+                              : {y: spec.type === 'bar' ? counts : {}};
+    new Chart(canvas, {type: spec.type, data: {labels: spec.labels, datasets: spec.datasets},
+                       options: {animation: false, responsive: false, scales: scales}});
+    // Drawn means pixels on the canvas, not merely a chart object.
+    var pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
+    for (var p = 3; p < pixels.length; p += 4) {
+      if (pixels[p] !== 0) { drawn++; break; }
+    }
+  });
+  document.body.setAttribute('data-charts', String(charts.length));
+  document.body.setAttribute('data-charts-drawn', String(drawn));
+})();
+</script>
+</body>
+</html>
+)";
+
+    std::string const partial = args.out + ".partial";
+    {
+        std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+        out << page.str();
+        out.flush();
+        if (!out) {
+            std::remove(partial.c_str());
+            throw ToolError(STORE, args.out + ": cannot write: " + std::strerror(errno));
+        }
+    }
+    if (std::rename(partial.c_str(), args.out.c_str()) != 0) {
+        std::remove(partial.c_str());
+        throw ToolError(STORE, args.out + ": cannot write: " + std::strerror(errno));
+    }
+    RecordPrinter printer({{"file", "FILE", 0, true}, {"charts", "CHARTS"}, {"bytes", "BYTES"}},
+                          options.json);
+    printer.add(Json{{"file", args.out}, {"charts", charts.size()}, {"bytes", page.str().size()}});
+    printer.print(std::cout);
+}
+
+}  // namespace
+
+void addReportCommand(CLI::App& app, Options& options) {
+    static ReportArgs args;
+    CLI::App* c = addInspection(
+        app, options, "report",
+        "Writes one self-contained HTML report of event.db (Chart.js inlined, nothing loaded "
+        "when opened): measurements over time, test failures per device and per test, alerts "
+        "per day by type, with their tables",
+        "datastore report --out /tmp/report.html --since -7d", true, false);
+    c->add_option("--out", args.out, "The HTML file to write (replaced when it exists)")
+        ->required();
+    c->footer(
+        "Example: datastore report --out /tmp/report.html --since -7d\n"
+        "Chart.js is read from " DATASTORE_CHARTJS
+        " (Debian's libjs-chart.js) or $DATASTORE_CHARTJS.\n"
+        "Exit codes: 0 success, 1 usage error, 2 store error, Chart.js missing or a file that "
+        "cannot be written.");
+    c->callback([&options] { report(options, args); });
+}
+
+}  // namespace datastore
