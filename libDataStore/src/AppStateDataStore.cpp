@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "StoreSupport.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
@@ -65,11 +66,7 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
 }  // namespace
 
 Logger* AppStateDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.AppStateDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.AppStateDataStore");
     return instance;
 }
 

@@ -9,7 +9,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "DefectLog.h"
+#include "StoreSupport.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
@@ -221,11 +221,7 @@ String insertStatement(char const* table, char const* columns,
 }  // namespace eventsql
 
 Logger* EventDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.EventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.EventDataStore");
     return instance;
 }
 

@@ -7,7 +7,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "DefectLog.h"
+#include "StoreSupport.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"

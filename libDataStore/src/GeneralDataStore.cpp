@@ -12,6 +12,7 @@
 
 #include <optional>
 
+#include "StoreSupport.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
@@ -77,11 +78,7 @@ void createSchema(SQLite3Database& db) {
 }  // namespace
 
 Logger* GeneralDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.GeneralDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.GeneralDataStore");
     return instance;
 }
 

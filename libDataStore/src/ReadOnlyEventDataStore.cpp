@@ -4,6 +4,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include "StoreSupport.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 
@@ -11,11 +12,7 @@ namespace zrn {
 
 Logger* ReadOnlyEventDataStore::logger() {
     // The same logger as EventDataStore: the view is part of that store.
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.EventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.EventDataStore");
     return instance;
 }
 

@@ -10,6 +10,7 @@
 
 #include "ModuleState.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
@@ -28,11 +29,7 @@ std::string decimal(std::size_t n) { return std::to_string(n); }
 }  // namespace
 
 Logger* SQLiteDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.SQLiteDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.SQLiteDataStore");
     return instance;
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "DefectLog.h"
+#include "StoreSupport.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
@@ -241,11 +241,7 @@ String joined(std::initializer_list<String> items) {
 }  // namespace
 
 Logger* SoftwareDiagEventDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.SoftwareDiagEventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.SoftwareDiagEventDataStore");
     return instance;
 }
 

@@ -3,7 +3,7 @@
 #include <libCommon/ResultSet.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 
-#include "DefectLog.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
