@@ -4,16 +4,15 @@
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-#include <libCommon/ZRNValue.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "StoreSupport.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -162,20 +161,8 @@ IndexSpec const kIndexes[] = {
 };
 
 String indexStatement(IndexSpec const& index) {
-    if (index.column2) {
-        return SprintfFormat("CREATE UNIQUE INDEX IF NOT EXISTS '%s-%s' ON `%s` (`%s`, `%s`)",
-                             index.column, index.column2, index.table, index.column, index.column2);
-    }
-    // The empty first argument leaves two blanks after CREATE, and an empty direction leaves
-    // a name ending in a blank: the names in existing files were made this way, and
-    // "IF NOT EXISTS" only recognises them if they are spelled identically.
-    return SprintfFormat("CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "",
-                         index.table, index.column, index.direction, index.table, index.column,
-                         index.direction);
-}
-
-void logDefect(char const* message, long long id) {
-    logAt(defectLogger(), ERROR, [&] { return LoggerStream() + message + id; });
+    return index.column2 ? sql::uniqueIndex(index.table, index.column, index.column2)
+                         : sql::index(index.table, index.column, index.direction);
 }
 
 boost::optional<long long> positiveId(long long id) {
@@ -200,25 +187,6 @@ bool scriptRunsLacksScriptGuid(SQLite3Database& database) {
 }
 
 }  // namespace
-
-namespace eventsql {
-
-String insertStatement(char const* table, char const* columns,
-                       std::initializer_list<String> values) {
-    std::string text = SprintfFormat("INSERT INTO %s (", table).str();
-    text += columns;
-    text += ") VALUES(";
-    bool first = true;
-    for (String const& value : values) {
-        if (!first) text += module::comma().str();
-        first = false;
-        text += value.str();
-    }
-    text += ");";
-    return String(std::move(text));
-}
-
-}  // namespace eventsql
 
 Logger* EventDataStore::logger() {
     static Logger* const instance = createLogger("libDataStore.EventDataStore");
@@ -388,11 +356,8 @@ void EventDataStore::createTablesUnlocked(Database const& database) {
 
 int EventDataStore::getVersionUnlocked() const {
     // REQUIRES: caller holds the "event_store" mutex.
-    if (m_versionDataStore->count("", "") == 0) return -1;
-    String value;
-    m_versionDataStore->cellDataAtIndex(0, value, "version", "", "");
-    if (value.empty()) return -1;
-    return String::strToInt(value, 10);
+    String const value = versionText(*m_versionDataStore);
+    return value.empty() ? -1 : String::strToInt(value, 10);
 }
 
 int EventDataStore::getVersion() const {
@@ -404,28 +369,15 @@ bool EventDataStore::checkValidity(String& error) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     // Versioning, ScriptSpecs, AlertKeyValues, ScriptletRuns and Measurements are not asked:
     // they share the one connection with the tables that are.
-    struct Checked {
-        char const* member;
-        SQLiteDataStore const* table;
-    };
-    Checked const checked[] = {
-        {"m_appDataStore: ", m_appDataStore.get()},
-        {"m_testRunDataStore: ", m_testRunDataStore.get()},
-        {"m_eventDataStore: ", m_eventDataStore.get()},
-        {"m_testRunTipsDataStore: ", m_testRunTipsDataStore.get()},
-        {"m_alertTipsDataStore: ", m_alertTipsDataStore.get()},
-        {"m_scriptDataStore: ", m_scriptDataStore.get()},
-        {"m_alertDataStore: ", m_alertDataStore.get()},
-        {"m_profilerDiffDataStore: ", m_profilerDiffDataStore.get()},
-    };
-    for (Checked const& c : checked) {
-        String tableError;
-        if (!c.table->checkValidity(tableError)) {
-            error = c.member + tableError;
-            return false;
-        }
-    }
-    return true;
+    return checkTables({{"m_appDataStore: ", m_appDataStore.get()},
+                        {"m_testRunDataStore: ", m_testRunDataStore.get()},
+                        {"m_eventDataStore: ", m_eventDataStore.get()},
+                        {"m_testRunTipsDataStore: ", m_testRunTipsDataStore.get()},
+                        {"m_alertTipsDataStore: ", m_alertTipsDataStore.get()},
+                        {"m_scriptDataStore: ", m_scriptDataStore.get()},
+                        {"m_alertDataStore: ", m_alertDataStore.get()},
+                        {"m_profilerDiffDataStore: ", m_profilerDiffDataStore.get()}},
+                       error);
 }
 
 void EventDataStore::close() {
@@ -448,24 +400,18 @@ bool EventDataStore::updateExisting(SQLiteDataStore& table, char const* idColumn
                                     std::vector<std::pair<char const*, String>> const& columns,
                                     char const* missingMessage) {
     // REQUIRES: caller holds the "event_store" mutex.
-    String const idText = sql::number(id);
-    if (!table.contains(idColumn, idText)) {
-        if (missingMessage) logDefect(missingMessage, id);
-        return false;
-    }
     HashTable<String, String> row;
-    row.insert(idColumn, idText);
+    row.insert(idColumn, sql::number(id));
     for (auto const& column : columns) row.insert(column.first, column.second);
-    table.update(row, idColumn, idText);
-    return true;
+    return updateIfExists(table, idColumn, id, row, missingMessage);
 }
 
 boost::optional<long long> EventDataStore::logAppStart(String const& name, String const& userName,
                                                        String const& typeOfRun,
                                                        EventTimePoint start) {
-    String const statement = eventsql::insertStatement(
+    String const statement = sql::insert(
         "ApplicationRuns", "name,userName,typeOfRun,startTime",
-        {sql::value(name), sql::value(userName), sql::value(typeOfRun), eventsql::seconds(start)});
+        {sql::value(name), sql::value(userName), sql::value(typeOfRun), sql::seconds(start)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     SQLite3Database& database = *m_appDataStore->database();
     database.execute(statement);
@@ -474,7 +420,7 @@ boost::optional<long long> EventDataStore::logAppStart(String const& name, Strin
 
 void EventDataStore::logAppStop(long long appId, EventTimePoint end) {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    updateExisting(*m_appDataStore, "appId", appId, {{"endTime", eventsql::seconds(end)}},
+    updateExisting(*m_appDataStore, "appId", appId, {{"endTime", sql::seconds(end)}},
                    "logAppStop() id does not exist: ");
 }
 
@@ -507,8 +453,7 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
     String specIdText;
     if (!m_scriptSpecDataStore->cellData("specId", specIdText, "scriptXml", scriptXml)) {
         SQLite3Database& specs = *m_scriptSpecDataStore->database();
-        specs.execute(
-            eventsql::insertStatement("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
+        specs.execute(sql::insert("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
         long long const specId = specs.lastInsertId();
         // An engaged 0, not an empty optional: callers tell "no spec" from "no run" this way.
         if (specId < 1) return 0LL;
@@ -516,10 +461,10 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
     }
 
     // The first text goes to `result`, the second to `scriptGuid`, the third to `name`.
-    String const statement = eventsql::insertStatement(
-        "ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
-        {sql::number(appId), sql::value(result), sql::value(name), eventsql::seconds(start),
-         sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
+    String const statement =
+        sql::insert("ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
+                    {sql::number(appId), sql::value(result), sql::value(name), sql::seconds(start),
+                     sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
     SQLite3Database& database = *m_scriptDataStore->database();
     database.execute(statement);
     return positiveId(database.lastInsertId());
@@ -529,7 +474,7 @@ void EventDataStore::logScriptFinished(long long scriptId, String const& result,
                                        EventTimePoint end) {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId,
-                   {{"result", result}, {"endTime", eventsql::seconds(end)}},
+                   {{"result", result}, {"endTime", sql::seconds(end)}},
                    "logScriptFinished() id does not exist: ");
 }
 
@@ -549,12 +494,12 @@ boost::optional<long long> EventDataStore::logTestStart(
     long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
     String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
     unsigned int pass) {
-    String const statement = eventsql::insertStatement(
+    String const statement = sql::insert(
         "TestRuns",
         "scriptId,testName,deviceName,testGuid,deviceGuid,deviceType,result,startTime,pass",
         {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
-         sql::value(deviceGuid), sql::value(deviceType), sql::value(result),
-         eventsql::seconds(start), sql::number(pass)});
+         sql::value(deviceGuid), sql::value(deviceType), sql::value(result), sql::seconds(start),
+         sql::number(pass)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     SQLite3Database& database = *m_testRunDataStore->database();
     database.execute(statement);
@@ -573,7 +518,7 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
                                         EventTimePoint start) {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     if (updateExisting(*m_testRunDataStore, "testId", testId,
-                       {{"result", result}, {"startTime", eventsql::seconds(start)}}, nullptr)) {
+                       {{"result", result}, {"startTime", sql::seconds(start)}}, nullptr)) {
         return true;
     }
     // Unlike the other updates, reported on the store's own logger and to the caller.
@@ -587,10 +532,9 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
 void EventDataStore::logTestFinished(long long testId, String const& result,
                                      String const& errorCode, EventTimePoint end) {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    updateExisting(
-        *m_testRunDataStore, "testId", testId,
-        {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
-        "logTestFinished() id does not exist: ");
+    updateExisting(*m_testRunDataStore, "testId", testId,
+                   {{"result", result}, {"errorCode", errorCode}, {"endTime", sql::seconds(end)}},
+                   "logTestFinished() id does not exist: ");
 }
 
 void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
@@ -602,7 +546,7 @@ void EventDataStore::logTestRunEvent(long long testId, String const& message, St
     row.insert("type", type);
     row.insert("eventCode", eventCode);
     row.insert("customerEventCode", customerEventCode);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_eventDataStore->append(row);
 }
@@ -617,46 +561,12 @@ void EventDataStore::logTestRunTip(long long testId, String const& key, String c
     row.insert("title", title);
     row.insert("text", text);
     row.insert("extended_text", extendedText);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_testRunTipsDataStore->append(row);
 }
 
 // ---- Alerts ------------------------------------------------------------------------------
-
-namespace eventsql {
-
-long long findAlert(SQLite3Database& database, String const& guid, bool withKeyValues,
-                    bool trackedOnly) {
-    // REQUIRES: caller holds the "event_store" mutex.
-    // The doubled blanks after the aliases come from the pieces the statement is made of.
-    std::string statement = "SELECT a.rowid FROM ";
-    sql::appendIdentifier(statement, "Alerts");
-    statement += " a  WHERE a.";
-    sql::appendIdentifier(statement, "guid");
-    statement += " = ";
-    sql::appendValue(statement, guid);
-    if (trackedOnly) {
-        statement += " AND a.";
-        sql::appendIdentifier(statement, "tracked");
-        statement += " = 1";
-    }
-    if (withKeyValues) {
-        statement += " AND EXISTS (SELECT 1 FROM ";
-        sql::appendIdentifier(statement, "AlertKeyValues");
-        statement += " kv  WHERE kv.";
-        sql::appendIdentifier(statement, "alertId");
-        statement += " = a.rowid)";
-    }
-    ResultSet result;
-    database.execute(String(std::move(statement)), &result);
-    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
-    String const& cell = result.row(0).columnValue(0);
-    if (cell.empty()) return -1;
-    return String::strToInt64(cell, 10);
-}
-
-}  // namespace eventsql
 
 void EventDataStore::storeAlertKeyValues(long long alertId,
                                          std::vector<std::pair<String, String>> const& keyValues) {
@@ -664,9 +574,8 @@ void EventDataStore::storeAlertKeyValues(long long alertId,
     SQLite3Database& database = *m_alertKeyValueDataStore->database();
     String const id = sql::number(alertId);
     for (auto const& kv : keyValues) {
-        database.execute(
-            eventsql::insertStatement("AlertKeyValues", "alertId,key,value",
-                                      {id, sql::value(kv.first), sql::value(kv.second)}));
+        database.execute(sql::insert("AlertKeyValues", "alertId,key,value",
+                                     {id, sql::value(kv.first), sql::value(kv.second)}));
     }
 }
 
@@ -674,11 +583,14 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     // REQUIRES: caller holds the "event_store" mutex.
     SQLite3Database& database = *m_alertDataStore->database();
     if (!alert.guid.empty()) {
-        long long const existing = eventsql::findAlert(database, alert.guid, false, false);
+        long long const existing = eventsql::findAlert(
+            database, alert.guid, eventsql::KeyValues::Any, eventsql::Tracking::Any);
         if (existing != -1) {
             // A stored alert is never stored again; it only gains key/values it lacks.
             if (alert.keyValues.empty()) return;
-            if (eventsql::findAlert(database, alert.guid, true, false) != -1) return;
+            if (eventsql::findAlert(database, alert.guid, eventsql::KeyValues::Required,
+                                    eventsql::Tracking::Any) != -1)
+                return;
             storeAlertKeyValues(existing, alert.keyValues);
             return;
         }
@@ -692,7 +604,7 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     row.insert("title", alert.title);
     row.insert("message", alert.message);
     row.insert("deviceName", alert.deviceName);
-    row.insert("dateTime", eventsql::seconds(alert.time));
+    row.insert("dateTime", sql::seconds(alert.time));
     // Written although the column defaults to 1: a new alert is not tracked yet.
     row.insert("tracked", "0");
     m_alertDataStore->append(row);
@@ -712,7 +624,7 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
         tipRow.insert("title", tip.title());
         tipRow.insert("text", tip.text());
         tipRow.insert("extended_text", tip.extendedText());
-        tipRow.insert("dateTime", eventsql::seconds(tip.timeStamp()));
+        tipRow.insert("dateTime", sql::seconds(tip.timeStamp()));
         m_alertTipsDataStore->append(tipRow);
     }
 }
@@ -752,17 +664,20 @@ bool EventDataStore::logAlerts(std::vector<AlertData> const& alerts) {
 
 bool EventDataStore::alertExists(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, false) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Any,
+                               eventsql::Tracking::Any) != -1;
 }
 
 bool EventDataStore::alertExistsWithKeyVals(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, true, false) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Required,
+                               eventsql::Tracking::Any) != -1;
 }
 
 bool EventDataStore::alertTracked(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, true) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Any,
+                               eventsql::Tracking::TrackedOnly) != -1;
 }
 
 void EventDataStore::markAlertAsTracked(String const& guid) {
@@ -779,7 +694,7 @@ EventTimePoint EventDataStore::firstAlert() const {
           result);
     // An empty table gives an empty cell, read as the zero point.
     if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return EventTimePoint();
-    return eventsql::timePoint(result.row(0).columnValue(0));
+    return sql::timePoint(result.row(0).columnValue(0));
 }
 
 // ---- Scriptlet results, profiler diffs, measurements -------------------------------------
@@ -808,16 +723,16 @@ void EventDataStore::logScriptletResult(long long appId, String const& key, Stri
     row.insert("category", category);
     row.insert("result", result);
     row.insert("status", status);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     m_scriptletDataStore->append(row);
 }
 
 void EventDataStore::logProfilerDiff(long long appId, String const& category, long long time,
                                      unsigned int numberOfChanges, String const& serializedDiff) {
-    String const statement = eventsql::insertStatement(
-        "ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
-        {sql::number(appId), sql::value(category), sql::number(time),
-         ZRNValue(numberOfChanges).toString(ZRNValue::nilValue()), sql::value(serializedDiff)});
+    String const statement =
+        sql::insert("ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
+                    {sql::number(appId), sql::value(category), sql::number(time),
+                     sql::number(numberOfChanges), sql::value(serializedDiff)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_profilerDiffDataStore->database()->execute(statement);
 }
@@ -826,14 +741,14 @@ void EventDataStore::logMeasurement(String const& type, unsigned int spanStartTi
                                     unsigned int spanMiddleTime, unsigned int spanEndTime,
                                     double maximum, double minimum, double average, double median,
                                     unsigned int numberOfSamples) {
-    auto const number = [](ZRNValue value) { return value.toString(ZRNValue::nilValue()); };
-    String const statement = eventsql::insertStatement(
+    using sql::number;
+    using sql::real;
+    String const statement = sql::insert(
         "Measurements",
         "type,spanStartTime,spanMiddleTime,spanEndTime,maximum,minimum,average,median,"
         "numberOfSamples",
         {sql::value(type), number(spanStartTime), number(spanMiddleTime), number(spanEndTime),
-         number(maximum), number(minimum), number(average), number(median),
-         number(numberOfSamples)});
+         real(maximum), real(minimum), real(average), real(median), number(numberOfSamples)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_measurementDataStore->database()->execute(statement);
 }

@@ -4,9 +4,9 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "StoreSupport.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
@@ -44,7 +44,10 @@ bool ReadOnlyEventDataStore::lookup(String const& guid, bool withKeyValues) cons
     // A moved-from view has no connection: treated as closed.
     if (!m_database || m_database->isClosed()) return false;
     AutoGlobalMutex lock(module::eventStoreMutex());
-    return eventsql::findAlert(*m_database, guid, withKeyValues, false) != -1;
+    return eventsql::findAlert(
+               *m_database, guid,
+               withKeyValues ? eventsql::KeyValues::Required : eventsql::KeyValues::Any,
+               eventsql::Tracking::Any) != -1;
 }
 
 bool ReadOnlyEventDataStore::alertExistsWithKeyVals(String const& guid) const {
