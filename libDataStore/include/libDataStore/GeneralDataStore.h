@@ -79,6 +79,8 @@ private:
     // REQUIRES: caller holds the "general_store" mutex, inside the transaction of logOrUpdate.
     void writeKeyValuesUnlocked(GenericLog const& log, long long setId, String const& nowText);
 
+    // The SELECT of getLogs for `filter`.
+    static String logsStatement(GenericLogFilter const& filter);
     void closeUnlocked();
     static Logger* logger();
 
