@@ -11,10 +11,10 @@
 
 #include <string>
 
-#include "StoreSupport.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -41,7 +41,7 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
     std::string names;
     std::string values;
     sql::columnAndValueLists(row, names, values);
-    return "INSERT INTO " + sql::identifier(table) + " (" + names + ") VALUES(" + values + ");";
+    return sql::insert(sql::identifier(table), String(std::move(names)), String(std::move(values)));
 }
 
 // REQUIRES: caller holds the "appstate_store" mutex, and `table` has a row with the row's key.
@@ -61,6 +61,33 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
     db.execute(plainInsert(table.tableName(), row));
     attempt.rollback();
     throw DatabaseError("AppStateDataStore: the unique index on `key` accepted a duplicate key");
+}
+
+// Runs `work` and returns what it returns. Should anything escape it, logs `failure` at
+// priority 4 and returns `fallback` instead: the store's operations never throw.
+template <class Result, class Work, class Failure>
+Result orLogged(Logger* logger, Result fallback, Work work, Failure failure) {
+    try {
+        return work();
+    } catch (...) {
+        logAt(logger, LoggerPriority::ERROR, failure);
+    }
+    return fallback;
+}
+
+// The two messages of a failed opening: 122 for an Exception (`error`), 124 for anything else.
+void logOpeningFailure(Logger* logger, String const& path, Exception const* error) {
+    if (error) {
+        logAt(logger, LoggerPriority::ERROR, [&] {
+            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
+                   path + "': " + error->getMessage();
+        });
+        return;
+    }
+    logAt(logger, LoggerPriority::ERROR, [&] {
+        return LoggerStream() + "124 " + "General failure creating AppStateDataStore at path: '" +
+               path + "'";
+    });
 }
 
 }  // namespace
@@ -90,16 +117,10 @@ AppStateDataStore::AppStateDataStore(String const& path) {
     } catch (Exception const& e) {
         // Without its index the table would not guard its keys: keep no half-opened table.
         m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
-                   path + "': " + e.getMessage();
-        });
+        logOpeningFailure(logger(), path, &e);
     } catch (...) {
         m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "124 " +
-                   "General failure creating AppStateDataStore at path: '" + path + "'";
-        });
+        logOpeningFailure(logger(), path, nullptr);
     }
 }
 
@@ -111,16 +132,10 @@ AppStateDataStore::AppStateDataStore(String const& path, ReadOnly const& options
         m_table = Table(readonly::table(database, kTableName, kColumns).release());
     } catch (Exception const& e) {
         m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
-                   path + "': " + e.getMessage();
-        });
+        logOpeningFailure(logger(), path, &e);
     } catch (...) {
         m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "124 " +
-                   "General failure creating AppStateDataStore at path: '" + path + "'";
-        });
+        logOpeningFailure(logger(), path, nullptr);
     }
 }
 
@@ -190,40 +205,39 @@ bool AppStateDataStore::insert(String const& key, String const& data, String con
 }
 
 String AppStateDataStore::data(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        String out;
-        if (table().cellData("data", out, "key", key)) return out;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), String(),
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            String out;
+            return table().cellData("data", out, "key", key) ? out : String();
+        },
+        [&] {
             return LoggerStream() + "176 " + "General failure looking up data for key: " + key;
         });
-    }
-    return String();
 }
 
 bool AppStateDataStore::contains(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().contains("key", key);
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [&] { return LoggerStream() + "186 " + "General failure looking up key: " + key; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().contains("key", key);
+        },
+        [&] { return LoggerStream() + "186 " + "General failure looking up key: " + key; });
 }
 
 bool AppStateDataStore::remove(String const& key) {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        table().remove("key", key);
-        return true;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            table().remove("key", key);
+            return true;
+        },
+        [&] {
             return LoggerStream() + "198 " + "General failure attempting to remove key: " + key;
         });
-    }
-    return false;
 }
 
 boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
@@ -248,33 +262,33 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
 }
 
 String AppStateDataStore::group(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        String out;
-        if (table().cellData("filterGroup", out, "key", key)) return out;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), String(),
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            String out;
+            return table().cellData("filterGroup", out, "key", key) ? out : String();
+        },
+        [&] {
             return LoggerStream() + "252 " +
                    "General failure attempting to get group for key: " + key;
         });
-    }
-    return String();
 }
 
 int AppStateDataStore::count(String const& group) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        // An empty column makes the table layer count every row.
-        unsigned int const n =
-            group.empty() ? table().count(String(), String()) : table().count("filterGroup", group);
-        return static_cast<int>(n);
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), 0,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            // An empty column makes the table layer count every row.
+            unsigned int const n = group.empty() ? table().count(String(), String())
+                                                 : table().count("filterGroup", group);
+            return static_cast<int>(n);
+        },
+        [&] {
             return LoggerStream() + "267 " +
                    "General failure attempting to get count for group: " + group;
         });
-    }
-    return 0;
 }
 
 std::map<String, String> AppStateDataStore::getItems(String const& group) const {
@@ -282,9 +296,9 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
     try {
         String statement = "SELECT " + sql::identifier("key") + module::comma() +
                            sql::identifier("data") + " FROM " + sql::identifier(kTableName);
-        if (!group.empty()) {
-            statement += " WHERE " + sql::identifier("filterGroup") + " = " + sql::value(group);
-        }
+        sql::Where where;
+        if (!group.empty()) where.add(sql::identifier("filterGroup"), " = ", sql::value(group));
+        statement += where.text();
         ResultSet result;
         {
             StoreLock lock(module::appStateStoreMutex(), m_reader.get());
@@ -307,38 +321,34 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
 // ---- Connection --------------------------------------------------------------------------
 
 bool AppStateDataStore::close() {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        table().close();
-        return true;
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [] { return LoggerStream() + "210 " + "General failure attempting to close"; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            table().close();
+            return true;
+        },
+        [] { return LoggerStream() + "210 " + "General failure attempting to close"; });
 }
 
 bool AppStateDataStore::isClosed() const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().isClosed();
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [] { return LoggerStream() + "220 " + "General failure attempting check isClosed"; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().isClosed();
+        },
+        [] { return LoggerStream() + "220 " + "General failure attempting check isClosed"; });
 }
 
 bool AppStateDataStore::checkValidity(String& error) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().checkValidity(error);
-    } catch (...) {
-        logAt(logger(), ERROR, [] {
-            return LoggerStream() + "310 " + "General failure attempting to check validity";
-        });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().checkValidity(error);
+        },
+        [] { return LoggerStream() + "310 " + "General failure attempting to check validity"; });
 }
 
 }  // namespace zrn
