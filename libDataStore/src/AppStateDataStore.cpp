@@ -156,21 +156,11 @@ std::shared_ptr<AppStateDataStore> AppStateDataStore::create(String const& path)
 // Only an Exception is logged; anything else (exhausted memory) gives an empty pointer without
 // a message, as a create function never throws.
 std::shared_ptr<AppStateDataStore> AppStateDataStore::create() noexcept {
-    try {
-        return create(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath));
-    } catch (Exception const& e) {
-        try {
-            logAt(logger(), ERROR, [&] {
-                return LoggerStream() + "134 " +
-                       "Failure attempting to retrieve the appstate datastore path: " +
-                       e.getMessage();
-            });
-        } catch (...) {
-        }
-        return nullptr;
-    } catch (...) {
+    String path;
+    if (!defaultPath(&DataStoreSettings::appStateDataStoreFilePath, logger(), "134 ", path)) {
         return nullptr;
     }
+    return create(path);
 }
 
 SQLiteDataStore& AppStateDataStore::table() const {

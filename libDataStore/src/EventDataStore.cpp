@@ -276,20 +276,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create(String const& path) noexc
 
 std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
     String path;
-    try {
-        path = module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath);
-    } catch (Exception const& e) {
-        try {
-            // The text names the appstate store; other tools match on it as it stands.
-            logAt(logger(), ERROR, [&] {
-                return LoggerStream() + "500 " +
-                       "Failure attempting to retrieve the appstate datastore path: " +
-                       e.getMessage();
-            });
-        } catch (...) {
-        }
-        return nullptr;
-    } catch (...) {
+    if (!defaultPath(&DataStoreSettings::eventDataStoreFilePath, logger(), "500 ", path)) {
         return nullptr;
     }
     return create(path);

@@ -54,6 +54,25 @@ std::string joinToScriptRuns(char const* table) {
 
 String orderDescending(char const* column) { return " ORDER BY " + id(column) + " DESC"; }
 
+// A reader of the rows of one owner (a script run, test run or alert), newest first:
+// "SELECT <columns> FROM <source> WHERE <owner> = <ownerId>", the bounds on `timeColumn`,
+// " ORDER BY `<timeColumn>` DESC" and the limit.
+String ownedRows(std::string const& columns, String const& source, String const& owner,
+                 long long ownerId, char const* timeColumn, EventTimePoint from, EventTimePoint to,
+                 int limit) {
+    sql::Where where;
+    where.add(owner, " = ", sql::number(ownerId));
+    where.addBounds(id(timeColumn), from, to);
+    return "SELECT " + columns + " FROM " + source + where.text() + orderDescending(timeColumn) +
+           sql::limit(limit);
+}
+
+// Every such reader's trace names the test-run reader; log readers match on it as it stands.
+void traceReader(Logger* logger, char const* number, String const& statement) {
+    logAt(logger, TRACE,
+          [&] { return LoggerStream() + number + "testRunResultLogs SQL Command: " + statement; });
+}
+
 }  // namespace
 
 // ---- Shared machinery --------------------------------------------------------------------
@@ -169,15 +188,10 @@ std::vector<TestRunEventResultLog> EventDataStore::scriptRunEventResultLogs(long
                                                                             EventTimePoint from,
                                                                             EventTimePoint to,
                                                                             int limit) const {
-    sql::Where where;
-    where.add("ScriptRuns." + id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + eventColumns() + " FROM " +
-                             joinToScriptRuns("TestRunEvents") + where.text() +
-                             orderDescending("dateTime") + sql::limit(limit);
-    // The label names another reader; log readers match on it as it stands.
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1580 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement =
+        ownedRows(eventColumns(), joinToScriptRuns("TestRunEvents"), "ScriptRuns." + id("scriptId"),
+                  scriptId, "dateTime", from, to, limit);
+    traceReader(logger(), "1580 ", statement);
     return events(statement);
 }
 
@@ -228,13 +242,9 @@ std::vector<TestRunResultLog> EventDataStore::testRunResultLogs(long long script
                                                                 EventTimePoint from,
                                                                 EventTimePoint to,
                                                                 int limit) const {
-    sql::Where where;
-    where.add(id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("startTime"), from, to);
-    String const statement = "SELECT " + testRunColumns() + " FROM " + id("TestRuns") +
-                             where.text() + orderDescending("startTime") + sql::limit(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1813 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(testRunColumns(), id("TestRuns"), id("scriptId"), scriptId,
+                                       "startTime", from, to, limit);
+    traceReader(logger(), "1813 ", statement);
     return testRuns(statement);
 }
 
@@ -242,13 +252,9 @@ std::vector<TestRunEventResultLog> EventDataStore::testRunEventResultLogs(long l
                                                                           EventTimePoint from,
                                                                           EventTimePoint to,
                                                                           int limit) const {
-    sql::Where where;
-    where.add(id("testId"), " = ", sql::number(testId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + eventColumns() + " FROM " + id("TestRunEvents") +
-                             where.text() + orderDescending("dateTime") + sql::limit(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1868 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(eventColumns(), id("TestRunEvents"), id("testId"), testId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "1868 ", statement);
     return events(statement);
 }
 
@@ -256,38 +262,27 @@ std::vector<TipResultLog> EventDataStore::scriptRunTipResultLogs(long long scrip
                                                                  EventTimePoint from,
                                                                  EventTimePoint to,
                                                                  int limit) const {
-    sql::Where where;
-    where.add("ScriptRuns." + id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + joinToScriptRuns("TestRunTips") +
-                             where.text() + orderDescending("dateTime") + sql::limit(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1640 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement =
+        ownedRows(tipColumns(), joinToScriptRuns("TestRunTips"), "ScriptRuns." + id("scriptId"),
+                  scriptId, "dateTime", from, to, limit);
+    traceReader(logger(), "1640 ", statement);
     return tips(statement);
 }
 
 std::vector<TipResultLog> EventDataStore::testRunTipResultLogs(long long testId,
                                                                EventTimePoint from,
                                                                EventTimePoint to, int limit) const {
-    sql::Where where;
-    where.add(id("testId"), " = ", sql::number(testId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + id("TestRunTips") +
-                             where.text() + orderDescending("dateTime") + sql::limit(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1919 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(tipColumns(), id("TestRunTips"), id("testId"), testId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "1919 ", statement);
     return tips(statement);
 }
 
 std::vector<TipResultLog> EventDataStore::alertTipResultLogs(long long alertId, EventTimePoint from,
                                                              EventTimePoint to, int limit) const {
-    sql::Where where;
-    where.add(id("alertId"), " = ", sql::number(alertId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + id("AlertTips") + where.text() +
-                             orderDescending("dateTime") + sql::limit(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "2145 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(tipColumns(), id("AlertTips"), id("alertId"), alertId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "2145 ", statement);
     return tips(statement);
 }
 

@@ -201,6 +201,23 @@ private:
     int m_limit = 0;
 };
 
+// The first run transaction of `session`, and the first fix transaction whose `column` holds
+// `value`: the look-ups whose record or mere existence several operations ask for.
+String firstRunTransaction(SessionLog const& session) {
+    return Select(kRunTransactions, kRunTransactionColumns)
+        .whereEquals("sessionId", session.sessionId())
+        .limit(1)
+        .text();
+}
+
+template <class Value>
+String firstFixTransaction(char const* column, Value const& value) {
+    return Select(kFixTransactions, kFixTransactionColumns)
+        .whereEquals(column, value)
+        .limit(1)
+        .text();
+}
+
 }  // namespace
 
 Logger* SoftwareDiagEventDataStore::logger() {
@@ -593,59 +610,35 @@ FixActionList SoftwareDiagEventDataStore::getFixActionsByIssue(IssueLog const& i
 
 RunTransactionLog SoftwareDiagEventDataStore::getRunTransactionBySession(
     SessionLog const& session) const {
-    return RunTransactionList(
-               records<RunTransactionLog>(Select(kRunTransactions, kRunTransactionColumns)
-                                              .whereEquals("sessionId", session.sessionId())
-                                              .limit(1)
-                                              .text()))
-        .get(0);
+    return RunTransactionList(records<RunTransactionLog>(firstRunTransaction(session))).get(0);
 }
 
 FixTransactionLog SoftwareDiagEventDataStore::getFixTransactionBySession(
     SessionLog const& session) const {
     return FixTransactionList(
-               records<FixTransactionLog>(Select(kFixTransactions, kFixTransactionColumns)
-                                              .whereEquals("sessionId", session.sessionId())
-                                              .limit(1)
-                                              .text()))
+               records<FixTransactionLog>(firstFixTransaction("sessionId", session.sessionId())))
         .get(0);
 }
 
 FixTransactionLog SoftwareDiagEventDataStore::getFixTransactionByRestorePointUuid(
     String const& restorePointUuid) const {
-    return FixTransactionList(
-               records<FixTransactionLog>(Select(kFixTransactions, kFixTransactionColumns)
-                                              .whereEquals("restorePointUuid", restorePointUuid)
-                                              .limit(1)
-                                              .text()))
+    return FixTransactionList(records<FixTransactionLog>(
+                                  firstFixTransaction("restorePointUuid", restorePointUuid)))
         .get(0);
 }
 
 bool SoftwareDiagEventDataStore::sessionHasRunTransaction(SessionLog const& session) const {
-    return RunTransactionList(
-               records<RunTransactionLog>(Select(kRunTransactions, kRunTransactionColumns)
-                                              .whereEquals("sessionId", session.sessionId())
-                                              .limit(1)
-                                              .text()))
-               .size() > 0;
+    return records<RunTransactionLog>(firstRunTransaction(session)).size() > 0;
 }
 
 bool SoftwareDiagEventDataStore::sessionHasFixTransaction(SessionLog const& session) const {
-    return FixTransactionList(
-               records<FixTransactionLog>(Select(kFixTransactions, kFixTransactionColumns)
-                                              .whereEquals("sessionId", session.sessionId())
-                                              .limit(1)
-                                              .text()))
+    return records<FixTransactionLog>(firstFixTransaction("sessionId", session.sessionId()))
                .size() > 0;
 }
 
 bool SoftwareDiagEventDataStore::restorePointHasFixTransaction(
     String const& restorePointUuid) const {
-    return FixTransactionList(
-               records<FixTransactionLog>(Select(kFixTransactions, kFixTransactionColumns)
-                                              .whereEquals("restorePointUuid", restorePointUuid)
-                                              .limit(1)
-                                              .text()))
+    return records<FixTransactionLog>(firstFixTransaction("restorePointUuid", restorePointUuid))
                .size() > 0;
 }
 

@@ -1,8 +1,10 @@
 #include "StoreSupport.h"
 
+#include <libCommon/Exception.h>
 #include <libCommon/Logger.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include "ModuleState.h"
 #include "SqlText.h"
 
 namespace zrn {
@@ -11,6 +13,25 @@ Logger* createLogger(char const* name) {
     Logger* created = nullptr;
     LogFactory::createLogger(name, created);
     return created;
+}
+
+bool defaultPath(String const& (*getter)(), Logger* logger, char const* number,
+                 String& path) noexcept {
+    try {
+        path = module::settingsCopy(getter);
+        return true;
+    } catch (Exception const& e) {
+        try {
+            logAt(logger, LoggerPriority::ERROR, [&] {
+                return LoggerStream() + number +
+                       "Failure attempting to retrieve the appstate datastore path: " +
+                       e.getMessage();
+            });
+        } catch (...) {
+        }
+    } catch (...) {
+    }
+    return false;
 }
 
 Logger* defectLogger() {

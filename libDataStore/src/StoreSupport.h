@@ -18,6 +18,14 @@ class SQLiteDataStore;
 // function-local static, so it is made once, on first use, thread-safely.
 Logger* createLogger(char const* name);
 
+// The default file path of a store's create(): what `getter` returns, copied under the settings
+// lock, into `path`. Should that fail with an Exception, logs `number` followed by "Failure
+// attempting to retrieve the appstate datastore path: " and its message (every store's text
+// names the appstate store; other tools match on it as it stands) on `logger` and returns
+// false; anything else returns false without a message. Never throws.
+bool defaultPath(String const& (*getter)(), Logger* logger, char const* number,
+                 String& path) noexcept;
+
 // The logger "DEFECT.GENERIC", on which every store reports data defects at priority 4: rows
 // too short for their record, ids that do not exist in a finish or set operation, duplicate
 // links. Such defects are logged, never thrown.
