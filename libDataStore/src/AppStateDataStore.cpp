@@ -163,6 +163,12 @@ std::shared_ptr<AppStateDataStore> AppStateDataStore::create() noexcept {
     return create(path);
 }
 
+String AppStateDataStore::cellOf(char const* column, String const& key) const {
+    StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+    String out;
+    return table().cellData(column, out, "key", key) ? out : String();
+}
+
 SQLiteDataStore& AppStateDataStore::table() const {
     if (!m_table) throw Exception("AppStateDataStore: the store was not opened");
     return *m_table;
@@ -196,12 +202,7 @@ bool AppStateDataStore::insert(String const& key, String const& data, String con
 
 String AppStateDataStore::data(String const& key) const {
     return orLogged(
-        logger(), String(),
-        [&] {
-            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-            String out;
-            return table().cellData("data", out, "key", key) ? out : String();
-        },
+        logger(), String(), [&] { return cellOf("data", key); },
         [&] {
             return LoggerStream() + "176 " + "General failure looking up data for key: " + key;
         });
@@ -253,12 +254,7 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
 
 String AppStateDataStore::group(String const& key) const {
     return orLogged(
-        logger(), String(),
-        [&] {
-            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-            String out;
-            return table().cellData("filterGroup", out, "key", key) ? out : String();
-        },
+        logger(), String(), [&] { return cellOf("filterGroup", key); },
         [&] {
             return LoggerStream() + "252 " +
                    "General failure attempting to get group for key: " + key;

@@ -67,6 +67,29 @@ String ownedRows(std::string const& columns, String const& source, String const&
            sql::limit(limit);
 }
 
+// " (" the failure results ("FAIL" when none are given) " OR " the pass results ("PASS" when
+// none are given) ")", each as `result` = value: the runs that decide a test's state.
+std::string outcomeCondition(String const& result, std::vector<String> const* failureResults,
+                             std::vector<String> const* passResults) {
+    std::string outcome = " (";
+    if (!failureResults || failureResults->empty()) {
+        outcome += (result + " = 'FAIL'").str();
+    } else {
+        sql::join(outcome, *failureResults, " OR ", [&](std::string& out, String const& failure) {
+            out += (result + " = " + sql::value(failure)).str();
+        });
+    }
+    if (!passResults || passResults->empty()) {
+        outcome += (" OR " + result + " = 'PASS')").str();
+    } else {
+        for (String const& pass : *passResults) {
+            outcome += (" OR " + result + " = " + sql::value(pass)).str();
+        }
+        outcome += ")";
+    }
+    return outcome;
+}
+
 // Every such reader's trace names the test-run reader; log readers match on it as it stands.
 void traceReader(Logger* logger, char const* number, String const& statement) {
     logAt(logger, TRACE,
@@ -422,23 +445,7 @@ std::vector<TestRunResultLog> EventDataStore::getRecentFails(
     String const device = " (" + id("deviceGuid") + " = " + sql::value(deviceGuid) + " AND " +
                           id("endTime") + " <= " + sql::seconds(until) + ")";
 
-    std::string outcome = " (";
-    if (!failureResults || failureResults->empty()) {
-        outcome += (result + " = 'FAIL'").str();
-    } else {
-        for (std::size_t i = 0; i < failureResults->size(); ++i) {
-            if (i > 0) outcome += " OR ";
-            outcome += (result + " = " + sql::value((*failureResults)[i])).str();
-        }
-    }
-    if (!passResults || passResults->empty()) {
-        outcome += (" OR " + result + " = 'PASS')").str();
-    } else {
-        for (String const& pass : *passResults) {
-            outcome += (" OR " + result + " = " + sql::value(pass)).str();
-        }
-        outcome += ")";
-    }
+    std::string const outcome = outcomeCondition(result, failureResults, passResults);
 
     ResultSet guids;
     query("SELECT DISTINCT " + id("testGuid") + " FROM " + id("TestRuns") + " WHERE " + device +
