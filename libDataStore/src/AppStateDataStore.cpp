@@ -1,3 +1,5 @@
+#include <libDataStore/AppStateDataStore.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -5,7 +7,6 @@
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-#include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
 

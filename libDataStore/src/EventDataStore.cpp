@@ -1,3 +1,5 @@
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/Logger.h>
@@ -5,7 +7,6 @@
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include "EventStoreText.h"
@@ -300,7 +301,7 @@ void EventDataStore::createDataStores() {
 
 void EventDataStore::createTablesUnlocked(Database const& database) {
     // REQUIRES: caller holds the "event_store" mutex, inside the opening transaction.
-    m_versionDataStore.reset(new SQLiteDataStore(database, "Versioning", kVersioning));
+    m_versionDataStore = std::make_unique<SQLiteDataStore>(database, "Versioning", kVersioning);
     int const version = getVersionUnlocked();
     if (version == -1) {
         database->execute(SprintfFormat("INSERT OR IGNORE INTO %s (%s) values (%i)", "Versioning",
@@ -324,19 +325,25 @@ void EventDataStore::createTablesUnlocked(Database const& database) {
             SprintfFormat("UPDATE %s SET %s = %i", "Versioning", "version", kCurrentVersion));
     }
 
-    m_appDataStore.reset(new SQLiteDataStore(database, "ApplicationRuns", kApplicationRuns));
-    m_scriptDataStore.reset(new SQLiteDataStore(database, "ScriptRuns", kScriptRuns));
-    m_scriptSpecDataStore.reset(new SQLiteDataStore(database, "ScriptSpecs", kScriptSpecs));
-    m_testRunDataStore.reset(new SQLiteDataStore(database, "TestRuns", kTestRuns));
-    m_eventDataStore.reset(new SQLiteDataStore(database, "TestRunEvents", kTestRunEvents));
-    m_testRunTipsDataStore.reset(new SQLiteDataStore(database, "TestRunTips", kTestRunTips));
-    m_scriptletDataStore.reset(new SQLiteDataStore(database, "ScriptletRuns", kScriptletRuns));
-    m_alertDataStore.reset(new SQLiteDataStore(database, "Alerts", kAlerts));
-    m_alertKeyValueDataStore.reset(
-        new SQLiteDataStore(database, "AlertKeyValues", kAlertKeyValues));
-    m_alertTipsDataStore.reset(new SQLiteDataStore(database, "AlertTips", kAlertTips));
-    m_profilerDiffDataStore.reset(new SQLiteDataStore(database, "ProfilerDiffs", kProfilerDiffs));
-    m_measurementDataStore.reset(new SQLiteDataStore(database, "Measurements", kMeasurements));
+    m_appDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ApplicationRuns", kApplicationRuns);
+    m_scriptDataStore = std::make_unique<SQLiteDataStore>(database, "ScriptRuns", kScriptRuns);
+    m_scriptSpecDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ScriptSpecs", kScriptSpecs);
+    m_testRunDataStore = std::make_unique<SQLiteDataStore>(database, "TestRuns", kTestRuns);
+    m_eventDataStore = std::make_unique<SQLiteDataStore>(database, "TestRunEvents", kTestRunEvents);
+    m_testRunTipsDataStore =
+        std::make_unique<SQLiteDataStore>(database, "TestRunTips", kTestRunTips);
+    m_scriptletDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ScriptletRuns", kScriptletRuns);
+    m_alertDataStore = std::make_unique<SQLiteDataStore>(database, "Alerts", kAlerts);
+    m_alertKeyValueDataStore =
+        std::make_unique<SQLiteDataStore>(database, "AlertKeyValues", kAlertKeyValues);
+    m_alertTipsDataStore = std::make_unique<SQLiteDataStore>(database, "AlertTips", kAlertTips);
+    m_profilerDiffDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ProfilerDiffs", kProfilerDiffs);
+    m_measurementDataStore =
+        std::make_unique<SQLiteDataStore>(database, "Measurements", kMeasurements);
 
     for (IndexSpec const& index : kIndexes) database->execute(indexStatement(index));
 }

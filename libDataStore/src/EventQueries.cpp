@@ -1,10 +1,11 @@
 // EventDataStore's queries: the application-run questions and the result-log readers.
 
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include "EventStoreText.h"

@@ -1,3 +1,5 @@
+#include <libDataStore/GeneralDataStore.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -6,7 +8,6 @@
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include <optional>
@@ -118,12 +119,13 @@ void GeneralDataStore::createDataStores() {
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
         m_database = Database(new SQLite3Database(m_filePath, SQLiteDataStore::dbSyncMode()));
         m_versionDataStore.reset();
-        m_versionDataStore.reset(new SQLiteDataStore(m_database, kVersionTable, kVersionColumns));
+        m_versionDataStore =
+            std::make_unique<SQLiteDataStore>(m_database, kVersionTable, kVersionColumns);
         m_eventDataStore.reset();
-        m_eventDataStore.reset(new SQLiteDataStore(m_database, kLogTable, kLogColumns));
+        m_eventDataStore = std::make_unique<SQLiteDataStore>(m_database, kLogTable, kLogColumns);
         m_eventKeyValueDataStore.reset();
-        m_eventKeyValueDataStore.reset(
-            new SQLiteDataStore(m_database, kKeyValueTable, kKeyValueColumns));
+        m_eventKeyValueDataStore =
+            std::make_unique<SQLiteDataStore>(m_database, kKeyValueTable, kKeyValueColumns);
 
         SQLite3Database& db = *m_database;
         if (getVersionUnlocked() == -1) {

@@ -1,7 +1,8 @@
+#include <libDataStore/GeneralRecords.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-#include <libDataStore/GeneralRecords.h>
 
 #include <algorithm>
 #include <string>

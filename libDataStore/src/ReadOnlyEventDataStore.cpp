@@ -1,7 +1,8 @@
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/SQLite3Database.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include "EventStoreText.h"

@@ -1,10 +1,11 @@
+#include <libDataStore/SQLiteDataStore.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 #include <libCommon/ResultSet.h>
 #include <libDataStore/DataStoreExceptions.h>
-#include <libDataStore/SQLiteDataStore.h>
 
 #include <string>
 

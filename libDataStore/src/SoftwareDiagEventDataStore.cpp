@@ -1,3 +1,5 @@
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
 #include <libCommon/Array.h>
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
@@ -5,7 +7,6 @@
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <cstdint>
 #include <initializer_list>

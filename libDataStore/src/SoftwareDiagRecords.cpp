@@ -1,7 +1,8 @@
+#include <libDataStore/SoftwareDiagRecords.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
-#include <libDataStore/SoftwareDiagRecords.h>
 
 #include "StoreSupport.h"
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <libCommon/SQLite3Database.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
@@ -13,6 +12,7 @@ namespace zrn {
 
 class Logger;
 class ReaderLock;
+class SQLite3Database;
 class SQLiteDataStore;
 
 // Generic logs and their key/values in "genstore.db": tables `Version`, `GenericLog` and
