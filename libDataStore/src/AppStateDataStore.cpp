@@ -108,8 +108,7 @@ AppStateDataStore::AppStateDataStore(String const& path) {
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         // The table and its index are made in one transaction, so a failure between the two
         // never leaves a table without the index that guards its keys.
-        SQLiteDataStore::Database database(
-            new SQLite3Database(path, SQLiteDataStore::dbSyncMode()));
+        SQLiteDataStore::Database database = SQLiteDataStore::openDatabase(path);
         Transaction opening(*database, TransactionText::Begin);
         Table table(new SQLiteDataStore(database, kTableName, kColumns));
         database->execute(indexStatement());

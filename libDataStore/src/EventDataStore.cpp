@@ -286,7 +286,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
 void EventDataStore::createDataStores() {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
 
-    Database database(new SQLite3Database(m_dataStorePath, SQLiteDataStore::dbSyncMode()));
+    Database database = SQLiteDataStore::openDatabase(m_dataStorePath);
     Transaction opening(*database, TransactionText::BeginTransaction);
     try {
         createTablesUnlocked(database);

@@ -117,7 +117,7 @@ GeneralDataStore::~GeneralDataStore() {
 void GeneralDataStore::createDataStores() {
     try {
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
-        m_database = Database(new SQLite3Database(m_filePath, SQLiteDataStore::dbSyncMode()));
+        m_database = SQLiteDataStore::openDatabase(m_filePath);
         m_versionDataStore.reset();
         m_versionDataStore =
             std::make_unique<SQLiteDataStore>(m_database, kVersionTable, kVersionColumns);

@@ -498,6 +498,23 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
     EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 0);
     EXPECT_FALSE(state.contains("ui.theme"));
     EXPECT_EQ(tool({"state", "rm", "ui.theme"}).code, 4);
+
+    // Two processes replacing one item over and over: a replacement is a removal and an
+    // insertion, and neither process may slip its insertion between the other's two steps.
+    std::string const set = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE " + quoted(DATASTORE_TOOL) +
+                            " state set race \"$i\" --dir " + quoted(m_stores) +
+                            " 2>&1 || echo failed";
+    std::string const loop = "for i in $(seq 30); do " + set + "; done";
+    std::string const both = "(" + loop + ") & (" + loop + ") & wait";
+    FILE* pipe = ::popen(("sh -c " + quoted(both)).c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::string out;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, n);
+    EXPECT_EQ(::pclose(pipe), 0);
+    EXPECT_EQ(out, "");
+    EXPECT_TRUE(state.contains("race"));
 }
 
 TEST_F(DatastoreToolTest, HumanOutputIsAlignedAndFitsTheTerminal) {

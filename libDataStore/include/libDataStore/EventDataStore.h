@@ -238,6 +238,9 @@ public:
                                                  EventTimePoint until) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     using Database = SharedResource<PointerStorage<SQLite3Database>>;
 
     static Logger* logger();

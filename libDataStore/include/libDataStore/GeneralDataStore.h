@@ -69,6 +69,9 @@ public:
     GenericLogList getLogs(GenericLogFilter const& filter) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     using Database = SharedResource<PointerStorage<SQLite3Database>>;
 
     void createDataStores();

@@ -133,6 +133,9 @@ public:
                                                String const& restorePointUuid);
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     static Logger* logger();
 
     // REQUIRES: caller holds the "softwarediag_store" mutex.
