@@ -76,19 +76,25 @@ Result orLogged(Logger* logger, Result fallback, Work work, Failure failure) {
     return fallback;
 }
 
-// The two messages of a failed opening: 122 for an Exception (`error`), 124 for anything else.
-void logOpeningFailure(Logger* logger, String const& path, Exception const* error) {
-    if (error) {
+// Runs `open`. Should it throw, keeps no table (without its index a table would not guard its
+// keys, so a half-opened one is never kept) and logs 122 with an Exception's message, or 124.
+template <class Table, class Open>
+void openOrLog(Logger* logger, String const& path, Table& table, Open open) {
+    try {
+        open();
+    } catch (Exception const& e) {
+        table.reset();
         logAt(logger, LoggerPriority::ERROR, [&] {
             return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
-                   path + "': " + error->getMessage();
+                   path + "': " + e.getMessage();
         });
-        return;
+    } catch (...) {
+        table.reset();
+        logAt(logger, LoggerPriority::ERROR, [&] {
+            return LoggerStream() + "124 " +
+                   "General failure creating AppStateDataStore at path: '" + path + "'";
+        });
     }
-    logAt(logger, LoggerPriority::ERROR, [&] {
-        return LoggerStream() + "124 " + "General failure creating AppStateDataStore at path: '" +
-               path + "'";
-    });
 }
 
 }  // namespace
@@ -104,7 +110,7 @@ AppStateDataStore::AppStateDataStore()
     : AppStateDataStore(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath)) {}
 
 AppStateDataStore::AppStateDataStore(String const& path) {
-    try {
+    openOrLog(logger(), path, m_table, [&] {
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         // The table and its index are made in one transaction, so a failure between the two
         // never leaves a table without the index that guards its keys.
@@ -114,29 +120,16 @@ AppStateDataStore::AppStateDataStore(String const& path) {
         database->execute(indexStatement());
         opening.commit();
         m_table = table;
-    } catch (Exception const& e) {
-        // Without its index the table would not guard its keys: keep no half-opened table.
-        m_table.reset();
-        logOpeningFailure(logger(), path, &e);
-    } catch (...) {
-        m_table.reset();
-        logOpeningFailure(logger(), path, nullptr);
-    }
+    });
 }
 
 AppStateDataStore::AppStateDataStore(String const& path, ReadOnly const& options) {
-    try {
+    openOrLog(logger(), path, m_table, [&] {
         ReaderLock::Database database = readonly::open(path, options);
         m_reader = std::make_shared<ReaderLock>(database);
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         m_table = Table(readonly::table(database, kTableName, kColumns).release());
-    } catch (Exception const& e) {
-        m_table.reset();
-        logOpeningFailure(logger(), path, &e);
-    } catch (...) {
-        m_table.reset();
-        logOpeningFailure(logger(), path, nullptr);
-    }
+    });
 }
 
 AppStateDataStore::AppStateDataStore(AppStateDataStore const& other) = default;
