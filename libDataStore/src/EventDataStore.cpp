@@ -393,11 +393,20 @@ void EventDataStore::close() {
 bool EventDataStore::updateExisting(SQLiteDataStore& table, char const* idColumn, long long id,
                                     std::vector<std::pair<char const*, String>> const& columns,
                                     char const* missingMessage) {
-    // REQUIRES: caller holds the "event_store" mutex.
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     HashTable<String, String> row;
     row.insert(idColumn, sql::number(id));
     for (auto const& column : columns) row.insert(column.first, column.second);
     return updateIfExists(table, idColumn, id, row, missingMessage);
+}
+
+boost::optional<long long> EventDataStore::insertReturningId(SQLiteDataStore& table,
+                                                             String const& statement) {
+    // The id read must be the one of this insert: the lock is held across both.
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
+    SQLite3Database& database = *table.database();
+    database.execute(statement);
+    return positiveId(database.lastInsertId());
 }
 
 boost::optional<long long> EventDataStore::logAppStart(String const& name, String const& userName,
@@ -406,32 +415,25 @@ boost::optional<long long> EventDataStore::logAppStart(String const& name, Strin
     String const statement = sql::insert(
         "ApplicationRuns", "name,userName,typeOfRun,startTime",
         {sql::value(name), sql::value(userName), sql::value(typeOfRun), sql::seconds(start)});
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    SQLite3Database& database = *m_appDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+    return insertReturningId(*m_appDataStore, statement);
 }
 
 void EventDataStore::logAppStop(long long appId, EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"endTime", sql::seconds(end)}},
                    "logAppStop() id does not exist: ");
 }
 
 void EventDataStore::setAppName(long long appId, String const& name) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"name", name}},
                    "setAppName() id does not exist: ");
 }
 
 void EventDataStore::setAppUser(long long appId, String const& userName) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"userName", userName}},
                    "setAppUser() id does not exist: ");
 }
 
 void EventDataStore::setTypeOfAppRun(long long appId, String const& typeOfRun) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"typeOfRun", typeOfRun}},
                    "setTypeOfAppRun() id does not exist: ");
 }
@@ -459,27 +461,22 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
         sql::insert("ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
                     {sql::number(appId), sql::value(result), sql::value(name), sql::seconds(start),
                      sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
-    SQLite3Database& database = *m_scriptDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+    return insertReturningId(*m_scriptDataStore, statement);
 }
 
 void EventDataStore::logScriptFinished(long long scriptId, String const& result,
                                        EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId,
                    {{"result", result}, {"endTime", sql::seconds(end)}},
                    "logScriptFinished() id does not exist: ");
 }
 
 void EventDataStore::setScriptName(long long scriptId, String const& name) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"name", name}},
                    "setScriptName() id does not exist: ");
 }
 
 void EventDataStore::setScriptResult(long long scriptId, String const& result) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"result", result}},
                    "setScriptResult() id does not exist: ");
 }
@@ -494,10 +491,7 @@ boost::optional<long long> EventDataStore::logTestStart(
         {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
          sql::value(deviceGuid), sql::value(deviceType), sql::value(result), sql::seconds(start),
          sql::number(pass)});
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    SQLite3Database& database = *m_testRunDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+    return insertReturningId(*m_testRunDataStore, statement);
 }
 
 boost::optional<long long> EventDataStore::logTestInitializing(
@@ -525,7 +519,6 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
 
 void EventDataStore::logTestFinished(long long testId, String const& result,
                                      String const& errorCode, EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_testRunDataStore, "testId", testId,
                    {{"result", result}, {"errorCode", errorCode}, {"endTime", sql::seconds(end)}},
                    "logTestFinished() id does not exist: ");
