@@ -1,4 +1,5 @@
 #include <libCommon/Assert.h>
+
 #include <libCommon/Logger.h>
 
 #include <cstdio>

@@ -62,80 +62,105 @@ bool expect(std::string const& text, std::size_t& pos, char c) {
     return false;
 }
 
-}  // namespace
-
-DateTime::DateTime(String const& input) {
-    std::string text = input.str();
+// `text` without the white space at either end.
+std::string trimmed(std::string text) {
     while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
-    std::size_t pos = 0;
-    while (pos < text.size() && std::isspace(static_cast<unsigned char>(text[pos]))) ++pos;
+    std::size_t start = 0;
+    while (start < text.size() && std::isspace(static_cast<unsigned char>(text[start]))) ++start;
+    return text.substr(start);
+}
 
-    std::tm tm{};
-    int year, month, day, hour = 0, minute = 0, second = 0;
-    if (!digits(text, pos, 4, year) || !expect(text, pos, '-') || !digits(text, pos, 2, month) ||
-        !expect(text, pos, '-') || !digits(text, pos, 2, day)) {
-        return;
+struct ParsedFields {
+    int year = 0;
+    int month = 0;
+    int day = 0;
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+};
+
+// "YYYY-MM-DD", then optionally "Thh:mm" (or "t" or a blank before it), ":ss" and a fraction
+// after "." or "," (read and dropped), from `pos` on. False when malformed or out of range.
+bool parseFields(std::string const& text, std::size_t& pos, ParsedFields& f) {
+    if (!digits(text, pos, 4, f.year) || !expect(text, pos, '-') ||
+        !digits(text, pos, 2, f.month) || !expect(text, pos, '-') || !digits(text, pos, 2, f.day)) {
+        return false;
     }
     if (pos < text.size()) {
-        if (text[pos] != 'T' && text[pos] != 't' && text[pos] != ' ') return;
+        if (text[pos] != 'T' && text[pos] != 't' && text[pos] != ' ') return false;
         ++pos;
-        if (!digits(text, pos, 2, hour) || !expect(text, pos, ':') ||
-            !digits(text, pos, 2, minute)) {
-            return;
+        if (!digits(text, pos, 2, f.hour) || !expect(text, pos, ':') ||
+            !digits(text, pos, 2, f.minute)) {
+            return false;
         }
         if (expect(text, pos, ':')) {
-            if (!digits(text, pos, 2, second)) return;
+            if (!digits(text, pos, 2, f.second)) return false;
             if (expect(text, pos, '.') || expect(text, pos, ',')) {
                 std::size_t const start = pos;
                 while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos])))
                     ++pos;
-                if (pos == start) return;
+                if (pos == start) return false;
             }
         }
     }
-    if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
-        return;
+    return f.month >= 1 && f.month <= 12 && f.day >= 1 && f.day <= 31 && f.hour <= 23 &&
+           f.minute <= 59 && f.second <= 60;
+}
+
+// "Z" (`zulu`) or "+hh", "+hhmm", "+hh:mm" (and "-") from `pos` to the end of `text`, as
+// seconds east of UTC in `offset`. False when malformed or followed by anything.
+bool parseOffset(std::string const& text, std::size_t& pos, int& offset, bool& zulu) {
+    if (expect(text, pos, 'Z') || expect(text, pos, 'z')) {
+        zulu = true;
+        offset = 0;
+        return pos == text.size();
     }
-    tm.tm_year = year - 1900;
-    tm.tm_mon = month - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
+    char const sign = text[pos];
+    if (sign != '+' && sign != '-') return false;
+    ++pos;
+    int hours = 0;
+    int minutes = 0;
+    if (!digits(text, pos, 2, hours)) return false;
+    if (pos < text.size()) {
+        expect(text, pos, ':');
+        if (!digits(text, pos, 2, minutes)) return false;
+    }
+    offset = (hours * 3600 + minutes * 60) * (sign == '-' ? -1 : 1);
+    return pos == text.size();
+}
+
+}  // namespace
+
+DateTime::DateTime(String const& input) {
+    std::string const text = trimmed(input.str());
+    std::size_t pos = 0;
+    ParsedFields f;
+    if (!parseFields(text, pos, f)) return;
+    std::tm tm{};
+    tm.tm_year = f.year - 1900;
+    tm.tm_mon = f.month - 1;
+    tm.tm_mday = f.day;
+    tm.tm_hour = f.hour;
+    tm.tm_min = f.minute;
+    tm.tm_sec = f.second;
 
     if (pos == text.size()) {
         // No offset: local wall-clock time; mktime settles daylight saving itself.
         tm.tm_isdst = -1;
         std::time_t const t = std::mktime(&tm);
-        if (t == static_cast<std::time_t>(-1) && !(year == 1969 && month == 12 && day == 31))
+        if (t == static_cast<std::time_t>(-1) && !(f.year == 1969 && f.month == 12 && f.day == 31))
             return;
         *this = DateTime(static_cast<long long>(t), LOCAL);
         return;
     }
 
     int offset = 0;
-    Kind kind = UTC;
-    if (expect(text, pos, 'Z') || expect(text, pos, 'z')) {
-        offset = 0;
-    } else {
-        char const sign = text[pos];
-        if (sign != '+' && sign != '-') return;
-        ++pos;
-        int hours, minutes = 0;
-        if (!digits(text, pos, 2, hours)) return;
-        if (pos < text.size()) {
-            expect(text, pos, ':');
-            if (!digits(text, pos, 2, minutes)) return;
-        }
-        offset = (hours * 3600 + minutes * 60) * (sign == '-' ? -1 : 1);
-        kind = LOCAL;  // settled below
-    }
-    if (pos != text.size()) return;
-
+    bool zulu = false;
+    if (!parseOffset(text, pos, offset, zulu)) return;
     long long const seconds = static_cast<long long>(timegm(&tm)) - offset;
     // The two kinds cannot carry a foreign offset: text written in this machine's zone reads
-    // back as local time, any other offset as UTC (the instant is kept either way).
-    if (kind == LOCAL && localOffsetAt(seconds) != offset) kind = UTC;
+    // back as local time, any other offset (and Z) as UTC (the instant is kept either way).
+    Kind const kind = !zulu && localOffsetAt(seconds) == offset ? LOCAL : UTC;
     *this = DateTime(seconds, kind);
 }
 

@@ -1,4 +1,5 @@
 #include <libCommon/FileSystem.h>
+
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,6 +1,7 @@
+#include <libCommon/GlobalMutex.h>
+
 #include <fcntl.h>
 #include <libCommon/Exception.h>
-#include <libCommon/GlobalMutex.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,6 @@
-#include <libCommon/DateTime.h>
 #include <libCommon/Logger.h>
+
+#include <libCommon/DateTime.h>
 #include <libCommon/Resource.h>
 
 #include <atomic>

@@ -1,4 +1,5 @@
 #include <libCommon/Resource.h>
+
 #include <libCommon/System.h>
 #include <sys/stat.h>
 

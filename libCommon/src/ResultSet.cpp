@@ -1,5 +1,6 @@
-#include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
+
+#include <libCommon/Exception.h>
 
 #include <algorithm>
 #include <string>

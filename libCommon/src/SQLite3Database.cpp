@@ -1,6 +1,7 @@
+#include <libCommon/SQLite3Database.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 #include <sqlite3.h>
 
 #include <cstring>

@@ -1,4 +1,5 @@
 #include <libCommon/System.h>
+
 #include <unistd.h>
 
 #include <string>

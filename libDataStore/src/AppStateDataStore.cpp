@@ -1,3 +1,5 @@
+#include <libDataStore/AppStateDataStore.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -5,7 +7,6 @@
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-#include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
 
@@ -14,6 +15,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -40,7 +42,7 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
     std::string names;
     std::string values;
     sql::columnAndValueLists(row, names, values);
-    return "INSERT INTO " + sql::identifier(table) + " (" + names + ") VALUES(" + values + ");";
+    return sql::insert(sql::identifier(table), String(std::move(names)), String(std::move(values)));
 }
 
 // REQUIRES: caller holds the "appstate_store" mutex, and `table` has a row with the row's key.
@@ -62,14 +64,43 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
     throw DatabaseError("AppStateDataStore: the unique index on `key` accepted a duplicate key");
 }
 
+// Runs `work` and returns what it returns. Should anything escape it, logs `failure` at
+// priority 4 and returns `fallback` instead: the store's operations never throw.
+template <class Result, class Work, class Failure>
+Result orLogged(Logger* logger, Result fallback, Work work, Failure failure) {
+    try {
+        return work();
+    } catch (...) {
+        logAt(logger, LoggerPriority::ERROR, failure);
+    }
+    return fallback;
+}
+
+// Runs `open`. Should it throw, keeps no table (without its index a table would not guard its
+// keys, so a half-opened one is never kept) and logs 122 with an Exception's message, or 124.
+template <class Table, class Open>
+void openOrLog(Logger* logger, String const& path, Table& table, Open open) {
+    try {
+        open();
+    } catch (Exception const& e) {
+        table.reset();
+        logAt(logger, LoggerPriority::ERROR, [&] {
+            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
+                   path + "': " + e.getMessage();
+        });
+    } catch (...) {
+        table.reset();
+        logAt(logger, LoggerPriority::ERROR, [&] {
+            return LoggerStream() + "124 " +
+                   "General failure creating AppStateDataStore at path: '" + path + "'";
+        });
+    }
+}
+
 }  // namespace
 
 Logger* AppStateDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.AppStateDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.AppStateDataStore");
     return instance;
 }
 
@@ -79,7 +110,7 @@ AppStateDataStore::AppStateDataStore()
     : AppStateDataStore(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath)) {}
 
 AppStateDataStore::AppStateDataStore(String const& path) {
-    try {
+    openOrLog(logger(), path, m_table, [&] {
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         // The table and its index are made in one transaction, so a failure between the two
         // never leaves a table without the index that guards its keys.
@@ -89,41 +120,16 @@ AppStateDataStore::AppStateDataStore(String const& path) {
         database->execute(indexStatement());
         opening.commit();
         m_table = table;
-    } catch (Exception const& e) {
-        // Without its index the table would not guard its keys: keep no half-opened table.
-        m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
-                   path + "': " + e.getMessage();
-        });
-    } catch (...) {
-        m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "124 " +
-                   "General failure creating AppStateDataStore at path: '" + path + "'";
-        });
-    }
+    });
 }
 
 AppStateDataStore::AppStateDataStore(String const& path, ReadOnly const& options) {
-    try {
+    openOrLog(logger(), path, m_table, [&] {
         ReaderLock::Database database = readonly::open(path, options);
         m_reader = std::make_shared<ReaderLock>(database);
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         m_table = Table(readonly::table(database, kTableName, kColumns).release());
-    } catch (Exception const& e) {
-        m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "122 " + "Failure creating AppStateDataStore at path: '" +
-                   path + "': " + e.getMessage();
-        });
-    } catch (...) {
-        m_table.reset();
-        logAt(logger(), ERROR, [&] {
-            return LoggerStream() + "124 " +
-                   "General failure creating AppStateDataStore at path: '" + path + "'";
-        });
-    }
+    });
 }
 
 AppStateDataStore::AppStateDataStore(AppStateDataStore const& other) = default;
@@ -143,21 +149,17 @@ std::shared_ptr<AppStateDataStore> AppStateDataStore::create(String const& path)
 // Only an Exception is logged; anything else (exhausted memory) gives an empty pointer without
 // a message, as a create function never throws.
 std::shared_ptr<AppStateDataStore> AppStateDataStore::create() noexcept {
-    try {
-        return create(module::settingsCopy(&DataStoreSettings::appStateDataStoreFilePath));
-    } catch (Exception const& e) {
-        try {
-            logAt(logger(), ERROR, [&] {
-                return LoggerStream() + "134 " +
-                       "Failure attempting to retrieve the appstate datastore path: " +
-                       e.getMessage();
-            });
-        } catch (...) {
-        }
-        return nullptr;
-    } catch (...) {
+    String path;
+    if (!defaultPath(&DataStoreSettings::appStateDataStoreFilePath, logger(), "134 ", path)) {
         return nullptr;
     }
+    return create(path);
+}
+
+String AppStateDataStore::cellOf(char const* column, String const& key) const {
+    StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+    String out;
+    return table().cellData(column, out, "key", key) ? out : String();
 }
 
 SQLiteDataStore& AppStateDataStore::table() const {
@@ -192,40 +194,34 @@ bool AppStateDataStore::insert(String const& key, String const& data, String con
 }
 
 String AppStateDataStore::data(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        String out;
-        if (table().cellData("data", out, "key", key)) return out;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), String(), [&] { return cellOf("data", key); },
+        [&] {
             return LoggerStream() + "176 " + "General failure looking up data for key: " + key;
         });
-    }
-    return String();
 }
 
 bool AppStateDataStore::contains(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().contains("key", key);
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [&] { return LoggerStream() + "186 " + "General failure looking up key: " + key; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().contains("key", key);
+        },
+        [&] { return LoggerStream() + "186 " + "General failure looking up key: " + key; });
 }
 
 bool AppStateDataStore::remove(String const& key) {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        table().remove("key", key);
-        return true;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            table().remove("key", key);
+            return true;
+        },
+        [&] {
             return LoggerStream() + "198 " + "General failure attempting to remove key: " + key;
         });
-    }
-    return false;
 }
 
 boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
@@ -250,33 +246,28 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
 }
 
 String AppStateDataStore::group(String const& key) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        String out;
-        if (table().cellData("filterGroup", out, "key", key)) return out;
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), String(), [&] { return cellOf("filterGroup", key); },
+        [&] {
             return LoggerStream() + "252 " +
                    "General failure attempting to get group for key: " + key;
         });
-    }
-    return String();
 }
 
 int AppStateDataStore::count(String const& group) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        // An empty column makes the table layer count every row.
-        unsigned int const n =
-            group.empty() ? table().count(String(), String()) : table().count("filterGroup", group);
-        return static_cast<int>(n);
-    } catch (...) {
-        logAt(logger(), ERROR, [&] {
+    return orLogged(
+        logger(), 0,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            // An empty column makes the table layer count every row.
+            unsigned int const n = group.empty() ? table().count(String(), String())
+                                                 : table().count("filterGroup", group);
+            return static_cast<int>(n);
+        },
+        [&] {
             return LoggerStream() + "267 " +
                    "General failure attempting to get count for group: " + group;
         });
-    }
-    return 0;
 }
 
 std::map<String, String> AppStateDataStore::getItems(String const& group) const {
@@ -284,9 +275,9 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
     try {
         String statement = "SELECT " + sql::identifier("key") + module::comma() +
                            sql::identifier("data") + " FROM " + sql::identifier(kTableName);
-        if (!group.empty()) {
-            statement += " WHERE " + sql::identifier("filterGroup") + " = " + sql::value(group);
-        }
+        sql::Where where;
+        if (!group.empty()) where.add(sql::identifier("filterGroup"), " = ", sql::value(group));
+        statement += where.text();
         ResultSet result;
         {
             StoreLock lock(module::appStateStoreMutex(), m_reader.get());
@@ -309,38 +300,34 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
 // ---- Connection --------------------------------------------------------------------------
 
 bool AppStateDataStore::close() {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        table().close();
-        return true;
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [] { return LoggerStream() + "210 " + "General failure attempting to close"; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            table().close();
+            return true;
+        },
+        [] { return LoggerStream() + "210 " + "General failure attempting to close"; });
 }
 
 bool AppStateDataStore::isClosed() const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().isClosed();
-    } catch (...) {
-        logAt(logger(), ERROR,
-              [] { return LoggerStream() + "220 " + "General failure attempting check isClosed"; });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().isClosed();
+        },
+        [] { return LoggerStream() + "220 " + "General failure attempting check isClosed"; });
 }
 
 bool AppStateDataStore::checkValidity(String& error) const {
-    try {
-        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-        return table().checkValidity(error);
-    } catch (...) {
-        logAt(logger(), ERROR, [] {
-            return LoggerStream() + "310 " + "General failure attempting to check validity";
-        });
-    }
-    return false;
+    return orLogged(
+        logger(), false,
+        [&] {
+            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+            return table().checkValidity(error);
+        },
+        [] { return LoggerStream() + "310 " + "General failure attempting to check validity"; });
 }
 
 }  // namespace zrn

@@ -1,6 +1,7 @@
+#include <libDataStore/DataStoreSettings.h>
+
 #include <libCommon/FileSystem.h>
 #include <libCommon/System.h>
-#include <libDataStore/DataStoreSettings.h>
 
 #include "ModuleState.h"
 

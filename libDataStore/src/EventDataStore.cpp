@@ -1,19 +1,19 @@
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/HashTable.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-#include <libCommon/ZRNValue.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -162,20 +162,8 @@ IndexSpec const kIndexes[] = {
 };
 
 String indexStatement(IndexSpec const& index) {
-    if (index.column2) {
-        return SprintfFormat("CREATE UNIQUE INDEX IF NOT EXISTS '%s-%s' ON `%s` (`%s`, `%s`)",
-                             index.column, index.column2, index.table, index.column, index.column2);
-    }
-    // The empty first argument leaves two blanks after CREATE, and an empty direction leaves
-    // a name ending in a blank: the names in existing files were made this way, and
-    // "IF NOT EXISTS" only recognises them if they are spelled identically.
-    return SprintfFormat("CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "",
-                         index.table, index.column, index.direction, index.table, index.column,
-                         index.direction);
-}
-
-void logDefect(char const* message, long long id) {
-    logAt(defectLogger(), ERROR, [&] { return LoggerStream() + message + id; });
+    return index.column2 ? sql::uniqueIndex(index.table, index.column, index.column2)
+                         : sql::index(index.table, index.column, index.direction);
 }
 
 boost::optional<long long> positiveId(long long id) {
@@ -201,31 +189,8 @@ bool scriptRunsLacksScriptGuid(SQLite3Database& database) {
 
 }  // namespace
 
-namespace eventsql {
-
-String insertStatement(char const* table, char const* columns,
-                       std::initializer_list<String> values) {
-    std::string text = SprintfFormat("INSERT INTO %s (", table).str();
-    text += columns;
-    text += ") VALUES(";
-    bool first = true;
-    for (String const& value : values) {
-        if (!first) text += module::comma().str();
-        first = false;
-        text += value.str();
-    }
-    text += ");";
-    return String(std::move(text));
-}
-
-}  // namespace eventsql
-
 Logger* EventDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.EventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.EventDataStore");
     return instance;
 }
 
@@ -312,20 +277,7 @@ std::shared_ptr<EventDataStore> EventDataStore::create(String const& path) noexc
 
 std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
     String path;
-    try {
-        path = module::settingsCopy(&DataStoreSettings::eventDataStoreFilePath);
-    } catch (Exception const& e) {
-        try {
-            // The text names the appstate store; other tools match on it as it stands.
-            logAt(logger(), ERROR, [&] {
-                return LoggerStream() + "500 " +
-                       "Failure attempting to retrieve the appstate datastore path: " +
-                       e.getMessage();
-            });
-        } catch (...) {
-        }
-        return nullptr;
-    } catch (...) {
+    if (!defaultPath(&DataStoreSettings::eventDataStoreFilePath, logger(), "500 ", path)) {
         return nullptr;
     }
     return create(path);
@@ -349,7 +301,7 @@ void EventDataStore::createDataStores() {
 
 void EventDataStore::createTablesUnlocked(Database const& database) {
     // REQUIRES: caller holds the "event_store" mutex, inside the opening transaction.
-    m_versionDataStore.reset(new SQLiteDataStore(database, "Versioning", kVersioning));
+    m_versionDataStore = std::make_unique<SQLiteDataStore>(database, "Versioning", kVersioning);
     int const version = getVersionUnlocked();
     if (version == -1) {
         database->execute(SprintfFormat("INSERT OR IGNORE INTO %s (%s) values (%i)", "Versioning",
@@ -373,30 +325,33 @@ void EventDataStore::createTablesUnlocked(Database const& database) {
             SprintfFormat("UPDATE %s SET %s = %i", "Versioning", "version", kCurrentVersion));
     }
 
-    m_appDataStore.reset(new SQLiteDataStore(database, "ApplicationRuns", kApplicationRuns));
-    m_scriptDataStore.reset(new SQLiteDataStore(database, "ScriptRuns", kScriptRuns));
-    m_scriptSpecDataStore.reset(new SQLiteDataStore(database, "ScriptSpecs", kScriptSpecs));
-    m_testRunDataStore.reset(new SQLiteDataStore(database, "TestRuns", kTestRuns));
-    m_eventDataStore.reset(new SQLiteDataStore(database, "TestRunEvents", kTestRunEvents));
-    m_testRunTipsDataStore.reset(new SQLiteDataStore(database, "TestRunTips", kTestRunTips));
-    m_scriptletDataStore.reset(new SQLiteDataStore(database, "ScriptletRuns", kScriptletRuns));
-    m_alertDataStore.reset(new SQLiteDataStore(database, "Alerts", kAlerts));
-    m_alertKeyValueDataStore.reset(
-        new SQLiteDataStore(database, "AlertKeyValues", kAlertKeyValues));
-    m_alertTipsDataStore.reset(new SQLiteDataStore(database, "AlertTips", kAlertTips));
-    m_profilerDiffDataStore.reset(new SQLiteDataStore(database, "ProfilerDiffs", kProfilerDiffs));
-    m_measurementDataStore.reset(new SQLiteDataStore(database, "Measurements", kMeasurements));
+    m_appDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ApplicationRuns", kApplicationRuns);
+    m_scriptDataStore = std::make_unique<SQLiteDataStore>(database, "ScriptRuns", kScriptRuns);
+    m_scriptSpecDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ScriptSpecs", kScriptSpecs);
+    m_testRunDataStore = std::make_unique<SQLiteDataStore>(database, "TestRuns", kTestRuns);
+    m_eventDataStore = std::make_unique<SQLiteDataStore>(database, "TestRunEvents", kTestRunEvents);
+    m_testRunTipsDataStore =
+        std::make_unique<SQLiteDataStore>(database, "TestRunTips", kTestRunTips);
+    m_scriptletDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ScriptletRuns", kScriptletRuns);
+    m_alertDataStore = std::make_unique<SQLiteDataStore>(database, "Alerts", kAlerts);
+    m_alertKeyValueDataStore =
+        std::make_unique<SQLiteDataStore>(database, "AlertKeyValues", kAlertKeyValues);
+    m_alertTipsDataStore = std::make_unique<SQLiteDataStore>(database, "AlertTips", kAlertTips);
+    m_profilerDiffDataStore =
+        std::make_unique<SQLiteDataStore>(database, "ProfilerDiffs", kProfilerDiffs);
+    m_measurementDataStore =
+        std::make_unique<SQLiteDataStore>(database, "Measurements", kMeasurements);
 
     for (IndexSpec const& index : kIndexes) database->execute(indexStatement(index));
 }
 
 int EventDataStore::getVersionUnlocked() const {
     // REQUIRES: caller holds the "event_store" mutex.
-    if (m_versionDataStore->count("", "") == 0) return -1;
-    String value;
-    m_versionDataStore->cellDataAtIndex(0, value, "version", "", "");
-    if (value.empty()) return -1;
-    return String::strToInt(value, 10);
+    String const value = versionText(*m_versionDataStore);
+    return value.empty() ? -1 : String::strToInt(value, 10);
 }
 
 int EventDataStore::getVersion() const {
@@ -408,28 +363,15 @@ bool EventDataStore::checkValidity(String& error) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     // Versioning, ScriptSpecs, AlertKeyValues, ScriptletRuns and Measurements are not asked:
     // they share the one connection with the tables that are.
-    struct Checked {
-        char const* member;
-        SQLiteDataStore const* table;
-    };
-    Checked const checked[] = {
-        {"m_appDataStore: ", m_appDataStore.get()},
-        {"m_testRunDataStore: ", m_testRunDataStore.get()},
-        {"m_eventDataStore: ", m_eventDataStore.get()},
-        {"m_testRunTipsDataStore: ", m_testRunTipsDataStore.get()},
-        {"m_alertTipsDataStore: ", m_alertTipsDataStore.get()},
-        {"m_scriptDataStore: ", m_scriptDataStore.get()},
-        {"m_alertDataStore: ", m_alertDataStore.get()},
-        {"m_profilerDiffDataStore: ", m_profilerDiffDataStore.get()},
-    };
-    for (Checked const& c : checked) {
-        String tableError;
-        if (!c.table->checkValidity(tableError)) {
-            error = c.member + tableError;
-            return false;
-        }
-    }
-    return true;
+    return checkTables({{"m_appDataStore: ", m_appDataStore.get()},
+                        {"m_testRunDataStore: ", m_testRunDataStore.get()},
+                        {"m_eventDataStore: ", m_eventDataStore.get()},
+                        {"m_testRunTipsDataStore: ", m_testRunTipsDataStore.get()},
+                        {"m_alertTipsDataStore: ", m_alertTipsDataStore.get()},
+                        {"m_scriptDataStore: ", m_scriptDataStore.get()},
+                        {"m_alertDataStore: ", m_alertDataStore.get()},
+                        {"m_profilerDiffDataStore: ", m_profilerDiffDataStore.get()}},
+                       error);
 }
 
 void EventDataStore::close() {
@@ -451,51 +393,47 @@ void EventDataStore::close() {
 bool EventDataStore::updateExisting(SQLiteDataStore& table, char const* idColumn, long long id,
                                     std::vector<std::pair<char const*, String>> const& columns,
                                     char const* missingMessage) {
-    // REQUIRES: caller holds the "event_store" mutex.
-    String const idText = sql::number(id);
-    if (!table.contains(idColumn, idText)) {
-        if (missingMessage) logDefect(missingMessage, id);
-        return false;
-    }
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     HashTable<String, String> row;
-    row.insert(idColumn, idText);
+    row.insert(idColumn, sql::number(id));
     for (auto const& column : columns) row.insert(column.first, column.second);
-    table.update(row, idColumn, idText);
-    return true;
+    return updateIfExists(table, idColumn, id, row, missingMessage);
+}
+
+boost::optional<long long> EventDataStore::insertReturningId(SQLiteDataStore& table,
+                                                             String const& statement) {
+    // The id read must be the one of this insert: the lock is held across both.
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
+    SQLite3Database& database = *table.database();
+    database.execute(statement);
+    return positiveId(database.lastInsertId());
 }
 
 boost::optional<long long> EventDataStore::logAppStart(String const& name, String const& userName,
                                                        String const& typeOfRun,
                                                        EventTimePoint start) {
-    String const statement = eventsql::insertStatement(
+    String const statement = sql::insert(
         "ApplicationRuns", "name,userName,typeOfRun,startTime",
-        {sql::value(name), sql::value(userName), sql::value(typeOfRun), eventsql::seconds(start)});
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    SQLite3Database& database = *m_appDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+        {sql::value(name), sql::value(userName), sql::value(typeOfRun), sql::seconds(start)});
+    return insertReturningId(*m_appDataStore, statement);
 }
 
 void EventDataStore::logAppStop(long long appId, EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    updateExisting(*m_appDataStore, "appId", appId, {{"endTime", eventsql::seconds(end)}},
+    updateExisting(*m_appDataStore, "appId", appId, {{"endTime", sql::seconds(end)}},
                    "logAppStop() id does not exist: ");
 }
 
 void EventDataStore::setAppName(long long appId, String const& name) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"name", name}},
                    "setAppName() id does not exist: ");
 }
 
 void EventDataStore::setAppUser(long long appId, String const& userName) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"userName", userName}},
                    "setAppUser() id does not exist: ");
 }
 
 void EventDataStore::setTypeOfAppRun(long long appId, String const& typeOfRun) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_appDataStore, "appId", appId, {{"typeOfRun", typeOfRun}},
                    "setTypeOfAppRun() id does not exist: ");
 }
@@ -511,8 +449,7 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
     String specIdText;
     if (!m_scriptSpecDataStore->cellData("specId", specIdText, "scriptXml", scriptXml)) {
         SQLite3Database& specs = *m_scriptSpecDataStore->database();
-        specs.execute(
-            eventsql::insertStatement("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
+        specs.execute(sql::insert("ScriptSpecs", "scriptXml", {sql::value(scriptXml)}));
         long long const specId = specs.lastInsertId();
         // An engaged 0, not an empty optional: callers tell "no spec" from "no run" this way.
         if (specId < 1) return 0LL;
@@ -520,31 +457,26 @@ boost::optional<long long> EventDataStore::logScriptStart(long long appId, Strin
     }
 
     // The first text goes to `result`, the second to `scriptGuid`, the third to `name`.
-    String const statement = eventsql::insertStatement(
-        "ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
-        {sql::number(appId), sql::value(result), sql::value(name), eventsql::seconds(start),
-         sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
-    SQLite3Database& database = *m_scriptDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+    String const statement =
+        sql::insert("ScriptRuns", "appId,result,name,startTime,totalPasses,specId,scriptGuid",
+                    {sql::number(appId), sql::value(result), sql::value(name), sql::seconds(start),
+                     sql::number(totalPasses), specIdText, sql::value(scriptGuid)});
+    return insertReturningId(*m_scriptDataStore, statement);
 }
 
 void EventDataStore::logScriptFinished(long long scriptId, String const& result,
                                        EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId,
-                   {{"result", result}, {"endTime", eventsql::seconds(end)}},
+                   {{"result", result}, {"endTime", sql::seconds(end)}},
                    "logScriptFinished() id does not exist: ");
 }
 
 void EventDataStore::setScriptName(long long scriptId, String const& name) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"name", name}},
                    "setScriptName() id does not exist: ");
 }
 
 void EventDataStore::setScriptResult(long long scriptId, String const& result) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
     updateExisting(*m_scriptDataStore, "scriptId", scriptId, {{"result", result}},
                    "setScriptResult() id does not exist: ");
 }
@@ -553,16 +485,13 @@ boost::optional<long long> EventDataStore::logTestStart(
     long long scriptId, String const& testName, String const& deviceName, String const& testGuid,
     String const& deviceGuid, String const& deviceType, String const& result, EventTimePoint start,
     unsigned int pass) {
-    String const statement = eventsql::insertStatement(
+    String const statement = sql::insert(
         "TestRuns",
         "scriptId,testName,deviceName,testGuid,deviceGuid,deviceType,result,startTime,pass",
         {sql::number(scriptId), sql::value(testName), sql::value(deviceName), sql::value(testGuid),
-         sql::value(deviceGuid), sql::value(deviceType), sql::value(result),
-         eventsql::seconds(start), sql::number(pass)});
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    SQLite3Database& database = *m_testRunDataStore->database();
-    database.execute(statement);
-    return positiveId(database.lastInsertId());
+         sql::value(deviceGuid), sql::value(deviceType), sql::value(result), sql::seconds(start),
+         sql::number(pass)});
+    return insertReturningId(*m_testRunDataStore, statement);
 }
 
 boost::optional<long long> EventDataStore::logTestInitializing(
@@ -577,7 +506,7 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
                                         EventTimePoint start) {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     if (updateExisting(*m_testRunDataStore, "testId", testId,
-                       {{"result", result}, {"startTime", eventsql::seconds(start)}}, nullptr)) {
+                       {{"result", result}, {"startTime", sql::seconds(start)}}, nullptr)) {
         return true;
     }
     // Unlike the other updates, reported on the store's own logger and to the caller.
@@ -590,11 +519,9 @@ bool EventDataStore::logTestInitialized(long long testId, String const& result,
 
 void EventDataStore::logTestFinished(long long testId, String const& result,
                                      String const& errorCode, EventTimePoint end) {
-    StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    updateExisting(
-        *m_testRunDataStore, "testId", testId,
-        {{"result", result}, {"errorCode", errorCode}, {"endTime", eventsql::seconds(end)}},
-        "logTestFinished() id does not exist: ");
+    updateExisting(*m_testRunDataStore, "testId", testId,
+                   {{"result", result}, {"errorCode", errorCode}, {"endTime", sql::seconds(end)}},
+                   "logTestFinished() id does not exist: ");
 }
 
 void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
@@ -606,7 +533,7 @@ void EventDataStore::logTestRunEvent(long long testId, String const& message, St
     row.insert("type", type);
     row.insert("eventCode", eventCode);
     row.insert("customerEventCode", customerEventCode);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_eventDataStore->append(row);
 }
@@ -621,46 +548,12 @@ void EventDataStore::logTestRunTip(long long testId, String const& key, String c
     row.insert("title", title);
     row.insert("text", text);
     row.insert("extended_text", extendedText);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_testRunTipsDataStore->append(row);
 }
 
 // ---- Alerts ------------------------------------------------------------------------------
-
-namespace eventsql {
-
-long long findAlert(SQLite3Database& database, String const& guid, bool withKeyValues,
-                    bool trackedOnly) {
-    // REQUIRES: caller holds the "event_store" mutex.
-    // The doubled blanks after the aliases come from the pieces the statement is made of.
-    std::string statement = "SELECT a.rowid FROM ";
-    sql::appendIdentifier(statement, "Alerts");
-    statement += " a  WHERE a.";
-    sql::appendIdentifier(statement, "guid");
-    statement += " = ";
-    sql::appendValue(statement, guid);
-    if (trackedOnly) {
-        statement += " AND a.";
-        sql::appendIdentifier(statement, "tracked");
-        statement += " = 1";
-    }
-    if (withKeyValues) {
-        statement += " AND EXISTS (SELECT 1 FROM ";
-        sql::appendIdentifier(statement, "AlertKeyValues");
-        statement += " kv  WHERE kv.";
-        sql::appendIdentifier(statement, "alertId");
-        statement += " = a.rowid)";
-    }
-    ResultSet result;
-    database.execute(String(std::move(statement)), &result);
-    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
-    String const& cell = result.row(0).columnValue(0);
-    if (cell.empty()) return -1;
-    return String::strToInt64(cell, 10);
-}
-
-}  // namespace eventsql
 
 void EventDataStore::storeAlertKeyValues(long long alertId,
                                          std::vector<std::pair<String, String>> const& keyValues) {
@@ -668,9 +561,8 @@ void EventDataStore::storeAlertKeyValues(long long alertId,
     SQLite3Database& database = *m_alertKeyValueDataStore->database();
     String const id = sql::number(alertId);
     for (auto const& kv : keyValues) {
-        database.execute(
-            eventsql::insertStatement("AlertKeyValues", "alertId,key,value",
-                                      {id, sql::value(kv.first), sql::value(kv.second)}));
+        database.execute(sql::insert("AlertKeyValues", "alertId,key,value",
+                                     {id, sql::value(kv.first), sql::value(kv.second)}));
     }
 }
 
@@ -678,11 +570,14 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     // REQUIRES: caller holds the "event_store" mutex.
     SQLite3Database& database = *m_alertDataStore->database();
     if (!alert.guid.empty()) {
-        long long const existing = eventsql::findAlert(database, alert.guid, false, false);
+        long long const existing = eventsql::findAlert(
+            database, alert.guid, eventsql::KeyValues::Any, eventsql::Tracking::Any);
         if (existing != -1) {
             // A stored alert is never stored again; it only gains key/values it lacks.
             if (alert.keyValues.empty()) return;
-            if (eventsql::findAlert(database, alert.guid, true, false) != -1) return;
+            if (eventsql::findAlert(database, alert.guid, eventsql::KeyValues::Required,
+                                    eventsql::Tracking::Any) != -1)
+                return;
             storeAlertKeyValues(existing, alert.keyValues);
             return;
         }
@@ -696,7 +591,7 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     row.insert("title", alert.title);
     row.insert("message", alert.message);
     row.insert("deviceName", alert.deviceName);
-    row.insert("dateTime", eventsql::seconds(alert.time));
+    row.insert("dateTime", sql::seconds(alert.time));
     // Written although the column defaults to 1: a new alert is not tracked yet.
     row.insert("tracked", "0");
     m_alertDataStore->append(row);
@@ -716,7 +611,7 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
         tipRow.insert("title", tip.title());
         tipRow.insert("text", tip.text());
         tipRow.insert("extended_text", tip.extendedText());
-        tipRow.insert("dateTime", eventsql::seconds(tip.timeStamp()));
+        tipRow.insert("dateTime", sql::seconds(tip.timeStamp()));
         m_alertTipsDataStore->append(tipRow);
     }
 }
@@ -756,17 +651,20 @@ bool EventDataStore::logAlerts(std::vector<AlertData> const& alerts) {
 
 bool EventDataStore::alertExists(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, false) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Any,
+                               eventsql::Tracking::Any) != -1;
 }
 
 bool EventDataStore::alertExistsWithKeyVals(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, true, false) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Required,
+                               eventsql::Tracking::Any) != -1;
 }
 
 bool EventDataStore::alertTracked(String const& guid) const {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    return eventsql::findAlert(*m_alertDataStore->database(), guid, false, true) != -1;
+    return eventsql::findAlert(*m_alertDataStore->database(), guid, eventsql::KeyValues::Any,
+                               eventsql::Tracking::TrackedOnly) != -1;
 }
 
 void EventDataStore::markAlertAsTracked(String const& guid) {
@@ -783,7 +681,7 @@ EventTimePoint EventDataStore::firstAlert() const {
           result);
     // An empty table gives an empty cell, read as the zero point.
     if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return EventTimePoint();
-    return eventsql::timePoint(result.row(0).columnValue(0));
+    return sql::timePoint(result.row(0).columnValue(0));
 }
 
 // ---- Scriptlet results, profiler diffs, measurements -------------------------------------
@@ -812,16 +710,16 @@ void EventDataStore::logScriptletResult(long long appId, String const& key, Stri
     row.insert("category", category);
     row.insert("result", result);
     row.insert("status", status);
-    row.insert("dateTime", eventsql::seconds(time));
+    row.insert("dateTime", sql::seconds(time));
     m_scriptletDataStore->append(row);
 }
 
 void EventDataStore::logProfilerDiff(long long appId, String const& category, long long time,
                                      unsigned int numberOfChanges, String const& serializedDiff) {
-    String const statement = eventsql::insertStatement(
-        "ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
-        {sql::number(appId), sql::value(category), sql::number(time),
-         ZRNValue(numberOfChanges).toString(ZRNValue::nilValue()), sql::value(serializedDiff)});
+    String const statement =
+        sql::insert("ProfilerDiffs", "appId,category,dateTime,numberOfChanges,serializedDiff",
+                    {sql::number(appId), sql::value(category), sql::number(time),
+                     sql::number(numberOfChanges), sql::value(serializedDiff)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_profilerDiffDataStore->database()->execute(statement);
 }
@@ -830,14 +728,14 @@ void EventDataStore::logMeasurement(String const& type, unsigned int spanStartTi
                                     unsigned int spanMiddleTime, unsigned int spanEndTime,
                                     double maximum, double minimum, double average, double median,
                                     unsigned int numberOfSamples) {
-    auto const number = [](ZRNValue value) { return value.toString(ZRNValue::nilValue()); };
-    String const statement = eventsql::insertStatement(
+    using sql::number;
+    using sql::real;
+    String const statement = sql::insert(
         "Measurements",
         "type,spanStartTime,spanMiddleTime,spanEndTime,maximum,minimum,average,median,"
         "numberOfSamples",
         {sql::value(type), number(spanStartTime), number(spanMiddleTime), number(spanEndTime),
-         number(maximum), number(minimum), number(average), number(median),
-         number(numberOfSamples)});
+         real(maximum), real(minimum), real(average), real(median), number(numberOfSamples)});
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     m_measurementDataStore->database()->execute(statement);
 }

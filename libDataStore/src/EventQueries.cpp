@@ -1,17 +1,18 @@
 // EventDataStore's queries: the application-run questions and the result-log readers.
 
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
-#include "DefectLog.h"
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
@@ -19,60 +20,29 @@ using LoggerPriority::ERROR;
 using LoggerPriority::NOTICE;
 using LoggerPriority::TRACE;
 
-namespace eventsql {
-
-void Conditions::add(String const& column, char const* comparison, String const& value) {
-    m_text += m_text.empty() ? " WHERE" : " AND";
-    m_text += ' ';
-    m_text += column.str();
-    m_text += comparison;
-    m_text += value.str();
-}
-
-void Conditions::addBounds(String const& column, EventTimePoint from, EventTimePoint to) {
-    if (!isZero(from)) add(column, " >= ", seconds(from));
-    if (!isZero(to)) add(column, " <= ", seconds(to));
-}
-
-std::string limitClause(int limit) {
-    return limit > 0 ? " LIMIT " + std::to_string(limit) : std::string();
-}
-
-}  // namespace eventsql
-
 namespace {
 
-using eventsql::Conditions;
-
-// Backquoted columns joined by ",".
-std::string columnList(std::initializer_list<char const*> columns) {
-    std::string list;
-    for (char const* column : columns) {
-        if (!list.empty()) list += module::comma().str();
-        sql::appendIdentifier(list, column);
-    }
-    return list;
-}
+using sql::identifierList;
 
 String id(char const* column) { return sql::identifier(column); }
 
 // The columns of a test-run record, in its constructor's order.
 std::string const& testRunColumns() {
     static std::string const columns =
-        columnList({"testId", "testName", "deviceName", "testGuid", "deviceGuid", "deviceType",
-                    "errorCode", "result", "startTime", "pass"});
+        identifierList({"testId", "testName", "deviceName", "testGuid", "deviceGuid", "deviceType",
+                        "errorCode", "result", "startTime", "pass"});
     return columns;
 }
 
 std::string const& tipColumns() {
     static std::string const columns =
-        columnList({"key", "type", "title", "text", "extended_text", "dateTime"});
+        identifierList({"key", "type", "title", "text", "extended_text", "dateTime"});
     return columns;
 }
 
 std::string const& eventColumns() {
     static std::string const columns =
-        columnList({"message", "type", "eventCode", "customerEventCode", "dateTime"});
+        identifierList({"message", "type", "eventCode", "customerEventCode", "dateTime"});
     return columns;
 }
 
@@ -84,6 +54,48 @@ std::string joinToScriptRuns(char const* table) {
 }
 
 String orderDescending(char const* column) { return " ORDER BY " + id(column) + " DESC"; }
+
+// A reader of the rows of one owner (a script run, test run or alert), newest first:
+// "SELECT <columns> FROM <source> WHERE <owner> = <ownerId>", the bounds on `timeColumn`,
+// " ORDER BY `<timeColumn>` DESC" and the limit.
+String ownedRows(std::string const& columns, String const& source, String const& owner,
+                 long long ownerId, char const* timeColumn, EventTimePoint from, EventTimePoint to,
+                 int limit) {
+    sql::Where where;
+    where.add(owner, " = ", sql::number(ownerId));
+    where.addBounds(id(timeColumn), from, to);
+    return "SELECT " + columns + " FROM " + source + where.text() + orderDescending(timeColumn) +
+           sql::limit(limit);
+}
+
+// " (" the failure results ("FAIL" when none are given) " OR " the pass results ("PASS" when
+// none are given) ")", each as `result` = value: the runs that decide a test's state.
+std::string outcomeCondition(String const& result, std::vector<String> const* failureResults,
+                             std::vector<String> const* passResults) {
+    std::string outcome = " (";
+    if (!failureResults || failureResults->empty()) {
+        outcome += (result + " = 'FAIL'").str();
+    } else {
+        sql::join(outcome, *failureResults, " OR ", [&](std::string& out, String const& failure) {
+            out += (result + " = " + sql::value(failure)).str();
+        });
+    }
+    if (!passResults || passResults->empty()) {
+        outcome += (" OR " + result + " = 'PASS')").str();
+    } else {
+        for (String const& pass : *passResults) {
+            outcome += (" OR " + result + " = " + sql::value(pass)).str();
+        }
+        outcome += ")";
+    }
+    return outcome;
+}
+
+// Every such reader's trace names the test-run reader; log readers match on it as it stands.
+void traceReader(Logger* logger, char const* number, String const& statement) {
+    logAt(logger, TRACE,
+          [&] { return LoggerStream() + number + "testRunResultLogs SQL Command: " + statement; });
+}
 
 }  // namespace
 
@@ -97,9 +109,7 @@ void EventDataStore::query(String const& statement, ResultSet& result) const {
 long long EventDataStore::aggregate(String const& statement) const {
     ResultSet result;
     query(statement, result);
-    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return 0;
-    String const& cell = result.row(0).columnValue(0);
-    return cell.empty() ? 0 : String::strToInt64(cell, 10);
+    return sql::firstNumber(result, 0);
 }
 
 bool EventDataStore::appCell(long long appId, char const* column, String& value) const {
@@ -113,44 +123,32 @@ std::vector<TestRunResultLog> EventDataStore::testRuns(String const& statement) 
     ResultSet result;
     query(statement, result);
     SQLite3Database& database = *m_testRunDataStore->database();
-    std::vector<TestRunResultLog> runs;
-    runs.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        runs.push_back(TestRunResultLog(String::strToInt64(row.columnValue(0), 10),
-                                        row.columnValue(1), row.columnValue(2), row.columnValue(3),
-                                        row.columnValue(4), row.columnValue(5), row.columnValue(6),
-                                        row.columnValue(7), eventsql::timePoint(row.columnValue(8)),
-                                        String::strToUInt(row.columnValue(9), 10), database));
-    }
-    return runs;
+    return sql::records<TestRunResultLog>(result, [&](ResultSetRow const& row) {
+        return TestRunResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
+                                row.columnValue(2), row.columnValue(3), row.columnValue(4),
+                                row.columnValue(5), row.columnValue(6), row.columnValue(7),
+                                sql::timePoint(row.columnValue(8)),
+                                String::strToUInt(row.columnValue(9), 10), database);
+    });
 }
 
 std::vector<TipResultLog> EventDataStore::tips(String const& statement) const {
     ResultSet result;
     query(statement, result);
-    std::vector<TipResultLog> tips;
-    tips.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        tips.emplace_back(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                          row.columnValue(3), row.columnValue(4),
-                          eventsql::timePoint(row.columnValue(5)));
-    }
-    return tips;
+    return sql::records<TipResultLog>(result, [&](ResultSetRow const& row) {
+        return TipResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                            row.columnValue(3), row.columnValue(4),
+                            sql::timePoint(row.columnValue(5)));
+    });
 }
 
 std::vector<TestRunEventResultLog> EventDataStore::events(String const& statement) const {
     ResultSet result;
     query(statement, result);
-    std::vector<TestRunEventResultLog> events;
-    events.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        events.emplace_back(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                            row.columnValue(3), eventsql::timePoint(row.columnValue(4)));
-    }
-    return events;
+    return sql::records<TestRunEventResultLog>(result, [&](ResultSetRow const& row) {
+        return TestRunEventResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                                     row.columnValue(3), sql::timePoint(row.columnValue(4)));
+    });
 }
 
 // ---- Application runs --------------------------------------------------------------------
@@ -173,9 +171,7 @@ long long EventDataStore::lastApplicationRunId(String const& typeOfAppRun) const
     ResultSet result;
     query(statement, result);
     // The second row: the newest run is normally the one asking, and is passed over.
-    if (result.rowCount() < 2 || result.row(1).columnCount() == 0) return 0;
-    String const& cell = result.row(1).columnValue(0);
-    return cell.empty() ? 0 : String::strToInt64(cell, 10);
+    return sql::firstNumber(result, 0, 1);
 }
 
 EventTimePoint EventDataStore::firstApplicationRun() const {
@@ -190,12 +186,12 @@ EventTimePoint EventDataStore::lastApplicationRun() const {
 
 EventTimePoint EventDataStore::getAppStartTime(long long appId) const {
     String value;
-    return appCell(appId, "startTime", value) ? eventsql::timePoint(value) : EventTimePoint();
+    return appCell(appId, "startTime", value) ? sql::timePoint(value) : EventTimePoint();
 }
 
 EventTimePoint EventDataStore::getAppEndTime(long long appId) const {
     String value;
-    return appCell(appId, "endTime", value) ? eventsql::timePoint(value) : EventTimePoint();
+    return appCell(appId, "endTime", value) ? sql::timePoint(value) : EventTimePoint();
 }
 
 long long EventDataStore::appRunTime(long long appId) const {
@@ -216,15 +212,10 @@ std::vector<TestRunEventResultLog> EventDataStore::scriptRunEventResultLogs(long
                                                                             EventTimePoint from,
                                                                             EventTimePoint to,
                                                                             int limit) const {
-    Conditions where;
-    where.add("ScriptRuns." + id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + eventColumns() + " FROM " +
-                             joinToScriptRuns("TestRunEvents") + where.text() +
-                             orderDescending("dateTime") + eventsql::limitClause(limit);
-    // The label names another reader; log readers match on it as it stands.
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1580 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement =
+        ownedRows(eventColumns(), joinToScriptRuns("TestRunEvents"), "ScriptRuns." + id("scriptId"),
+                  scriptId, "dateTime", from, to, limit);
+    traceReader(logger(), "1580 ", statement);
     return events(statement);
 }
 
@@ -235,64 +226,49 @@ std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<Ev
                                                               boost::optional<String> scriptGuid,
                                                               int limit) const {
     // Each selected item starts with a blank, hence the two blanks after SELECT.
+    std::pair<char const*, char const*> const selected[] = {
+        {" s.", "scriptId"}, {" s.", "name"},        {" s.", "result"},     {" s.", "startTime"},
+        {" s.", "endTime"},  {" s.", "totalPasses"}, {" ss.", "scriptXml"}, {" s.", "scriptGuid"}};
     std::string statement = "SELECT ";
-    bool first = true;
-    for (auto const& item :
-         {std::make_pair(" s.", "scriptId"), std::make_pair(" s.", "name"),
-          std::make_pair(" s.", "result"), std::make_pair(" s.", "startTime"),
-          std::make_pair(" s.", "endTime"), std::make_pair(" s.", "totalPasses"),
-          std::make_pair(" ss.", "scriptXml"), std::make_pair(" s.", "scriptGuid")}) {
-        if (!first) statement += module::comma().str();
-        first = false;
-        statement += item.first;
-        sql::appendIdentifier(statement, item.second);
-    }
+    sql::join(statement, selected, module::comma().str().c_str(),
+              [](std::string& out, auto const& item) {
+                  out += item.first;
+                  sql::appendIdentifier(out, item.second);
+              });
     statement += " FROM " + id("ScriptRuns").str() + " s, " + id("ApplicationRuns").str() + " a" +
                  " LEFT JOIN " + id("ScriptSpecs").str() + " ss" + " ON ss." + id("specId").str() +
                  " = s." + id("specId").str();
 
-    Conditions where;
+    sql::Where where;
     where.add("a." + id("appId"), " = ", "s." + id("appId"));
     // An optional that holds a value adds its condition, even an empty text.
     // As everywhere, a zero time point is no bound; only an empty optional text differs from
     // an optional holding an empty text.
-    if (from && !eventsql::isZero(*from))
-        where.add("s." + id("startTime"), " >= ", eventsql::seconds(*from));
-    if (to && !eventsql::isZero(*to))
-        where.add("s." + id("startTime"), " <= ", eventsql::seconds(*to));
-    if (typeOfRun) where.add("a." + id("typeOfRun"), " = ", sql::value(*typeOfRun));
-    if (name) where.add("s." + id("name"), " = ", sql::value(*name));
-    if (scriptGuid) where.add("s." + id("scriptGuid"), " = ", sql::value(*scriptGuid));
+    where.addBounds("s." + id("startTime"), from, to);
+    where.addEquals("a." + id("typeOfRun"), typeOfRun);
+    where.addEquals("s." + id("name"), name);
+    where.addEquals("s." + id("scriptGuid"), scriptGuid);
     statement += where.text();
     statement += " ORDER BY s." + id("startTime").str() + " DESC";
-    statement += eventsql::limitClause(limit);
+    statement += sql::limit(limit);
 
     ResultSet result;
     query(String(std::move(statement)), result);
-    std::vector<ScriptResultLog> scripts;
-    scripts.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        scripts.emplace_back(
+    return sql::records<ScriptResultLog>(result, [&](ResultSetRow const& row) {
+        return ScriptResultLog(
             String::strToInt64(row.columnValue(0), 10), row.columnValue(1), row.columnValue(2),
-            eventsql::timePoint(row.columnValue(3)), eventsql::timePoint(row.columnValue(4)),
+            sql::timePoint(row.columnValue(3)), sql::timePoint(row.columnValue(4)),
             String::strToUInt(row.columnValue(5), 10), row.columnValue(6), row.columnValue(7));
-    }
-    return scripts;
+    });
 }
 
 std::vector<TestRunResultLog> EventDataStore::testRunResultLogs(long long scriptId,
                                                                 EventTimePoint from,
                                                                 EventTimePoint to,
                                                                 int limit) const {
-    Conditions where;
-    where.add(id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("startTime"), from, to);
-    String const statement = "SELECT " + testRunColumns() + " FROM " + id("TestRuns") +
-                             where.text() + orderDescending("startTime") +
-                             eventsql::limitClause(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1813 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(testRunColumns(), id("TestRuns"), id("scriptId"), scriptId,
+                                       "startTime", from, to, limit);
+    traceReader(logger(), "1813 ", statement);
     return testRuns(statement);
 }
 
@@ -300,14 +276,9 @@ std::vector<TestRunEventResultLog> EventDataStore::testRunEventResultLogs(long l
                                                                           EventTimePoint from,
                                                                           EventTimePoint to,
                                                                           int limit) const {
-    Conditions where;
-    where.add(id("testId"), " = ", sql::number(testId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + eventColumns() + " FROM " + id("TestRunEvents") +
-                             where.text() + orderDescending("dateTime") +
-                             eventsql::limitClause(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1868 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(eventColumns(), id("TestRunEvents"), id("testId"), testId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "1868 ", statement);
     return events(statement);
 }
 
@@ -315,46 +286,33 @@ std::vector<TipResultLog> EventDataStore::scriptRunTipResultLogs(long long scrip
                                                                  EventTimePoint from,
                                                                  EventTimePoint to,
                                                                  int limit) const {
-    Conditions where;
-    where.add("ScriptRuns." + id("scriptId"), " = ", sql::number(scriptId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + joinToScriptRuns("TestRunTips") +
-                             where.text() + orderDescending("dateTime") +
-                             eventsql::limitClause(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1640 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement =
+        ownedRows(tipColumns(), joinToScriptRuns("TestRunTips"), "ScriptRuns." + id("scriptId"),
+                  scriptId, "dateTime", from, to, limit);
+    traceReader(logger(), "1640 ", statement);
     return tips(statement);
 }
 
 std::vector<TipResultLog> EventDataStore::testRunTipResultLogs(long long testId,
                                                                EventTimePoint from,
                                                                EventTimePoint to, int limit) const {
-    Conditions where;
-    where.add(id("testId"), " = ", sql::number(testId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + id("TestRunTips") +
-                             where.text() + orderDescending("dateTime") +
-                             eventsql::limitClause(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "1919 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(tipColumns(), id("TestRunTips"), id("testId"), testId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "1919 ", statement);
     return tips(statement);
 }
 
 std::vector<TipResultLog> EventDataStore::alertTipResultLogs(long long alertId, EventTimePoint from,
                                                              EventTimePoint to, int limit) const {
-    Conditions where;
-    where.add(id("alertId"), " = ", sql::number(alertId));
-    where.addBounds(id("dateTime"), from, to);
-    String const statement = "SELECT " + tipColumns() + " FROM " + id("AlertTips") + where.text() +
-                             orderDescending("dateTime") + eventsql::limitClause(limit);
-    logAt(logger(), TRACE,
-          [&] { return LoggerStream() + "2145 " + "testRunResultLogs SQL Command: " + statement; });
+    String const statement = ownedRows(tipColumns(), id("AlertTips"), id("alertId"), alertId,
+                                       "dateTime", from, to, limit);
+    traceReader(logger(), "2145 ", statement);
     return tips(statement);
 }
 
 std::vector<AlertKeyValueResultLog> EventDataStore::alertKeyValueResultLogs(
     long long alertId) const {
-    String const statement = "SELECT " + columnList({"key", "value"}) + " FROM " +
+    String const statement = "SELECT " + identifierList({"key", "value"}) + " FROM " +
                              id("AlertKeyValues") + " WHERE " + id("alertId") + " = " +
                              sql::number(alertId);
     logAt(logger(), TRACE, [&] {
@@ -362,64 +320,53 @@ std::vector<AlertKeyValueResultLog> EventDataStore::alertKeyValueResultLogs(
     });
     ResultSet result;
     query(statement, result);
-    std::vector<AlertKeyValueResultLog> keyValues;
-    keyValues.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        keyValues.emplace_back(row.columnValue(0), row.columnValue(1));
-    }
-    return keyValues;
+    return sql::records<AlertKeyValueResultLog>(result, [&](ResultSetRow const& row) {
+        return AlertKeyValueResultLog(row.columnValue(0), row.columnValue(1));
+    });
 }
 
 std::vector<AlertResultLog> EventDataStore::alertResultLogs(EventTimePoint from, EventTimePoint to,
                                                             String const& type, bool untrackedOnly,
                                                             int limit) const {
-    Conditions where;
+    sql::Where where;
     where.addBounds(id("dateTime"), from, to);
     if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
     if (untrackedOnly) where.add(id("tracked"), " = ", "0");
-    String const statement =
-        "SELECT " +
-        columnList({"rowid", "guid", "key", "type", "title", "message", "deviceName", "dateTime"}) +
-        " FROM " + id("Alerts") + where.text() + " ORDER BY " + id("dateTime") + " DESC" +
-        module::comma() + id("rowid") + " DESC" + eventsql::limitClause(limit);
+    String const statement = "SELECT " +
+                             identifierList({"rowid", "guid", "key", "type", "title", "message",
+                                             "deviceName", "dateTime"}) +
+                             " FROM " + id("Alerts") + where.text() + " ORDER BY " +
+                             id("dateTime") + " DESC" + module::comma() + id("rowid") + " DESC" +
+                             sql::limit(limit);
 
     ResultSet result;
     query(statement, result);
-    std::vector<AlertResultLog> alerts;
-    alerts.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        alerts.emplace_back(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
-                            row.columnValue(2), row.columnValue(3), row.columnValue(4),
-                            row.columnValue(5), row.columnValue(6),
-                            eventsql::timePoint(row.columnValue(7)));
-    }
-    return alerts;
+    return sql::records<AlertResultLog>(result, [&](ResultSetRow const& row) {
+        return AlertResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
+                              row.columnValue(2), row.columnValue(3), row.columnValue(4),
+                              row.columnValue(5), row.columnValue(6),
+                              sql::timePoint(row.columnValue(7)));
+    });
 }
 
 std::vector<ProfilerDiffLog> EventDataStore::profilerDiffLogs(EventTimePoint from,
                                                               EventTimePoint to,
                                                               String const& category,
                                                               int limit) const {
-    Conditions where;
+    sql::Where where;
     where.addBounds(id("dateTime"), from, to);
     if (!category.empty()) where.add(id("category"), " = ", sql::value(category));
     String const statement =
-        "SELECT " + columnList({"category", "dateTime", "numberOfChanges", "serializedDiff"}) +
+        "SELECT " + identifierList({"category", "dateTime", "numberOfChanges", "serializedDiff"}) +
         " FROM " + id("ProfilerDiffs") + where.text() + orderDescending("dateTime") +
-        eventsql::limitClause(limit);
+        sql::limit(limit);
 
     ResultSet result;
     query(statement, result);
-    std::vector<ProfilerDiffLog> diffs;
-    diffs.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        diffs.emplace_back(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                           row.columnValue(3));
-    }
-    return diffs;
+    return sql::records<ProfilerDiffLog>(result, [&](ResultSetRow const& row) {
+        return ProfilerDiffLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                               row.columnValue(3));
+    });
 }
 
 std::vector<ScriptletResultLog> EventDataStore::scriptletResultLogs(
@@ -437,60 +384,52 @@ std::vector<ScriptletResultLog> EventDataStore::scriptletResultLogs(
         statement +=
             " INNER JOIN " + apps + " ON " + apps + "." + id("appId") + " = " + column("appId");
     }
-    Conditions where;
+    sql::Where where;
     if (byUser) where.add(apps + "." + id("userName"), " = ", sql::value(userName));
     where.addBounds(column("dateTime"), from, to);
     if (!category.empty()) where.add(column("category"), " = ", sql::value(category));
     if (!status.empty()) where.add(column("status"), " = ", sql::value(status));
     statement += where.text();
     statement += " ORDER BY " + column("dateTime") + " DESC" + module::comma() +
-                 id("scriptletKey") + " DESC" + eventsql::limitClause(limit);
+                 id("scriptletKey") + " DESC" + sql::limit(limit);
 
     ResultSet result;
     query(statement, result);
-    std::vector<ScriptletResultLog> scriptlets;
-    scriptlets.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        scriptlets.emplace_back(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                                row.columnValue(3), eventsql::timePoint(row.columnValue(4)));
-    }
-    return scriptlets;
+    return sql::records<ScriptletResultLog>(result, [&](ResultSetRow const& row) {
+        return ScriptletResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                                  row.columnValue(3), sql::timePoint(row.columnValue(4)));
+    });
 }
 
 std::vector<MeasurementLog> EventDataStore::measurementLogs(EventTimePoint from, EventTimePoint to,
                                                             String const& type, int limit) const {
-    Conditions where;
+    sql::Where where;
     // The range applies to the middle of the span only.
     where.addBounds(id("spanMiddleTime"), from, to);
     if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
     // Oldest first, unlike every other reader: callers plot these as a series.
     String const statement =
         "SELECT " +
-        columnList({"type", "spanStartTime", "spanMiddleTime", "spanEndTime", "maximum", "minimum",
-                    "average", "median", "numberOfSamples"}) +
+        identifierList({"type", "spanStartTime", "spanMiddleTime", "spanEndTime", "maximum",
+                        "minimum", "average", "median", "numberOfSamples"}) +
         " FROM " + id("Measurements") + where.text() + " ORDER BY " + id("spanMiddleTime") +
-        " ASC" + eventsql::limitClause(limit);
+        " ASC" + sql::limit(limit);
 
     ResultSet result;
     query(statement, result);
-    std::vector<MeasurementLog> measurements;
-    measurements.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        ResultSetRow const& row = result.row(static_cast<int>(i));
-        measurements.emplace_back(
-            row.columnValue(0), eventsql::timePoint(row.columnValue(1)),
-            eventsql::timePoint(row.columnValue(2)), eventsql::timePoint(row.columnValue(3)),
+    return sql::records<MeasurementLog>(result, [&](ResultSetRow const& row) {
+        return MeasurementLog(
+            row.columnValue(0), sql::timePoint(row.columnValue(1)),
+            sql::timePoint(row.columnValue(2)), sql::timePoint(row.columnValue(3)),
             String::strToReal64(row.columnValue(4)), String::strToReal64(row.columnValue(5)),
             String::strToReal64(row.columnValue(6)), String::strToReal64(row.columnValue(7)),
             String::strToUInt(row.columnValue(8), 10));
-    }
-    return measurements;
+    });
 }
 
 std::vector<TestRunResultLog> EventDataStore::getAllFails(EventTimePoint from,
                                                           EventTimePoint to) const {
-    Conditions where;
+    sql::Where where;
     where.add(id("result"), " = ", "'FAIL'");
     where.addBounds(id("startTime"), from, to);
     return testRuns("SELECT " + testRunColumns() + " FROM " + id("TestRuns") + where.text() +
@@ -505,25 +444,9 @@ std::vector<TestRunResultLog> EventDataStore::getRecentFails(
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     String const result = id("result");
     String const device = " (" + id("deviceGuid") + " = " + sql::value(deviceGuid) + " AND " +
-                          id("endTime") + " <= " + eventsql::seconds(until) + ")";
+                          id("endTime") + " <= " + sql::seconds(until) + ")";
 
-    std::string outcome = " (";
-    if (!failureResults || failureResults->empty()) {
-        outcome += (result + " = 'FAIL'").str();
-    } else {
-        for (std::size_t i = 0; i < failureResults->size(); ++i) {
-            if (i > 0) outcome += " OR ";
-            outcome += (result + " = " + sql::value((*failureResults)[i])).str();
-        }
-    }
-    if (!passResults || passResults->empty()) {
-        outcome += (" OR " + result + " = 'PASS')").str();
-    } else {
-        for (String const& pass : *passResults) {
-            outcome += (" OR " + result + " = " + sql::value(pass)).str();
-        }
-        outcome += ")";
-    }
+    std::string const outcome = outcomeCondition(result, failureResults, passResults);
 
     ResultSet guids;
     query("SELECT DISTINCT " + id("testGuid") + " FROM " + id("TestRuns") + " WHERE " + device +

@@ -1,3 +1,5 @@
+#include <libDataStore/GeneralDataStore.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
@@ -5,9 +7,7 @@
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-#include <libCommon/ZRNValue.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include <optional>
@@ -15,6 +15,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -52,14 +53,6 @@ SQLiteDataStoreColumnSpec const kKeyValueColumns[] = {
 
 int const kSchemaVersion = 1;
 
-String decimal(long long n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
-
-// column = value, or column <op> value for any other operator. `value` is already SQL text.
-String condition(String const& column, String const& op, String const& value) {
-    String const separator = op == "=" ? String(" = ") : " " + op + " ";
-    return sql::identifier(column) + separator + value;
-}
-
 // The version row, the two unique indexes and the view of a new file, in that order.
 void createSchema(SQLite3Database& db) {
     db.execute(SprintfFormat("INSERT OR IGNORE INTO `%s` (`%s`) values ('%i')", kVersionTable,
@@ -77,11 +70,7 @@ void createSchema(SQLite3Database& db) {
 }  // namespace
 
 Logger* GeneralDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.GeneralDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.GeneralDataStore");
     return instance;
 }
 
@@ -130,12 +119,13 @@ void GeneralDataStore::createDataStores() {
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
         m_database = SQLiteDataStore::openDatabase(m_filePath);
         m_versionDataStore.reset();
-        m_versionDataStore.reset(new SQLiteDataStore(m_database, kVersionTable, kVersionColumns));
+        m_versionDataStore =
+            std::make_unique<SQLiteDataStore>(m_database, kVersionTable, kVersionColumns);
         m_eventDataStore.reset();
-        m_eventDataStore.reset(new SQLiteDataStore(m_database, kLogTable, kLogColumns));
+        m_eventDataStore = std::make_unique<SQLiteDataStore>(m_database, kLogTable, kLogColumns);
         m_eventKeyValueDataStore.reset();
-        m_eventKeyValueDataStore.reset(
-            new SQLiteDataStore(m_database, kKeyValueTable, kKeyValueColumns));
+        m_eventKeyValueDataStore =
+            std::make_unique<SQLiteDataStore>(m_database, kKeyValueTable, kKeyValueColumns);
 
         SQLite3Database& db = *m_database;
         if (getVersionUnlocked() == -1) {
@@ -166,12 +156,8 @@ void GeneralDataStore::createDataStores() {
 int GeneralDataStore::getVersionUnlocked() const {
     // REQUIRES: caller holds the "general_store" mutex.
     if (!m_versionDataStore) return -1;
-    if (m_versionDataStore->count(String(), String()) != 0) {
-        String text;
-        m_versionDataStore->cellDataAtIndex(0, text, "version", String(), String());
-        if (!text.empty()) return String::strToInt(text, 10);
-    }
-    return -1;
+    String const text = versionText(*m_versionDataStore);
+    return text.empty() ? -1 : String::strToInt(text, 10);
 }
 
 int GeneralDataStore::getVersion() const {
@@ -194,25 +180,10 @@ void GeneralDataStore::close() {
 
 bool GeneralDataStore::checkValidity(String& error) const {
     StoreLock lock(module::generalStoreMutex(), m_reader.get());
-    struct Named {
-        SQLiteDataStore const* table;
-        char const* name;
-    };
-    Named const tables[] = {{m_versionDataStore.get(), "m_versionDataStore: "},
-                            {m_eventDataStore.get(), "m_eventDataStore: "},
-                            {m_eventKeyValueDataStore.get(), "m_eventKeyValueDataStore: "}};
-    for (Named const& t : tables) {
-        if (!t.table) {
-            // Never made (the opening failed): reads as a closed table.
-            error = t.name + String("Database is not open");
-            return false;
-        }
-        if (!t.table->checkValidity(error)) {
-            error = t.name + error;
-            return false;
-        }
-    }
-    return true;
+    return checkTables({{"m_versionDataStore: ", m_versionDataStore.get()},
+                        {"m_eventDataStore: ", m_eventDataStore.get()},
+                        {"m_eventKeyValueDataStore: ", m_eventKeyValueDataStore.get()}},
+                       error);
 }
 
 long long GeneralDataStore::getSetIDUnlocked(String const& typeUUID, String const& guid) const {
@@ -222,9 +193,7 @@ long long GeneralDataStore::getSetIDUnlocked(String const& typeUUID, String cons
                              sql::identifier("guid") + " = " + sql::value(guid);
     ResultSet result;
     m_database->execute(statement, &result);
-    if (result.rowCount() == 0 || result.row(0).columnCount() == 0) return -1;
-    String const& cell = result.row(0).columnValue(0);
-    return cell.empty() ? -1 : String::strToInt64(cell, 10);
+    return sql::firstNumber(result, -1);
 }
 
 long long GeneralDataStore::getSetIDUnlocked(GenericLog const& log) const {
@@ -250,13 +219,13 @@ bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
         bool const exists = setId != -1;
         // One time for every row this call writes.
         String const nowText =
-            decimal(TimeStamp(DateTime::getCurrentUTCDateTime()).getUnixTimeStamp());
+            sql::number(TimeStamp(DateTime::getCurrentUTCDateTime()).getUnixTimeStamp());
 
         HashTable<String, String> row(32);
         log.toRowData(row, exists, nowText);
         transaction->begin(TransactionText::Begin);
         if (exists) {
-            m_eventDataStore->update(row, "rowid", decimal(setId));
+            m_eventDataStore->update(row, "rowid", sql::number(setId));
         } else {
             m_eventDataStore->append(row);
         }
@@ -322,46 +291,40 @@ void GeneralDataStore::writeKeyValuesUnlocked(GenericLog const& log, long long s
 
 // ---- Queries -----------------------------------------------------------------------------
 
+String GeneralDataStore::logsStatement(GenericLogFilter const& filter) {
+    // Each condition on a line of its own, as the statement has always been written.
+    sql::Where where("\n AND ");
+    auto const equals = [&](char const* column, String const& text) {
+        if (!text.empty()) where.add(sql::identifier(column), " = ", sql::value(text));
+    };
+    equals("typeUUID", filter.m_typeUUID);
+    equals("guid", filter.m_guid);
+    equals("category", filter.m_category);
+    equals("subCategory", filter.m_subCategory);
+    if (filter.m_dateFrom != TimeStamp()) {
+        where.add(sql::identifier("creationTimeStamp"),
+                  " >= ", sql::number(filter.m_dateFrom.getUnixTimeStamp()));
+    }
+    if (filter.m_dateTo != TimeStamp()) {
+        where.add(sql::identifier("creationTimeStamp"),
+                  " <= ", sql::number(filter.m_dateTo.getUnixTimeStamp()));
+    }
+    for (unsigned int i = 0; i < filter.m_keyValues.size(); ++i) {
+        LogKeyValue const& kv = filter.m_keyValues.get(i);
+        where.add("kv_set.rowID IN (SELECT kv." + sql::identifier("setID") + " FROM " +
+                  sql::identifier(kKeyValueTable) + " kv WHERE kv." + sql::identifier("key") +
+                  " = " + sql::value(kv.key()) + " AND kv." + sql::identifier("value") + " = " +
+                  sql::value(kv.value()) + ")");
+    }
+    return "SELECT kv_set.rowid, * FROM " + sql::identifier(kLogTable) + " kv_set\n" +
+           where.text() + sql::limit(filter.m_resultLimit);
+}
+
 GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
     GenericLogList logs;
     if (!m_initialized) return logs;
     try {
-        Array<String> conditions;
-        if (!filter.m_typeUUID.empty()) {
-            conditions.append(condition("typeUUID", "=", sql::value(filter.m_typeUUID)));
-        }
-        if (!filter.m_guid.empty()) {
-            conditions.append(condition("guid", "=", sql::value(filter.m_guid)));
-        }
-        if (!filter.m_category.empty()) {
-            conditions.append(condition("category", "=", sql::value(filter.m_category)));
-        }
-        if (!filter.m_subCategory.empty()) {
-            conditions.append(condition("subCategory", "=", sql::value(filter.m_subCategory)));
-        }
-        if (filter.m_dateFrom != TimeStamp()) {
-            conditions.append(condition("creationTimeStamp",
-                                        ">=", decimal(filter.m_dateFrom.getUnixTimeStamp())));
-        }
-        if (filter.m_dateTo != TimeStamp()) {
-            conditions.append(
-                condition("creationTimeStamp", "<=", decimal(filter.m_dateTo.getUnixTimeStamp())));
-        }
-        for (unsigned int i = 0; i < filter.m_keyValues.size(); ++i) {
-            LogKeyValue const& kv = filter.m_keyValues.get(i);
-            conditions.append("kv_set.rowID IN (SELECT kv." + sql::identifier("setID") + " FROM " +
-                              sql::identifier(kKeyValueTable) + " kv WHERE kv." +
-                              sql::identifier("key") + " = " + sql::value(kv.key()) + " AND kv." +
-                              sql::identifier("value") + " = " + sql::value(kv.value()) + ")");
-        }
-
-        String statement =
-            "SELECT kv_set.rowid, * FROM " + sql::identifier(kLogTable) + " kv_set\n";
-        for (std::size_t i = 0; i < conditions.size(); ++i) {
-            statement += (i == 0 ? " WHERE " : "\n AND ") + conditions[i];
-        }
-        if (filter.m_resultLimit != 0) statement += " LIMIT " + decimal(filter.m_resultLimit);
-
+        String const statement = logsStatement(filter);
         // Held for the per-log queries too, so a concurrent logOrUpdate is never seen half done.
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
         ResultSet result;

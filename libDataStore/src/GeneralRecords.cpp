@@ -1,22 +1,20 @@
+#include <libDataStore/GeneralRecords.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
 #include <libCommon/SprintfFormat.h>
-#include <libCommon/ZRNValue.h>
-#include <libDataStore/GeneralRecords.h>
 
 #include <algorithm>
 #include <string>
 
-#include "DefectLog.h"
+#include "SqlText.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
 using LoggerPriority::ERROR;
 
 namespace {
-
-String decimal(long long n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
-String decimal(unsigned int n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
 
 char const kMarker[] = "...";
 unsigned int const kMarkerLength = 3;
@@ -57,7 +55,7 @@ LogKeyValue LogKeyValue::fromDbRow(ResultSetRow const& row) {
 void LogKeyValue::toRowData(HashTable<String, String>& row, long long setId, bool /*ignored*/,
                             String const& updateTimeStamp) const {
     // The tracked cell always follows the value's own mark, whatever the caller passes.
-    row.insert("setID", decimal(setId));
+    row.insert("setID", sql::number(setId));
     row.insert("key", m_key);
     row.insert("value", m_value);
     row.insert("tracked", m_tracked ? "1" : "0");
@@ -194,13 +192,13 @@ void GenericLog::toRowData(HashTable<String, String>& row, bool forUpdate,
     if (!forUpdate) {
         row.insert("typeUUID", m_typeUUID);
         row.insert("guid", m_guid);
-        row.insert("creationTimeStamp", decimal(m_creationTime.getUnixTimeStamp()));
+        row.insert("creationTimeStamp", sql::number(m_creationTime.getUnixTimeStamp()));
     }
     row.insert("category", m_category);
     row.insert("subCategory", m_subCategory);
     row.insert("updateTimeStamp", updateTimeStamp);
     row.insert("tracked", m_tracked ? "1" : "0");
-    row.insert("flags", decimal(m_flags));
+    row.insert("flags", sql::number(m_flags));
 }
 
 // ---- GenericLogFilter --------------------------------------------------------------------

@@ -1,21 +1,19 @@
+#include <libDataStore/EventDataStore.h>
+
 #include <libCommon/Logger.h>
 #include <libCommon/SQLite3Database.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/EventDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 
 #include "EventStoreText.h"
 #include "ModuleState.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
 Logger* ReadOnlyEventDataStore::logger() {
     // The same logger as EventDataStore: the view is part of that store.
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.EventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.EventDataStore");
     return instance;
 }
 
@@ -47,7 +45,10 @@ bool ReadOnlyEventDataStore::lookup(String const& guid, bool withKeyValues) cons
     // A moved-from view has no connection: treated as closed.
     if (!m_database || m_database->isClosed()) return false;
     AutoGlobalMutex lock(module::eventStoreMutex());
-    return eventsql::findAlert(*m_database, guid, withKeyValues, false) != -1;
+    return eventsql::findAlert(
+               *m_database, guid,
+               withKeyValues ? eventsql::KeyValues::Required : eventsql::KeyValues::Any,
+               eventsql::Tracking::Any) != -1;
 }
 
 bool ReadOnlyEventDataStore::alertExistsWithKeyVals(String const& guid) const {

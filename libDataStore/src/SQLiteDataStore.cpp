@@ -1,15 +1,17 @@
+#include <libDataStore/SQLiteDataStore.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
 #include <libCommon/ResultSet.h>
 #include <libDataStore/DataStoreExceptions.h>
-#include <libDataStore/SQLiteDataStore.h>
 
 #include <string>
 
 #include "ModuleState.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 
@@ -28,11 +30,7 @@ std::string decimal(std::size_t n) { return std::to_string(n); }
 }  // namespace
 
 Logger* SQLiteDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.SQLiteDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.SQLiteDataStore");
     return instance;
 }
 
@@ -154,8 +152,6 @@ void SQLiteDataStore::checkReadable(bool exists) const {
 }
 
 void SQLiteDataStore::init() {
-    String const table = sql::identifier(m_tableName);
-
     // Deliberately by name alone: an index or view of that name counts as the table existing.
     ResultSet existing;
     connection().execute("SELECT name FROM sqlite_master WHERE name=" + sql::value(m_tableName),
@@ -171,25 +167,33 @@ void SQLiteDataStore::init() {
     if (existing.rowCount() > 0) {
         // An existing table is only ever extended: no zero-column or reserved-name check here,
         // and columns the file has beyond the declaration, or of another type, stay as they are.
-        ResultSet info;
-        connection().execute("PRAGMA table_info (" + table + ")", &info);
-        Array<String> present;
-        for (unsigned i = 0; i < info.rowCount(); ++i) {
-            present.append(info.row(static_cast<int>(i)).columnValue(String("name")));
-        }
-        for (std::size_t i = 0; i < m_columns.size(); ++i) {
-            String const& name = m_columns.keyAt(i);
-            if (present.contains(name)) continue;
-            logAt(logger(), TRACE, [&] {
-                return LoggerStream() + "159 " + "Adding new column " + sql::identifier(name) +
-                       " to table " + table;
-            });
-            connection().execute("ALTER TABLE " + table + " ADD COLUMN " + sql::identifier(name) +
-                                 " " + m_columns.valueAt(i));
-        }
+        addMissingColumns();
         return;
     }
+    createTable();
+}
 
+void SQLiteDataStore::addMissingColumns() {
+    String const table = sql::identifier(m_tableName);
+    ResultSet info;
+    connection().execute("PRAGMA table_info (" + table + ")", &info);
+    Array<String> present;
+    for (unsigned i = 0; i < info.rowCount(); ++i) {
+        present.append(info.row(static_cast<int>(i)).columnValue(String("name")));
+    }
+    for (std::size_t i = 0; i < m_columns.size(); ++i) {
+        String const& name = m_columns.keyAt(i);
+        if (present.contains(name)) continue;
+        logAt(logger(), TRACE, [&] {
+            return LoggerStream() + "159 " + "Adding new column " + sql::identifier(name) +
+                   " to table " + table;
+        });
+        connection().execute("ALTER TABLE " + table + " ADD COLUMN " + sql::identifier(name) + " " +
+                             m_columns.valueAt(i));
+    }
+}
+
+void SQLiteDataStore::createTable() {
     if (m_columns.empty()) {
         logAt(logger(), ERROR, [] {
             return LoggerStream() + "137 " +
@@ -198,7 +202,7 @@ void SQLiteDataStore::init() {
         throw ZeroTableColumnsException(zeroColumnsMessage(dbFilePath(), m_tableName));
     }
 
-    std::string statement = "CREATE TABLE " + table.str() + " (";
+    std::string statement = "CREATE TABLE " + sql::identifier(m_tableName).str() + " (";
     for (std::size_t i = 0; i < m_columns.size(); ++i) {
         String const& name = m_columns.keyAt(i);
         if (name == "group") {

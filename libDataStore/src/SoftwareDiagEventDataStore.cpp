@@ -1,3 +1,5 @@
+#include <libDataStore/SoftwareDiagEventDataStore.h>
+
 #include <libCommon/Array.h>
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
@@ -5,17 +7,16 @@
 #include <libCommon/SQLite3Database.h>
 #include <libCommon/SprintfFormat.h>
 #include <libDataStore/DataStoreSettings.h>
-#include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <utility>
 
-#include "DefectLog.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "StoreSupport.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -133,44 +134,43 @@ long long now() { return TimeStamp::getCurrentTimeStamp().getUnixTimeStamp(); }
 // " AND "] [" ORDER BY " terms joined by ", "] [" LIMIT " n].
 class Select {
 public:
+    enum class Columns { Bare, Quoted };
+
     // The table's full column list in table order, which is what the records' fromDbRow
-    // expects; bare names unless `quoteColumns`.
-    Select(char const* table, SQLiteDataStoreColumnSpec const* columns, bool quoteColumns = false)
+    // expects.
+    Select(char const* table, SQLiteDataStoreColumnSpec const* columns,
+           Columns quoting = Columns::Bare)
         : m_table(table) {
         for (SQLiteDataStoreColumnSpec const* c = columns; c->name; ++c) {
-            m_columns.append(quoteColumns ? sql::identifier(c->name) : String(c->name));
+            m_columns.push_back(quoting == Columns::Quoted ? sql::identifier(c->name)
+                                                           : String(c->name));
         }
     }
 
     // `column` = value, the value a decimal number...
     Select& whereEquals(char const* column, long long value) {
-        m_conditions.append(sql::identifier(column) + " = " + sql::number(value));
+        m_where.add(sql::identifier(column), " = ", sql::number(value));
         return *this;
     }
     // ... or a text literal.
     Select& whereEquals(char const* column, String const& text) {
-        m_conditions.append(sql::identifier(column) + " = " + sql::value(text));
+        m_where.add(sql::identifier(column), " = ", sql::value(text));
         return *this;
     }
     // Both bounds inclusive; an uninitialised bound is left out, so two select everything.
     Select& whereStartedBetween(TimeStamp const& from, TimeStamp const& to) {
-        if (from.isInitialized()) {
-            m_conditions.append("`startTimeStamp` >= " + sql::number(from.getUnixTimeStamp()));
-        }
-        if (to.isInitialized()) {
-            m_conditions.append("`startTimeStamp` <= " + sql::number(to.getUnixTimeStamp()));
-        }
+        m_where.addBounds(sql::identifier("startTimeStamp"), from, to);
         return *this;
     }
     Select& orderByRowid(bool descending) {
-        m_ordering.append(String("`rowid`") + direction(descending));
+        m_ordering.push_back(String("`rowid`") + direction(descending));
         return *this;
     }
     // The id column is the row id, so the second term never changes the order; the statement
     // keeps it so that its text stays what it has always been.
     Select& orderById(char const* idColumn, bool descending) {
         orderByRowid(descending);
-        m_ordering.append(sql::identifier(idColumn) + direction(descending));
+        m_ordering.push_back(sql::identifier(idColumn) + direction(descending));
         return *this;
     }
     Select& limit(int limit) {
@@ -179,73 +179,50 @@ public:
     }
 
     String text() const {
+        auto const append = [](std::string& out, String const& item) { out += item.str(); };
         std::string out = "SELECT ";
-        if (m_columns.empty()) {
-            out += "*";
-        } else {
-            join(out, m_columns, ", ");
-        }
+        if (m_columns.empty()) out += "*";
+        sql::join(out, m_columns, ", ", append);
         out += " FROM ";
         out += m_table;
-        if (!m_conditions.empty()) {
-            out += " WHERE ";
-            join(out, m_conditions, " AND ");
-        }
-        if (!m_ordering.empty()) {
-            out += " ORDER BY ";
-            join(out, m_ordering, ", ");
-        }
-        if (m_limit > 0) out += " LIMIT " + std::to_string(m_limit);
+        out += m_where.text();
+        if (!m_ordering.empty()) out += " ORDER BY ";
+        sql::join(out, m_ordering, ", ", append);
+        out += sql::limit(m_limit);
         return String(std::move(out));
     }
 
 private:
     static char const* direction(bool descending) { return descending ? " DESC" : " ASC"; }
 
-    static void join(std::string& out, Array<String> const& items, char const* separator) {
-        bool first = true;
-        for (String const& item : items) {
-            if (!first) out += separator;
-            first = false;
-            out += item.str();
-        }
-    }
-
     char const* m_table;
-    Array<String> m_columns;
-    Array<String> m_conditions;
-    Array<String> m_ordering;
+    std::vector<String> m_columns;
+    sql::Where m_where;
+    std::vector<String> m_ordering;
     int m_limit = 0;
 };
 
-template <class Record>
-LogList<Record> toLogList(ResultSet const& result) {
-    LogList<Record> logs;
-    logs.reserve(result.rowCount());
-    for (unsigned int i = 0; i < result.rowCount(); ++i) {
-        logs.append(Record::fromDbRow(result.row(static_cast<int>(i))));
-    }
-    return logs;
+// The first run transaction of `session`, and the first fix transaction whose `column` holds
+// `value`: the look-ups whose record or mere existence several operations ask for.
+String firstRunTransaction(SessionLog const& session) {
+    return Select(kRunTransactions, kRunTransactionColumns)
+        .whereEquals("sessionId", session.sessionId())
+        .limit(1)
+        .text();
 }
 
-// Comma-joined without blanks, as the hand-built inserts list their columns and values.
-String joined(std::initializer_list<String> items) {
-    std::string out;
-    for (String const& item : items) {
-        if (!out.empty()) out += module::comma().str();
-        out += item.str();
-    }
-    return String(std::move(out));
+template <class Value>
+String firstFixTransaction(char const* column, Value const& value) {
+    return Select(kFixTransactions, kFixTransactionColumns)
+        .whereEquals(column, value)
+        .limit(1)
+        .text();
 }
 
 }  // namespace
 
 Logger* SoftwareDiagEventDataStore::logger() {
-    static Logger* const instance = [] {
-        Logger* created = nullptr;
-        LogFactory::createLogger("libDataStore.SoftwareDiagEventDataStore", created);
-        return created;
-    }();
+    static Logger* const instance = createLogger("libDataStore.SoftwareDiagEventDataStore");
     return instance;
 }
 
@@ -339,20 +316,15 @@ SoftwareDiagEventDataStore::~SoftwareDiagEventDataStore() {
 }
 
 void SoftwareDiagEventDataStore::createIndexesUnlocked() {
-    // The kind is always empty, hence the two blanks after CREATE; each statement runs alone.
+    // Each statement runs alone.
     for (IndexDefinition const& index : kIndexes) {
-        m_database->execute(SprintfFormat(
-            "CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "", index.table,
-            index.column, index.order, index.table, index.column, index.order));
+        m_database->execute(sql::index(index.table, index.column, index.order));
     }
 }
 
 int SoftwareDiagEventDataStore::readVersionUnlocked() const {
-    if (m_versionDataStore->count("", "") == 0) return -1;
-    String version;
-    m_versionDataStore->cellDataAtIndex(0, version, "version", "", "");
-    if (version.empty()) return -1;
-    return static_cast<int>(String::strToUInt(version, 10));
+    String const version = versionText(*m_versionDataStore);
+    return version.empty() ? -1 : static_cast<int>(String::strToUInt(version, 10));
 }
 
 int SoftwareDiagEventDataStore::getVersion() const {
@@ -362,23 +334,15 @@ int SoftwareDiagEventDataStore::getVersion() const {
 
 bool SoftwareDiagEventDataStore::checkValidity(String& errorMessage) const {
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
-    std::pair<char const*, SQLiteDataStore const*> const members[] = {
-        {"m_versionDataStore: ", m_versionDataStore.get()},
-        {"m_sessionDataStore: ", m_sessionDataStore.get()},
-        {"m_runTransactionDataStore: ", m_runTransactionDataStore.get()},
-        {"m_fixTransactionDataStore: ", m_fixTransactionDataStore.get()},
-        {"m_softwareDiagnosticDataStore: ", m_softwareDiagnosticDataStore.get()},
-        {"m_issueDataStore: ", m_issueDataStore.get()},
-        {"m_fixActionDataStore: ", m_fixActionDataStore.get()},
-        {"m_issueFixActionDataStore: ", m_issueFixActionDataStore.get()},
-    };
-    for (auto const& member : members) {
-        if (!member.second->checkValidity(errorMessage)) {
-            errorMessage = member.first + errorMessage;
-            return false;
-        }
-    }
-    return true;
+    return checkTables({{"m_versionDataStore: ", m_versionDataStore.get()},
+                        {"m_sessionDataStore: ", m_sessionDataStore.get()},
+                        {"m_runTransactionDataStore: ", m_runTransactionDataStore.get()},
+                        {"m_fixTransactionDataStore: ", m_fixTransactionDataStore.get()},
+                        {"m_softwareDiagnosticDataStore: ", m_softwareDiagnosticDataStore.get()},
+                        {"m_issueDataStore: ", m_issueDataStore.get()},
+                        {"m_fixActionDataStore: ", m_fixActionDataStore.get()},
+                        {"m_issueFixActionDataStore: ", m_issueFixActionDataStore.get()}},
+                       errorMessage);
 }
 
 void SoftwareDiagEventDataStore::close() {
@@ -398,8 +362,7 @@ void SoftwareDiagEventDataStore::close() {
 
 bool SoftwareDiagEventDataStore::insert(char const* table, String const& columns,
                                         String const& values) {
-    String const statement =
-        "INSERT INTO " + String(table) + " (" + columns + ") VALUES(" + values + ");";
+    String const statement = sql::insert(table, columns, values);
     // The id read must be the one of this insert: hold the lock across both.
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     m_database->execute(statement);
@@ -409,14 +372,9 @@ bool SoftwareDiagEventDataStore::insert(char const* table, String const& columns
 void SoftwareDiagEventDataStore::finish(SQLiteDataStore& table, char const* keyColumn, long long id,
                                         HashTable<String, String> row,
                                         char const* missingIdMessage) {
-    String const key = sql::number(id);
+    row.insert(keyColumn, sql::number(id));
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
-    if (!table.contains(keyColumn, key)) {
-        logAt(defectLogger(), ERROR, [&] { return LoggerStream() + missingIdMessage + id; });
-        return;
-    }
-    row.insert(keyColumn, key);
-    table.update(row, keyColumn, key);
+    updateIfExists(table, keyColumn, id, row, missingIdMessage);
 }
 
 bool SoftwareDiagEventDataStore::logSessionStarted() {
@@ -432,7 +390,7 @@ void SoftwareDiagEventDataStore::logSessionFinished(SessionLog const& session) {
 
 bool SoftwareDiagEventDataStore::logRunTransactionStarted(SessionLog const& session) {
     return insert(kRunTransactions, "sessionId,startTimeStamp",
-                  joined({sql::number(session.sessionId()), sql::number(now())}));
+                  sql::joined({sql::number(session.sessionId()), sql::number(now())}));
 }
 
 void SoftwareDiagEventDataStore::logRunTransactionFinished(
@@ -446,8 +404,8 @@ void SoftwareDiagEventDataStore::logRunTransactionFinished(
 bool SoftwareDiagEventDataStore::logFixTransactionStarted(SessionLog const& session,
                                                           String const& restorePointUuid) {
     return insert(kFixTransactions, "sessionId,restorePointUuid,startTimeStamp",
-                  joined({sql::number(session.sessionId()), sql::value(restorePointUuid),
-                          sql::number(now())}));
+                  sql::joined({sql::number(session.sessionId()), sql::value(restorePointUuid),
+                               sql::number(now())}));
 }
 
 void SoftwareDiagEventDataStore::logFixTransactionFinished(
@@ -464,8 +422,9 @@ bool SoftwareDiagEventDataStore::logSoftwareDiagnosticStarted(
     return insert(
         kSoftwareDiagnostics,
         "sessionId,runTransactionId,diagnosticUuid,diagnosticName,startTimeStamp",
-        joined({sql::number(session.sessionId()), sql::number(runTransaction.runTransactionId()),
-                sql::value(diagnosticUuid), sql::value(diagnosticName), sql::number(now())}));
+        sql::joined({sql::number(session.sessionId()),
+                     sql::number(runTransaction.runTransactionId()), sql::value(diagnosticUuid),
+                     sql::value(diagnosticName), sql::number(now())}));
 }
 
 void SoftwareDiagEventDataStore::logSoftwareDiagnosticFinished(
@@ -483,16 +442,17 @@ bool SoftwareDiagEventDataStore::logIssue(SessionLog const& session,
                                           String const& issueName, String const& issueDescription) {
     return insert(
         kIssues, "sessionId,softwareDiagnosticId,issueName,issueDescription,timeStamp",
-        joined({sql::number(session.sessionId()), sql::number(diagnostic.softwareDiagnosticId()),
-                sql::value(issueName), sql::value(issueDescription), sql::number(now())}));
+        sql::joined({sql::number(session.sessionId()),
+                     sql::number(diagnostic.softwareDiagnosticId()), sql::value(issueName),
+                     sql::value(issueDescription), sql::number(now())}));
 }
 
 bool SoftwareDiagEventDataStore::logFixAction(SessionLog const& session, String const& fixTypeUuid,
                                               String const& fixSummary) {
     // No time here: a fix action gets its start time from logFixActionStarted.
     return insert(kFixActions, "sessionId,fixState,fixTypeUuid,fixSummary",
-                  joined({sql::number(session.sessionId()), sql::number(FIX_ACTION_STATE_NONE),
-                          sql::value(fixTypeUuid), sql::value(fixSummary)}));
+                  sql::joined({sql::number(session.sessionId()), sql::number(FIX_ACTION_STATE_NONE),
+                               sql::value(fixTypeUuid), sql::value(fixSummary)}));
 }
 
 void SoftwareDiagEventDataStore::logFixActionStarted(FixActionLog const& fixAction) {
@@ -521,33 +481,40 @@ void SoftwareDiagEventDataStore::query(String const& statement, ResultSet& resul
     m_database->execute(statement, &result);
 }
 
+template <class Record>
+LogList<Record> SoftwareDiagEventDataStore::records(String const& statement) const {
+    ResultSet result;
+    query(statement, result);
+    LogList<Record> logs;
+    logs.reserve(result.rowCount());
+    for (unsigned int i = 0; i < result.rowCount(); ++i) {
+        logs.append(Record::fromDbRow(result.row(static_cast<int>(i))));
+    }
+    return logs;
+}
+
 SessionList SoftwareDiagEventDataStore::getSessions(TimeStamp const& from, TimeStamp const& to,
                                                     bool descending, int limit) const {
-    ResultSet result;
-    query(Select(kSessions, kSessionColumns)
-              .whereStartedBetween(from, to)
-              .orderById("sessionId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return SessionList(toLogList<SessionLog>(result));
+    return SessionList(records<SessionLog>(Select(kSessions, kSessionColumns)
+                                               .whereStartedBetween(from, to)
+                                               .orderById("sessionId", descending)
+                                               .limit(limit)
+                                               .text()));
 }
 
 SessionList SoftwareDiagEventDataStore::getSession(long long sessionId) {
-    ResultSet result;
     // The only query whose select list is quoted.
-    query(Select(kSessions, kSessionColumns, true)
-              .whereEquals("sessionId", sessionId)
-              .limit(1)
-              .text(),
-          result);
-    return SessionList(toLogList<SessionLog>(result));
+    return SessionList(
+        records<SessionLog>(Select(kSessions, kSessionColumns, Select::Columns::Quoted)
+                                .whereEquals("sessionId", sessionId)
+                                .limit(1)
+                                .text()));
 }
 
 SessionLog SoftwareDiagEventDataStore::getLastSessionLog() const {
-    ResultSet result;
     // SQLite takes the other two columns from the row that holds the maximum. An aggregate
     // always returns one row: on an empty table a row of NULLs, which reads as session 0.
+    ResultSet result;
     query("SELECT max(`sessionId`), `startTimeStamp`, `endTimeStamp` FROM `Sessions`", result);
     return SessionLog::fromDbRow(result.row(0));
 }
@@ -556,88 +523,72 @@ RunTransactionList SoftwareDiagEventDataStore::getRunTransactionsByDate(TimeStam
                                                                         TimeStamp const& to,
                                                                         bool descending,
                                                                         int limit) const {
-    ResultSet result;
-    query(Select(kRunTransactions, kRunTransactionColumns)
-              .whereStartedBetween(from, to)
-              .orderById("runTransactionId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return RunTransactionList(toLogList<RunTransactionLog>(result));
+    return RunTransactionList(
+        records<RunTransactionLog>(Select(kRunTransactions, kRunTransactionColumns)
+                                       .whereStartedBetween(from, to)
+                                       .orderById("runTransactionId", descending)
+                                       .limit(limit)
+                                       .text()));
 }
 
 FixTransactionList SoftwareDiagEventDataStore::getFixTransactionsByDate(TimeStamp const& from,
                                                                         TimeStamp const& to,
                                                                         bool descending,
                                                                         int limit) const {
-    ResultSet result;
-    query(Select(kFixTransactions, kFixTransactionColumns)
-              .whereStartedBetween(from, to)
-              .orderById("fixTransactionId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return FixTransactionList(toLogList<FixTransactionLog>(result));
+    return FixTransactionList(
+        records<FixTransactionLog>(Select(kFixTransactions, kFixTransactionColumns)
+                                       .whereStartedBetween(from, to)
+                                       .orderById("fixTransactionId", descending)
+                                       .limit(limit)
+                                       .text()));
 }
 
 SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByDate(
     TimeStamp const& from, TimeStamp const& to, bool descending, int limit) const {
-    ResultSet result;
-    query(Select(kSoftwareDiagnostics, kSoftwareDiagnosticColumns)
-              .whereStartedBetween(from, to)
-              .orderById("softwareDiagnosticId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return SoftwareDiagnosticList(toLogList<SoftwareDiagnosticLog>(result));
+    return SoftwareDiagnosticList(
+        records<SoftwareDiagnosticLog>(Select(kSoftwareDiagnostics, kSoftwareDiagnosticColumns)
+                                           .whereStartedBetween(from, to)
+                                           .orderById("softwareDiagnosticId", descending)
+                                           .limit(limit)
+                                           .text()));
 }
 
 SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByRunTransaction(
     RunTransactionLog const& runTransaction, bool descending, int limit) const {
-    ResultSet result;
-    query(Select(kSoftwareDiagnostics, kSoftwareDiagnosticColumns)
-              .whereEquals("runTransactionId", runTransaction.runTransactionId())
-              .orderById("softwareDiagnosticId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return SoftwareDiagnosticList(toLogList<SoftwareDiagnosticLog>(result));
+    return SoftwareDiagnosticList(records<SoftwareDiagnosticLog>(
+        Select(kSoftwareDiagnostics, kSoftwareDiagnosticColumns)
+            .whereEquals("runTransactionId", runTransaction.runTransactionId())
+            .orderById("softwareDiagnosticId", descending)
+            .limit(limit)
+            .text()));
 }
 
 IssueList SoftwareDiagEventDataStore::getIssuesBySession(SessionLog const& session, bool descending,
                                                          int limit) const {
-    ResultSet result;
-    query(Select(kIssues, kIssueColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .orderByRowid(descending)
-              .limit(limit)
-              .text(),
-          result);
-    return IssueList(toLogList<IssueLog>(result));
+    return IssueList(records<IssueLog>(Select(kIssues, kIssueColumns)
+                                           .whereEquals("sessionId", session.sessionId())
+                                           .orderByRowid(descending)
+                                           .limit(limit)
+                                           .text()));
 }
 
 IssueList SoftwareDiagEventDataStore::getIssuesBySoftwareDiagnostic(
     SoftwareDiagnosticLog const& diagnostic, bool descending, int limit) const {
-    ResultSet result;
-    query(Select(kIssues, kIssueColumns)
-              .whereEquals("softwareDiagnosticId", diagnostic.softwareDiagnosticId())
-              .orderByRowid(descending)
-              .limit(limit)
-              .text(),
-          result);
-    return IssueList(toLogList<IssueLog>(result));
+    return IssueList(records<IssueLog>(
+        Select(kIssues, kIssueColumns)
+            .whereEquals("softwareDiagnosticId", diagnostic.softwareDiagnosticId())
+            .orderByRowid(descending)
+            .limit(limit)
+            .text()));
 }
 
 FixActionList SoftwareDiagEventDataStore::getFixActionsBySession(SessionLog const& session,
                                                                  bool descending, int limit) const {
-    ResultSet result;
-    query(Select(kFixActions, kFixActionColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .orderById("fixActionId", descending)
-              .limit(limit)
-              .text(),
-          result);
-    return FixActionList(toLogList<FixActionLog>(result));
+    return FixActionList(records<FixActionLog>(Select(kFixActions, kFixActionColumns)
+                                                   .whereEquals("sessionId", session.sessionId())
+                                                   .orderById("fixActionId", descending)
+                                                   .limit(limit)
+                                                   .text()));
 }
 
 FixActionList SoftwareDiagEventDataStore::getFixActionsByIssue(IssueLog const& issue,
@@ -652,75 +603,43 @@ FixActionList SoftwareDiagEventDataStore::getFixActionsByIssue(IssueLog const& i
     statement += std::to_string(issue.issueId());
     statement += descending ? " ORDER BY fa.`startTimeStamp` DESC, fa.`fixActionId` DESC"
                             : " ORDER BY fa.`startTimeStamp` ASC, fa.`fixActionId` ASC";
-    if (limit > 0) statement += " LIMIT " + std::to_string(limit);
+    statement += sql::limit(limit);
 
-    ResultSet result;
-    query(String(std::move(statement)), result);
-    return FixActionList(toLogList<FixActionLog>(result));
+    return FixActionList(records<FixActionLog>(String(std::move(statement))));
 }
 
 RunTransactionLog SoftwareDiagEventDataStore::getRunTransactionBySession(
     SessionLog const& session) const {
-    ResultSet result;
-    query(Select(kRunTransactions, kRunTransactionColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .limit(1)
-              .text(),
-          result);
-    return RunTransactionList(toLogList<RunTransactionLog>(result)).get(0);
+    return RunTransactionList(records<RunTransactionLog>(firstRunTransaction(session))).get(0);
 }
 
 FixTransactionLog SoftwareDiagEventDataStore::getFixTransactionBySession(
     SessionLog const& session) const {
-    ResultSet result;
-    query(Select(kFixTransactions, kFixTransactionColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .limit(1)
-              .text(),
-          result);
-    return FixTransactionList(toLogList<FixTransactionLog>(result)).get(0);
+    return FixTransactionList(
+               records<FixTransactionLog>(firstFixTransaction("sessionId", session.sessionId())))
+        .get(0);
 }
 
 FixTransactionLog SoftwareDiagEventDataStore::getFixTransactionByRestorePointUuid(
     String const& restorePointUuid) const {
-    ResultSet result;
-    query(Select(kFixTransactions, kFixTransactionColumns)
-              .whereEquals("restorePointUuid", restorePointUuid)
-              .limit(1)
-              .text(),
-          result);
-    return FixTransactionList(toLogList<FixTransactionLog>(result)).get(0);
+    return FixTransactionList(records<FixTransactionLog>(
+                                  firstFixTransaction("restorePointUuid", restorePointUuid)))
+        .get(0);
 }
 
 bool SoftwareDiagEventDataStore::sessionHasRunTransaction(SessionLog const& session) const {
-    ResultSet result;
-    query(Select(kRunTransactions, kRunTransactionColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .limit(1)
-              .text(),
-          result);
-    return RunTransactionList(toLogList<RunTransactionLog>(result)).size() > 0;
+    return records<RunTransactionLog>(firstRunTransaction(session)).size() > 0;
 }
 
 bool SoftwareDiagEventDataStore::sessionHasFixTransaction(SessionLog const& session) const {
-    ResultSet result;
-    query(Select(kFixTransactions, kFixTransactionColumns)
-              .whereEquals("sessionId", session.sessionId())
-              .limit(1)
-              .text(),
-          result);
-    return FixTransactionList(toLogList<FixTransactionLog>(result)).size() > 0;
+    return records<FixTransactionLog>(firstFixTransaction("sessionId", session.sessionId()))
+               .size() > 0;
 }
 
 bool SoftwareDiagEventDataStore::restorePointHasFixTransaction(
     String const& restorePointUuid) const {
-    ResultSet result;
-    query(Select(kFixTransactions, kFixTransactionColumns)
-              .whereEquals("restorePointUuid", restorePointUuid)
-              .limit(1)
-              .text(),
-          result);
-    return FixTransactionList(toLogList<FixTransactionLog>(result)).size() > 0;
+    return records<FixTransactionLog>(firstFixTransaction("restorePointUuid", restorePointUuid))
+               .size() > 0;
 }
 
 // ---- Associations -------------------------------------------------------------------------
@@ -746,7 +665,7 @@ bool SoftwareDiagEventDataStore::associateIssueToFixAction(IssueLog const& issue
         });
         return false;
     }
-    return insert(kIssuesFixActions, "issueId,fixActionId", joined({issueId, fixActionId}));
+    return insert(kIssuesFixActions, "issueId,fixActionId", sql::joined({issueId, fixActionId}));
 }
 
 bool SoftwareDiagEventDataStore::associateRestorePointToFixTransaction(

@@ -1,9 +1,10 @@
+#include <libDataStore/SoftwareDiagRecords.h>
+
 #include <libCommon/DateTime.h>
 #include <libCommon/Logger.h>
 #include <libCommon/ResultSet.h>
-#include <libDataStore/SoftwareDiagRecords.h>
 
-#include "DefectLog.h"
+#include "StoreSupport.h"
 
 namespace zrn {
 

@@ -1,9 +1,15 @@
 #include "SqlText.h"
 
+#include <libCommon/SprintfFormat.h>
+#include <libCommon/ZRNValue.h>
+#include <libDataStore/TimeStamp.h>
+
 #include "ModuleState.h"
 
 namespace zrn {
 namespace sql {
+
+// ---- Quoting -----------------------------------------------------------------------------
 
 void appendIdentifier(std::string& out, String const& name) {
     out += module::backquote().str();
@@ -34,6 +40,20 @@ String value(String const& text) {
     return String(std::move(out));
 }
 
+// ---- Lists -------------------------------------------------------------------------------
+
+String joined(std::initializer_list<String> items, char const* separator) {
+    std::string out;
+    join(out, items, separator, [](std::string& o, String const& item) { o += item.str(); });
+    return String(std::move(out));
+}
+
+std::string identifierList(std::initializer_list<char const*> columns) {
+    std::string out;
+    join(out, columns, module::comma().str().c_str(), appendIdentifier);
+    return out;
+}
+
 void columnAndValueLists(HashTable<String, String> const& row, std::string& names,
                          std::string& values) {
     for (auto const& entry : row) {
@@ -46,7 +66,79 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
     }
 }
 
+// ---- Statements and clauses --------------------------------------------------------------
+
+String insert(String const& table, String const& columns, String const& values) {
+    return "INSERT INTO " + table + " (" + columns + ") VALUES(" + values + ");";
+}
+
+String insert(char const* table, char const* columns, std::initializer_list<String> values) {
+    return insert(String(table), String(columns), joined(values));
+}
+
+String index(char const* table, char const* column, char const* direction) {
+    return SprintfFormat("CREATE %s INDEX IF NOT EXISTS '%s%s %s' ON `%s` (`%s` %s)", "", table,
+                         column, direction, table, column, direction);
+}
+
+String uniqueIndex(char const* table, char const* column1, char const* column2) {
+    return SprintfFormat("CREATE UNIQUE INDEX IF NOT EXISTS '%s-%s' ON `%s` (`%s`, `%s`)", column1,
+                         column2, table, column1, column2);
+}
+
+void Where::add(String const& condition) {
+    m_text += m_text.empty() ? " WHERE " : m_joiner;
+    m_text += condition.str();
+}
+
+void Where::add(String const& column, char const* comparison, String const& value) {
+    add(column + comparison + value);
+}
+
+void Where::addBounds(String const& column, EventTimePoint from, EventTimePoint to) {
+    if (!isZero(from)) add(column, " >= ", seconds(from));
+    if (!isZero(to)) add(column, " <= ", seconds(to));
+}
+
+void Where::addBounds(String const& column, boost::optional<EventTimePoint> const& from,
+                      boost::optional<EventTimePoint> const& to) {
+    addBounds(column, from.value_or(EventTimePoint()), to.value_or(EventTimePoint()));
+}
+
+void Where::addBounds(String const& column, TimeStamp const& from, TimeStamp const& to) {
+    if (from.isInitialized()) add(column, " >= ", number(from.getUnixTimeStamp()));
+    if (to.isInitialized()) add(column, " <= ", number(to.getUnixTimeStamp()));
+}
+
+void Where::addEquals(String const& column, boost::optional<String> const& text) {
+    if (text) add(column, " = ", value(*text));
+}
+
+std::string limit(long long limit) {
+    return limit > 0 ? " LIMIT " + std::to_string(limit) : std::string();
+}
+
+// ---- Numbers and times -------------------------------------------------------------------
+
 String number(long long n) { return String(std::to_string(n)); }
+
+String real(double n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
+
+String seconds(EventTimePoint time) { return number(time.time_since_epoch().count()); }
+
+EventTimePoint timePoint(String const& cell) {
+    return EventTimePoint(EventTimePoint::duration(String::strToInt64(cell, 10)));
+}
+
+// ---- Reading results ---------------------------------------------------------------------
+
+long long firstNumber(ResultSet const& result, long long fallback, unsigned row) {
+    if (result.rowCount() <= row) return fallback;
+    ResultSetRow const& cells = result.row(static_cast<int>(row));
+    if (cells.columnCount() == 0) return fallback;
+    String const& cell = cells.columnValue(0);
+    return cell.empty() ? fallback : String::strToInt64(cell, 10);
+}
 
 }  // namespace sql
 }  // namespace zrn

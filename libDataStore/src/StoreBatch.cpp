@@ -1,3 +1,5 @@
+#include <libDataStore/StoreBatch.h>
+
 #include <libCommon/Exception.h>
 #include <libCommon/GlobalMutex.h>
 #include <libDataStore/AppStateDataStore.h>
@@ -5,7 +7,6 @@
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
-#include <libDataStore/StoreBatch.h>
 
 #include <optional>
 

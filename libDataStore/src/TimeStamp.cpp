@@ -1,5 +1,6 @@
-#include <libCommon/SprintfFormat.h>
 #include <libDataStore/TimeStamp.h>
+
+#include <libCommon/SprintfFormat.h>
 
 namespace zrn {
 

@@ -87,6 +87,8 @@ private:
     using Table = SharedResource<PointerStorage<SQLiteDataStore>>;
 
     // The opened table. @throw Exception when the object holds none (its opening failed).
+    // The `column` cell of the item `key` under the lock; empty when there is no such item.
+    String cellOf(char const* column, String const& key) const;
     SQLiteDataStore& table() const;
     static Logger* logger();
 

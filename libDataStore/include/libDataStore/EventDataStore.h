@@ -268,12 +268,15 @@ private:
     // REQUIRES: caller holds the "event_store" mutex.
     int getVersionUnlocked() const;
     // Applies `columns` to the row of `idColumn` = `id` of `table`, or logs `missingMessage`
-    // with the id on "DEFECT.GENERIC". Returns whether the row existed.
-    // REQUIRES: caller holds the "event_store" mutex.
+    // with the id on "DEFECT.GENERIC". Returns whether the row existed. Takes the store lock
+    // (re-entrant for a caller that holds it already).
     bool updateExisting(SQLiteDataStore& table, char const* idColumn, long long id,
                         std::vector<std::pair<char const*, String>> const& columns,
                         char const* missingMessage);
 
+    // Runs the INSERT `statement` on `table`'s connection and returns the new row id, none when
+    // SQLite allocated none. Takes the store lock for both.
+    boost::optional<long long> insertReturningId(SQLiteDataStore& table, String const& statement);
     // Logs the alerts in one transaction; `failure` is the message used when one fails.
     bool logAlertsInTransaction(AlertData const* alerts, std::size_t count, char const* failure);
     // REQUIRES: caller holds the "event_store" mutex.

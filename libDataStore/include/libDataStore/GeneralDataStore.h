@@ -1,6 +1,5 @@
 #pragma once
 
-#include <libCommon/SQLite3Database.h>
 #include <libCommon/SharedResource.h>
 #include <libCommon/String.h>
 #include <libDataStore/Export.h>
@@ -14,6 +13,7 @@ namespace zrn {
 
 class Logger;
 class ReaderLock;
+class SQLite3Database;
 class SQLiteDataStore;
 
 // Generic logs and their key/values in "genstore.db": tables `Version`, `GenericLog` and
@@ -92,6 +92,8 @@ private:
     // REQUIRES: caller holds the "general_store" mutex, inside the transaction of logOrUpdate.
     void writeKeyValuesUnlocked(GenericLog const& log, long long setId, String const& nowText);
 
+    // The SELECT of getLogs for `filter`.
+    static String logsStatement(GenericLogFilter const& filter);
     void closeUnlocked();
     static Logger* logger();
 

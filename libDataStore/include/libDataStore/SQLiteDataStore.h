@@ -128,6 +128,10 @@ public:
 private:
     void buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path);
     void init();
+    // The two halves of init(): ALTER TABLE for each declared column the file's table lacks,
+    // and CREATE TABLE for a table the file does not have.
+    void addMissingColumns();
+    void createTable();
     // On a read-only connection: DatabaseError unless the table `exists` with every column.
     void checkReadable(bool exists) const;
     static Logger* logger();

@@ -162,6 +162,9 @@ private:
                 HashTable<String, String> row, char const* missingIdMessage);
     // Runs a query under the mutex (held for the execution only).
     void query(String const& statement, ResultSet& result) const;
+    // The records `statement` selects, one per row in row order, through Record::fromDbRow.
+    template <class Record>
+    LogList<Record> records(String const& statement) const;
 
     SQLiteDataStore::Database m_database;
     // Owned; created in this order, checked and closed in this order, deleted in this order.
