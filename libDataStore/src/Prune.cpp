@@ -140,7 +140,8 @@ std::vector<Step> eventSteps(long long cutoffSeconds) {
         underTest("TestRunTips", "dateTime"),
         {"TestRuns", testPruned(id("TestRuns"))},
         {"ScriptRuns", scriptPruned(scripts)},
-        // Specifications are shared by script runs; one goes when no kept run uses it.
+        // A script text (ScriptSpecs) is shared by the runs of that script; it goes when no
+        // kept run uses it.
         {"ScriptSpecs", "NOT EXISTS (SELECT 1 FROM " + scripts + " s2 WHERE " +
                             col("s2", "specId") + " = " + col(id("ScriptSpecs"), "specId") +
                             " AND NOT (" + scriptPruned("s2") + "))"},
