@@ -1,6 +1,6 @@
 // AppStateDataStore::insert and ::data against raw sqlite3 running the same statements on a
-// connection opened the same way. insert runs under each synchronous mode: with FULL the
-// fsync of every commit dominates both sides.
+// connection opened the same way, both timed in every iteration. insert runs under each synchronous
+// mode: with FULL the fsync of every commit dominates both sides.
 
 #include <libDataStore/AppStateDataStore.h>
 
@@ -10,7 +10,6 @@
 #include <string>
 
 #include "BenchSupport.h"
-#include "RatioReport.h"
 
 namespace {
 
@@ -18,17 +17,7 @@ using zrn::AppStateDataStore;
 using zrn::String;
 using zrn::bench::freshPath;
 using zrn::bench::RawConnection;
-
-char const* const kModeNames[] = {"OFF", "NORMAL", "FULL"};
-
-// Points the library's setting "SQLiteDataStore.SyncMode" at `mode` for connections opened
-// from now on.
-void useSyncMode(int mode) {
-    static std::string const path = freshPath("settings") + ".ini";
-    std::ofstream(path, std::ios::trunc)
-        << "[libDataStore]\nSQLiteDataStore.SyncMode=" << kModeNames[mode] << "\n";
-    ::setenv("ZRN_SETTINGS_FILE", path.c_str(), 1);
-}
+namespace bench = zrn::bench;
 
 // What the store writes into `dateTime`: local time with its offset.
 std::string localTimeText() {
@@ -50,77 +39,52 @@ std::string rawInsert(std::string const& key) {
            key + "','value of the item','group','" + localTimeText() + "')";
 }
 
-void insertOurs(benchmark::State& state) {
-    int const mode = static_cast<int>(state.range(0));
-    useSyncMode(mode);
-    std::string const path = freshPath("appstate-insert-ours");
-    {
-        AppStateDataStore store{String(path)};
-        long long i = 0;
-        for (auto _ : state) {
-            bool const ok =
-                store.insert(String("key" + std::to_string(i++)), "value of the item", "group");
-            if (!ok) state.SkipWithError("insert failed");
-        }
-    }
-    std::remove(path.c_str());
-}
-
-void insertRaw(benchmark::State& state) {
-    int const mode = static_cast<int>(state.range(0));
-    std::string const path = freshPath("appstate-insert-raw");
-    {
-        RawConnection raw(path, mode);
-        createRawTable(raw);
-        long long i = 0;
-        for (auto _ : state) {
-            std::string const key = "key" + std::to_string(i++);
-            // The existence test that refuses duplicates, then the table layer's insert.
+// Both sides refuse a duplicate key with the same existence test, then insert.
+void insert(benchmark::State& state, int mode) {
+    bench::useSyncMode(mode);
+    AppStateDataStore store{
+        String(freshPath(std::string("insert-ours-") + bench::syncModeName(mode)))};
+    RawConnection raw(freshPath(std::string("insert-raw-") + bench::syncModeName(mode)), mode);
+    createRawTable(raw);
+    bench::paired(
+        state,
+        [&](long long i) {
+            if (!store.insert(String("key" + std::to_string(i)), "value of the item", "group"))
+                state.SkipWithError("insert failed");
+        },
+        [&](long long i) {
+            std::string const key = "key" + std::to_string(i);
             raw.exec("SELECT `key` FROM `AppState` WHERE `key`='" + key + "'");
             raw.exec(rawInsert(key));
-        }
-    }
-    std::remove(path.c_str());
+        });
 }
 
 int const kItems = 1000;
 
-void dataOurs(benchmark::State& state) {
-    useSyncMode(0);
-    std::string const path = freshPath("appstate-data-ours");
-    {
-        AppStateDataStore store{String(path)};
-        for (int i = 0; i < kItems; ++i)
-            store.insert(String("key" + std::to_string(i)), "value of the item", "group");
-        unsigned int i = 0;
-        for (auto _ : state) {
-            String const value = store.data(String("key" + std::to_string((i++ * 7919u) % kItems)));
-            benchmark::DoNotOptimize(value);
-        }
-    }
-    std::remove(path.c_str());
-}
-
-void dataRaw(benchmark::State& state) {
-    std::string const path = freshPath("appstate-data-raw");
-    {
-        RawConnection raw(path, 0);
-        createRawTable(raw);
-        for (int i = 0; i < kItems; ++i) raw.exec(rawInsert("key" + std::to_string(i)));
-        unsigned int i = 0;
-        for (auto _ : state) {
-            raw.exec("SELECT `data` FROM `AppState` WHERE `key`='key" +
-                     std::to_string((i++ * 7919u) % kItems) + "'");
-        }
-    }
-    std::remove(path.c_str());
+void data(benchmark::State& state) {
+    bench::useSyncMode(0);
+    AppStateDataStore store{String(freshPath("data-ours"))};
+    for (int i = 0; i < kItems; ++i)
+        store.insert(String("key" + std::to_string(i)), "value of the item", "group");
+    RawConnection raw(freshPath("data-raw"), 0);
+    createRawTable(raw);
+    for (int i = 0; i < kItems; ++i) raw.exec(rawInsert("key" + std::to_string(i)));
+    auto key = [](long long i) { return std::to_string((i * 7919) % kItems); };
+    bench::paired(
+        state, [&](long long i) { benchmark::DoNotOptimize(store.data(String("key" + key(i)))); },
+        [&](long long i) {
+            raw.exec("SELECT `data` FROM `AppState` WHERE `key`='key" + key(i) + "'");
+        });
 }
 
 }  // namespace
 
-BENCHMARK(insertOurs)->Name("AppState.insert/ours")->Arg(0)->Arg(2);
-BENCHMARK(insertRaw)->Name("AppState.insert/raw")->Arg(0)->Arg(2);
-BENCHMARK(dataOurs)->Name("AppState.data/ours");
-BENCHMARK(dataRaw)->Name("AppState.data/raw");
-
-BENCH_MAIN_WITH_RATIOS();
+int main(int argc, char** argv) {
+    for (int mode : {0, 2}) {
+        benchmark::RegisterBenchmark(
+            (std::string("AppState.insert@") + zrn::bench::syncModeName(mode)).c_str(), insert,
+            mode);
+    }
+    benchmark::RegisterBenchmark("AppState.data", data);
+    return zrn::bench::runPaired(argc, argv);
+}

@@ -4,22 +4,24 @@
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace zrn {
 namespace bench {
-
-// A fresh file path under /tmp, removed (with its journal) before use.
-inline std::string freshPath(std::string const& name) {
-    std::string const path = "/tmp/zrn-bench-" + std::to_string(::getpid()) + "-" + name + ".db";
-    ::unlink(path.c_str());
-    ::unlink((path + "-journal").c_str());
-    return path;
-}
 
 // A raw connection opened as the library opens its own: serialized mode, busy timeout, the
 // given PRAGMA synchronous level.
@@ -59,6 +61,209 @@ public:
 private:
     sqlite3* m_db = nullptr;
 };
+
+// A private folder for one benchmark run, removed with everything in it at the end. The named
+// mutexes' lock files and the settings file live in it too, so a run neither waits on another
+// program's locks nor reads the machine's settings.
+class Scratch {
+public:
+    explicit Scratch(std::string const& name) {
+        char const* base = std::getenv("ZRN_BENCH_DIR");
+        if (!base || !*base) base = std::getenv("TMPDIR");
+        if (!base || !*base) base = "/tmp";
+        std::string pattern = std::string(base) + "/zrn-bench-" + name + "-XXXXXX";
+        if (!::mkdtemp(pattern.data())) throw std::runtime_error("cannot make " + pattern);
+        m_path = pattern;
+        std::filesystem::create_directories(m_path + "/locks");
+        ::setenv("ZRN_LOCK_DIR", (m_path + "/locks").c_str(), 1);
+        ::setenv("ZRN_SETTINGS_FILE", (m_path + "/settings.ini").c_str(), 1);
+    }
+    ~Scratch() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    Scratch(Scratch const&) = delete;
+    Scratch& operator=(Scratch const&) = delete;
+
+    std::string const& path() const { return m_path; }
+    std::string file(std::string const& name) const { return m_path + "/" + name; }
+    // A new sub-folder, for a store family's files.
+    std::string folder(std::string const& name) const {
+        std::string const made = file(name);
+        std::filesystem::create_directories(made);
+        return made;
+    }
+    // The settings every connection opened from now on reads.
+    void useSettings(char const* syncMode, char const* journalMode = "DELETE") const {
+        std::ofstream(file("settings.ini"), std::ios::trunc)
+            << "[libDataStore]\nSQLiteDataStore.SyncMode=" << syncMode
+            << "\nSQLiteDataStore.JournalMode=" << journalMode << "\n";
+    }
+
+private:
+    std::string m_path;
+};
+
+// The scratch folder of this run: made on first use, which every main() does before the first
+// store is opened so that the named mutexes' lock files land in it too.
+inline Scratch& scratch() {
+    static Scratch instance("run");
+    return instance;
+}
+
+// A fresh file path in the run's scratch folder: a case runs several times (to find its
+// iteration count, and once per repetition), each time on a new file.
+inline std::string freshPath(std::string const& name) {
+    static int made = 0;
+    return scratch().file(name + "-" + std::to_string(++made) + ".db");
+}
+
+// The synchronous mode (0 OFF, 1 NORMAL, 2 FULL) for the connections the library opens from now.
+inline char const* syncModeName(int mode) {
+    return mode == 0 ? "OFF" : mode == 1 ? "NORMAL" : "FULL";
+}
+inline void useSyncMode(int mode) { scratch().useSettings(syncModeName(mode)); }
+
+inline double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    std::sort(values.begin(), values.end());
+    std::size_t const mid = values.size() / 2;
+    return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2;
+}
+
+// How much memory `work` needs at its peak, in KiB: run in a child process whose peak resident
+// size is reset first, so neither this process's earlier allocations nor memory freed earlier
+// and kept by the allocator count. -1 when it could not be measured.
+inline long peakMemoryKiB(std::function<void()> const& work) {
+    int fds[2];
+    if (::pipe(fds) != 0) return -1;
+    pid_t const child = ::fork();
+    if (child == 0) {
+        ::close(fds[0]);
+        auto status = [](char const* field) {
+            std::ifstream in("/proc/self/status");
+            std::string line;
+            while (std::getline(in, line)) {
+                if (line.compare(0, std::char_traits<char>::length(field), field) == 0)
+                    return std::atol(line.c_str() + std::char_traits<char>::length(field));
+            }
+            return -1L;
+        };
+        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM to the current size
+        long const before = status("VmRSS:");
+        work();
+        long const peak = status("VmHWM:") - before;
+        ssize_t const written = ::write(fds[1], &peak, sizeof peak);
+        ::_exit(written == sizeof peak ? 0 : 1);
+    }
+    ::close(fds[1]);
+    long peak = -1;
+    if (child < 0 || ::read(fds[0], &peak, sizeof peak) != sizeof peak) peak = -1;
+    ::close(fds[0]);
+    if (child > 0) ::waitpid(child, nullptr, 0);
+    return peak;
+}
+
+// Times `storeOp(i)` and `rawOp(i)` in the same loop: every iteration runs each once, alternating
+// which goes first, so drift in the machine's load hits both alike. Reports the mean times per
+// operation (store_us, raw_us) and ratio = store/raw. With `memory`, also runs each once more in a
+// child process and reports its peak memory (store_kib, raw_kib, memory = store/raw).
+template <class StoreOp, class RawOp>
+void paired(benchmark::State& state, StoreOp storeOp, RawOp rawOp, bool memory = false) {
+    using Clock = std::chrono::steady_clock;
+    Clock::duration storeTime{};
+    Clock::duration rawTime{};
+    long long i = 0;
+    for (auto _ : state) {
+        if (i % 2 == 0) {
+            auto const t0 = Clock::now();
+            storeOp(i);
+            auto const t1 = Clock::now();
+            rawOp(i);
+            rawTime += Clock::now() - t1;
+            storeTime += t1 - t0;
+        } else {
+            auto const t0 = Clock::now();
+            rawOp(i);
+            auto const t1 = Clock::now();
+            storeOp(i);
+            storeTime += Clock::now() - t1;
+            rawTime += t1 - t0;
+        }
+        ++i;
+    }
+    if (i == 0) return;
+    double const s = std::chrono::duration<double, std::micro>(storeTime).count();
+    double const r = std::chrono::duration<double, std::micro>(rawTime).count();
+    state.counters["store_us"] = s / static_cast<double>(i);
+    state.counters["raw_us"] = r / static_cast<double>(i);
+    state.counters["ratio"] = s / r;
+    if (memory) {
+        double const storeKiB = static_cast<double>(peakMemoryKiB([&] { storeOp(i); }));
+        double const rawKiB = static_cast<double>(peakMemoryKiB([&] { rawOp(i); }));
+        state.counters["store_kib"] = storeKiB;
+        state.counters["raw_kib"] = rawKiB;
+        state.counters["memory"] = rawKiB > 0 ? storeKiB / rawKiB : 0;
+    }
+}
+
+// The console output, then for every paired case the median of its counters over the
+// repetitions (one value per repetition; the mean of many would let one disturbed repetition
+// move the figure).
+class PairedReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(std::vector<Run> const& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (Run const& run : runs) {
+            if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+            if (run.counters.find("ratio") == run.counters.end()) continue;
+            std::string const name = run.run_name.function_name;
+            if (m_samples.find(name) == m_samples.end()) m_order.push_back(name);
+            auto& sample = m_samples[name];
+            for (auto const& counter : run.counters)
+                sample[counter.first].push_back(counter.second.value);
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        std::printf("\n%-46s %11s %11s %7s %11s %11s %7s\n", "case (median of repetitions)",
+                    "store us", "raw us", "ratio", "store KiB", "raw KiB", "memory");
+        for (std::string const& name : m_order) {
+            auto& s = m_samples[name];
+            std::printf("%-46s %11.2f %11.2f %7.3f", name.c_str(), median(s["store_us"]),
+                        median(s["raw_us"]), median(s["ratio"]));
+            if (s.count("memory")) {
+                std::printf(" %11.0f %11.0f %7.3f", median(s["store_kib"]), median(s["raw_kib"]),
+                            median(s["memory"]));
+            }
+            std::printf("\n");
+        }
+        std::fflush(stdout);
+    }
+
+private:
+    std::map<std::string, std::map<std::string, std::vector<double>>> m_samples;
+    std::vector<std::string> m_order;
+};
+
+// main() for the paired benchmarks: 5 repetitions unless the command line says otherwise, the
+// median table at the end.
+inline int runPaired(int argc, char** argv) {
+    scratch();
+    std::vector<char*> args(argv, argv + argc);
+    bool repetitions = false;
+    for (char* arg : args) repetitions |= std::string(arg).rfind("--benchmark_repetitions", 0) == 0;
+    static char defaultRepetitions[] = "--benchmark_repetitions=5";
+    if (!repetitions) args.push_back(defaultRepetitions);
+    int count = static_cast<int>(args.size());
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    PairedReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
 
 }  // namespace bench
 }  // namespace zrn

@@ -3,7 +3,9 @@
 // Each case times both sides in the same loop: every iteration runs the store's operation and
 // the raw statements once each, alternating which goes first, so drift in the machine's load
 // hits both alike. The counters store_us and raw_us are the mean times per operation and
-// ratio = store/raw; the table printed at the end gives the median ratio over the repetitions.
+// ratio = store/raw; the table printed at the end gives the median ratio over the repetitions
+// (5 unless --benchmark_repetitions says otherwise). Files and the named mutexes' lock files go
+// to a private folder.
 //
 //   EventDataStore_bench [--benchmark_filter=...] [--benchmark_repetitions=N]
 //   EventDataStore_bench --plans    (prints SQLite's query plans for the look-ups instead)
@@ -30,39 +32,11 @@ using Clock = std::chrono::steady_clock;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 
-char const* modeName(int mode) { return mode == 0 ? "OFF" : mode == 1 ? "NORMAL" : "FULL"; }
+char const* modeName(int mode) { return bench::syncModeName(mode); }
 
-// Every file a case made, removed when the run ends.
-std::vector<std::string>& madeFiles() {
-    static std::vector<std::string> files;
-    return files;
-}
+std::string freshFile(std::string const& name) { return bench::freshPath(name); }
 
-void removeMadeFiles() {
-    for (std::string const& path : madeFiles()) {
-        ::unlink(path.c_str());
-        ::unlink((path + "-journal").c_str());
-    }
-}
-
-std::string freshFile(std::string const& name) {
-    std::string const path = bench::freshPath(name);
-    madeFiles().push_back(path);
-    return path;
-}
-
-// Points the library's settings at a file naming the synchronous mode, so the store opens its
-// connection as the raw one is opened.
-void useSyncMode(int mode) {
-    static std::string const path = [] {
-        std::string const made = "/tmp/zrn-bench-" + std::to_string(::getpid()) + ".ini";
-        madeFiles().push_back(made);
-        return made;
-    }();
-    std::ofstream(path, std::ios::trunc)
-        << "[libDataStore]\nSQLiteDataStore.SyncMode=" << modeName(mode) << "\n";
-    ::setenv("ZRN_SETTINGS_FILE", path.c_str(), 1);
-}
+void useSyncMode(int mode) { bench::useSyncMode(mode); }
 
 std::string quoted(std::string const& text) {
     std::string out = "'";
@@ -86,36 +60,7 @@ struct Files {
     std::unique_ptr<bench::RawConnection> raw;
 };
 
-// Runs `storeOp(i)` and `rawOp(i)` once per iteration and reports both means and the ratio.
-template <class StoreOp, class RawOp>
-void paired(benchmark::State& state, StoreOp storeOp, RawOp rawOp) {
-    Clock::duration storeTime{};
-    Clock::duration rawTime{};
-    long long i = 0;
-    for (auto _ : state) {
-        if (i % 2 == 0) {
-            auto const t0 = Clock::now();
-            storeOp(i);
-            auto const t1 = Clock::now();
-            rawOp(i);
-            rawTime += Clock::now() - t1;
-            storeTime += t1 - t0;
-        } else {
-            auto const t0 = Clock::now();
-            rawOp(i);
-            auto const t1 = Clock::now();
-            storeOp(i);
-            storeTime += Clock::now() - t1;
-            rawTime += t1 - t0;
-        }
-        ++i;
-    }
-    double const s = std::chrono::duration<double, std::micro>(storeTime).count();
-    double const r = std::chrono::duration<double, std::micro>(rawTime).count();
-    state.counters["store_us"] = s / static_cast<double>(i);
-    state.counters["raw_us"] = r / static_cast<double>(i);
-    state.counters["ratio"] = s / r;
-}
+using bench::paired;
 
 // ---- Run logging -------------------------------------------------------------------------
 
@@ -480,7 +425,7 @@ public:
                         median(entry.second.store), median(entry.second.raw),
                         median(entry.second.ratio));
         }
-        std::printf("\n%-40s %12s %12s\n", "growth 10000 -> 100000 rows", "store", "raw");
+        std::printf("\n%-40s %12s %12s\n", "growth 10000 -> 1000000 rows", "store", "raw");
         for (auto const& entry : m_samples) {
             std::string const& name = entry.first;
             std::string const small = "/10000";
@@ -489,7 +434,7 @@ public:
                 continue;
             }
             std::string const base = name.substr(0, name.size() - small.size());
-            auto const large = m_samples.find(base + "/100000");
+            auto const large = m_samples.find(base + "/1000000");
             if (large == m_samples.end()) continue;
             std::printf("%-40s %11.2fx %11.2fx\n", base.c_str(),
                         median(large->second.store) / median(entry.second.store),
@@ -533,23 +478,29 @@ int main(int argc, char** argv) {
         registerCase("logTestFinished", logTestFinished, mode);
         registerCase("logAlerts100", logAlerts, mode);
     }
-    for (int rows : {10000, 100000}) {
+    for (int rows : {10000, 100000, 1000000}) {
         registerSized("alertExists", alertExists, rows);
         registerSized("testRunResultLogs", testRunResultLogs, rows);
         registerSized("alertResultLogs", alertResultLogs, rows);
         registerSized("getRecentFails", getRecentFails, rows);
     }
+    bench::scratch();
+    std::vector<char*> args(argv, argv + argc);
+    bool repetitions = false;
+    for (char* arg : args) repetitions |= std::string(arg).rfind("--benchmark_repetitions", 0) == 0;
+    static char defaultRepetitions[] = "--benchmark_repetitions=5";
+    if (!repetitions) args.push_back(defaultRepetitions);
+    argc = static_cast<int>(args.size());
+    argv = args.data();
     benchmark::Initialize(&argc, argv);
     bool printPlans = false;
     for (int i = 1; i < argc; ++i) printPlans = printPlans || std::string(argv[i]) == "--plans";
     if (printPlans) {
         printQueryPlans(100000);
-        removeMadeFiles();
         return 0;
     }
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    removeMadeFiles();
     return 0;
 }

@@ -1,6 +1,8 @@
 // GeneralDataStore::logOrUpdate (a log of 10 key/values, new and updated) and ::getLogs
-// (1,000 logs of 10 key/values each, selected by type out of 10,000 and 100,000 stored logs)
-// against raw sqlite3 running the same statements on a connection opened the same way.
+// (1,000 logs of 10 key/values each, selected by type out of 10,000, 100,000 and 1,000,000
+// stored logs)
+// against raw sqlite3 running the same statements on a connection opened the same way, both
+// timed in every iteration; getLogs also gives the peak memory of one call on each side.
 // Compare getLogs/.../10000 with getLogs/.../100000 to see how the query grows with the file.
 
 #include <libDataStore/GeneralDataStore.h>
@@ -14,7 +16,6 @@
 #include <vector>
 
 #include "BenchSupport.h"
-#include "RatioReport.h"
 
 namespace {
 
@@ -27,16 +28,8 @@ using zrn::String;
 using zrn::bench::freshPath;
 using zrn::bench::RawConnection;
 
-char const* const kModeNames[] = {"OFF", "NORMAL", "FULL"};
 int const kKeyValues = 10;
 int const kLogsPerType = 1000;
-
-void useSyncMode(int mode) {
-    static std::string const path = freshPath("general-settings") + ".ini";
-    std::ofstream(path, std::ios::trunc)
-        << "[libDataStore]\nSQLiteDataStore.SyncMode=" << kModeNames[mode] << "\n";
-    ::setenv("ZRN_SETTINGS_FILE", path.c_str(), 1);
-}
 
 std::string nowText() { return std::to_string(static_cast<long long>(std::time(nullptr))); }
 
@@ -72,33 +65,26 @@ LogKeyValueSet keyValues(std::string const& valueSuffix) {
 
 // ---- logOrUpdate -------------------------------------------------------------------------
 
-void logNewOurs(benchmark::State& state) {
-    useSyncMode(static_cast<int>(state.range(0)));
-    std::string const path = freshPath("general-new-ours");
-    {
-        GeneralDataStore store{String(path)};
-        LogKeyValueSet const kvs = keyValues("");
-        long long i = 0;
-        for (auto _ : state) {
-            GenericLog const log("type", "guid" + std::to_string(i++), "cat", "sub", 0u, kvs);
-            if (!store.logOrUpdate(log)) state.SkipWithError("logOrUpdate failed");
-        }
-    }
-    std::remove(path.c_str());
-}
-
 std::string selectSetId(std::string const& guid) {
     return "SELECT rowid from `GenericLog` WHERE `typeUUID` = 'type' AND `guid` = '" + guid + "'";
 }
 
-void logNewRaw(benchmark::State& state) {
-    std::string const path = freshPath("general-new-raw");
+void logNew(benchmark::State& state, int mode) {
+    zrn::bench::useSyncMode(mode);
+    std::string const name = zrn::bench::syncModeName(mode);
+    GeneralDataStore store{String(freshPath("new-ours-" + name))};
+    LogKeyValueSet const kvs = keyValues("");
+    std::string const path = freshPath("new-raw-" + name);
     { GeneralDataStore schema{String(path)}; }
-    {
-        RawConnection raw(path, static_cast<int>(state.range(0)));
-        long long i = 0;
-        for (auto _ : state) {
-            std::string const guid = "guid" + std::to_string(i++);
+    RawConnection raw(path, mode);
+    zrn::bench::paired(
+        state,
+        [&](long long i) {
+            GenericLog const log("type", "guid" + std::to_string(i), "cat", "sub", 0u, kvs);
+            if (!store.logOrUpdate(log)) state.SkipWithError("logOrUpdate failed");
+        },
+        [&](long long i) {
+            std::string const guid = "guid" + std::to_string(i);
             std::string const now = nowText();
             query(raw, selectSetId(guid));
             raw.exec("BEGIN");
@@ -116,39 +102,30 @@ void logNewRaw(benchmark::State& state) {
                     "','0','" + now + "')");
             }
             raw.exec("COMMIT");
-        }
-    }
-    std::remove(path.c_str());
+        });
 }
 
 // Every call changes all ten values, so every key/value is rewritten.
-void logUpdateOurs(benchmark::State& state) {
-    useSyncMode(static_cast<int>(state.range(0)));
-    std::string const path = freshPath("general-update-ours");
-    {
-        GeneralDataStore store{String(path)};
-        store.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0u, keyValues("")));
-        long long i = 0;
-        for (auto _ : state) {
-            GenericLog const log("type", "guid", "cat", "sub", 0u,
-                                 keyValues(" #" + std::to_string(i++)));
-            if (!store.logOrUpdate(log)) state.SkipWithError("logOrUpdate failed");
-        }
-    }
-    std::remove(path.c_str());
-}
-
-void logUpdateRaw(benchmark::State& state) {
-    std::string const path = freshPath("general-update-raw");
+void logUpdate(benchmark::State& state, int mode) {
+    zrn::bench::useSyncMode(mode);
+    std::string const name = zrn::bench::syncModeName(mode);
+    GeneralDataStore store{String(freshPath("update-ours-" + name))};
+    store.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0u, keyValues("")));
+    std::string const path = freshPath("update-raw-" + name);
     {
         GeneralDataStore schema{String(path)};
         schema.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0u, keyValues("")));
     }
-    {
-        RawConnection raw(path, static_cast<int>(state.range(0)));
-        long long i = 0;
-        for (auto _ : state) {
-            std::string const suffix = " #" + std::to_string(i++);
+    RawConnection raw(path, mode);
+    zrn::bench::paired(
+        state,
+        [&](long long i) {
+            GenericLog const log("type", "guid", "cat", "sub", 0u,
+                                 keyValues(" #" + std::to_string(i)));
+            if (!store.logOrUpdate(log)) state.SkipWithError("logOrUpdate failed");
+        },
+        [&](long long i) {
+            std::string const suffix = " #" + std::to_string(i);
             std::string const now = nowText();
             std::string id = query(raw, selectSetId("guid")).at(0).at(0);
             raw.exec("BEGIN");
@@ -170,9 +147,7 @@ void logUpdateRaw(benchmark::State& state) {
                          rowIds.at(key) + "'");
             }
             raw.exec("COMMIT");
-        }
-    }
-    std::remove(path.c_str());
+        });
 }
 
 // ---- getLogs -----------------------------------------------------------------------------
@@ -232,51 +207,51 @@ std::string const& storedLogs(int logs) {
     return files[logs] = path;
 }
 
-void getLogsOurs(benchmark::State& state) {
-    std::string const& path = storedLogs(static_cast<int>(state.range(0)));
+// The raw side keeps what it read, as a program that lists logs must.
+void getLogs(benchmark::State& state, int logs) {
+    std::string const& path = storedLogs(logs);
     GeneralDataStore store{String(path)};
-    int t = 0;
-    for (auto _ : state) {
-        zrn::GenericLogList const logs =
-            store.getLogs(GenericLogFilter("type-" + std::to_string(t++ % 7), ""));
-        if (logs.size() != kLogsPerType) state.SkipWithError("unexpected result size");
-        benchmark::DoNotOptimize(logs);
-    }
-}
-
-void getLogsRaw(benchmark::State& state) {
-    std::string const& path = storedLogs(static_cast<int>(state.range(0)));
     RawConnection raw(path, 0);
-    int t = 0;
-    for (auto _ : state) {
-        auto const logs = query(raw,
-                                "SELECT kv_set.rowid, * FROM `GenericLog` kv_set\n WHERE "
-                                "`typeUUID` = 'type-" +
-                                    std::to_string(t++ % 7) + "'");
-        if (logs.size() != kLogsPerType) state.SkipWithError("unexpected result size");
-        for (auto const& row : logs) {
-            auto const kvs =
-                query(raw, "SELECT * from `KeyValues` WHERE `setID` = '" + row[0] + "'");
-            benchmark::DoNotOptimize(kvs);
-        }
-    }
+    zrn::bench::paired(
+        state,
+        [&](long long t) {
+            zrn::GenericLogList const found =
+                store.getLogs(GenericLogFilter("type-" + std::to_string(t % 7), ""));
+            if (found.size() != kLogsPerType) state.SkipWithError("unexpected result size");
+            benchmark::DoNotOptimize(found);
+        },
+        [&](long long t) {
+            auto const found = query(raw,
+                                     "SELECT kv_set.rowid, * FROM `GenericLog` kv_set\n WHERE "
+                                     "`typeUUID` = 'type-" +
+                                         std::to_string(t % 7) + "'");
+            if (found.size() != kLogsPerType) state.SkipWithError("unexpected result size");
+            std::vector<std::vector<std::vector<std::string>>> keyValues;
+            keyValues.reserve(found.size());
+            for (auto const& row : found) {
+                keyValues.push_back(
+                    query(raw, "SELECT * from `KeyValues` WHERE `setID` = '" + row[0] + "'"));
+            }
+            benchmark::DoNotOptimize(keyValues);
+        },
+        true);
 }
 
 }  // namespace
 
-BENCHMARK(logNewOurs)->Name("General.logOrUpdate.new/ours")->Arg(0)->Arg(2);
-BENCHMARK(logNewRaw)->Name("General.logOrUpdate.new/raw")->Arg(0)->Arg(2);
-BENCHMARK(logUpdateOurs)->Name("General.logOrUpdate.update/ours")->Arg(0)->Arg(2);
-BENCHMARK(logUpdateRaw)->Name("General.logOrUpdate.update/raw")->Arg(0)->Arg(2);
-BENCHMARK(getLogsOurs)
-    ->Name("General.getLogs/ours")
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(getLogsRaw)
-    ->Name("General.getLogs/raw")
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
-
-BENCH_MAIN_WITH_RATIOS();
+int main(int argc, char** argv) {
+    using zrn::bench::syncModeName;
+    for (int mode : {0, 2}) {
+        benchmark::RegisterBenchmark(
+            (std::string("General.logOrUpdate.new@") + syncModeName(mode)).c_str(), logNew, mode);
+        benchmark::RegisterBenchmark(
+            (std::string("General.logOrUpdate.update@") + syncModeName(mode)).c_str(), logUpdate,
+            mode);
+    }
+    for (int logs : {10000, 100000, 1000000}) {
+        benchmark::RegisterBenchmark(("General.getLogs/" + std::to_string(logs)).c_str(), getLogs,
+                                     logs)
+            ->Unit(benchmark::kMillisecond);
+    }
+    return zrn::bench::runPaired(argc, argv);
+}

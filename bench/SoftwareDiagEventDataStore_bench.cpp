@@ -1,6 +1,7 @@
 // The software-diagnostics store against raw sqlite3 running the same statements in the same
 // run: a whole repair session as a caller logs it, and the two heavy queries on a file of
-// 10,000 sessions. Prints the library/raw time ratio of each pair at the end.
+// 10,000 sessions, and every session of files of 10,000 to 1,000,000 with the peak memory of one
+// call. Both sides run in every iteration; the table at the end gives medians of repetitions.
 
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
@@ -13,7 +14,6 @@
 #include <vector>
 
 #include "BenchSupport.h"
-#include "RatioReport.h"
 
 namespace zrn {
 namespace {
@@ -22,11 +22,6 @@ int const kDiagnostics = 20;
 int const kIssues = 10;
 int const kFixActions = 10;
 int const kSessionsInFile = 10000;
-
-std::vector<std::string>& filesToRemove() {
-    static std::vector<std::string> files;
-    return files;
-}
 
 // The library reads its synchronous mode from the settings file; raw connections get the
 // same level directly.
@@ -37,19 +32,11 @@ struct SyncMode {
 SyncMode const kFull{"FULL", 2};
 SyncMode const kOff{"OFF", 0};
 
-void useSyncMode(SyncMode mode) {
-    static std::string const file =
-        "/tmp/zrn-bench-" + std::to_string(::getpid()) + "-settings.ini";
-    static bool const registered = (filesToRemove().push_back(file), true);
-    (void)registered;
-    std::ofstream(file) << "[libDataStore]\nSQLiteDataStore.SyncMode=" << mode.name << "\n";
-    ::setenv("ZRN_SETTINGS_FILE", file.c_str(), 1);
-}
+void useSyncMode(SyncMode mode) { bench::useSyncMode(mode.level); }
 
 // A file with the store's schema, made by the store itself; removed when the program ends.
 std::string freshStoreFile(std::string const& name) {
     std::string const path = bench::freshPath(name);
-    filesToRemove().push_back(path);
     SoftwareDiagEventDataStore{String(path)};
     return path;
 }
@@ -177,31 +164,36 @@ private:
     bench::RawConnection& m_db;
 };
 
-void sessionLibrary(benchmark::State& state, SyncMode mode) {
+void session(benchmark::State& state, SyncMode mode) {
     useSyncMode(mode);
-    SoftwareDiagEventDataStore store{String(freshStoreFile("sd-session-lib"))};
-    for (auto _ : state) librarySession(store);
+    SoftwareDiagEventDataStore store{
+        String(freshStoreFile(std::string("session-ours-") + mode.name))};
+    bench::RawConnection db(freshStoreFile(std::string("session-raw-") + mode.name), mode.level);
+    RawSession raw(db);
+    bench::paired(
+        state, [&](long long) { librarySession(store); }, [&](long long) { raw.run(); });
 }
 
-void sessionRaw(benchmark::State& state, SyncMode mode) {
-    bench::RawConnection db(freshStoreFile("sd-session-raw"), mode.level);
-    RawSession session(db);
-    for (auto _ : state) session.run();
-}
-
-// ---- Queries on 10,000 sessions -----------------------------------------------------------
+// ---- Queries on files of many sessions
+// -----------------------------------------------------------
 
 // Each session has one issue linked to two fix actions; start times are one second apart.
-std::string const& populatedFile() {
-    static std::string const path = [] {
-        std::string const p = freshStoreFile("sd-10000");
+std::string const& populatedFile(int sessions = kSessionsInFile) {
+    static std::map<int, std::string> made;
+    auto const found = made.find(sessions);
+    if (found != made.end()) return found->second;
+    {
+        useSyncMode(kOff);
+        std::string const p = freshStoreFile("sd-" + std::to_string(sessions));
         bench::RawConnection db(p, 0);
         db.exec("BEGIN");
-        for (int s = 1; s <= kSessionsInFile; ++s) {
+        for (int s = 1; s <= sessions; ++s) {
             std::string const id = std::to_string(s);
             std::string const t = std::to_string(1600000000 + s);
             db.exec("INSERT INTO Sessions (startTimeStamp,endTimeStamp) VALUES(" + t + "," + t +
                     ");");
+            // Only getSessions reads the larger files: they hold sessions alone.
+            if (sessions > kSessionsInFile) continue;
             db.exec(
                 "INSERT INTO Issues (sessionId,softwareDiagnosticId,issueName,"
                 "issueDescription,timeStamp) VALUES(" +
@@ -216,9 +208,9 @@ std::string const& populatedFile() {
             }
         }
         db.exec("COMMIT");
-        return p;
-    }();
-    return path;
+        made[sessions] = p;
+    }
+    return made[sessions];
 }
 
 IssueLog issueWithId(SoftwareDiagEventDataStore& store, long long id) {
@@ -242,56 +234,68 @@ std::string const kRangeSessionsSql =
     "1600005000 AND `startTimeStamp` <= 1600006000 ORDER BY `rowid` DESC, `sessionId` DESC "
     "LIMIT 100";
 
-void allSessionsLibrary(benchmark::State& state) {
-    SoftwareDiagEventDataStore store{String(populatedFile())};
-    for (auto _ : state) {
-        SessionList const list = store.getSessions(TimeStamp(), TimeStamp(), true, 0);
-        benchmark::DoNotOptimize(list.size());
-    }
+// Every session of the file; the raw side keeps what it read as a program would, as numbers.
+void allSessions(benchmark::State& state, int sessions) {
+    std::string const& path = populatedFile(sessions);
+    SoftwareDiagEventDataStore store{String(path)};
+    bench::RawConnection db(path, 2);
+    struct Session {
+        long long id, start, end;
+    };
+    bench::paired(
+        state,
+        [&](long long) {
+            SessionList const list = store.getSessions(TimeStamp(), TimeStamp(), true, 0);
+            benchmark::DoNotOptimize(list.size());
+        },
+        [&](long long) {
+            std::vector<Session> list;
+            sqlite3_stmt* statement = nullptr;
+            sqlite3_prepare_v2(db.handle(), kAllSessionsSql.c_str(), -1, &statement, nullptr);
+            while (sqlite3_step(statement) == SQLITE_ROW) {
+                list.push_back(Session{sqlite3_column_int64(statement, 0),
+                                       sqlite3_column_int64(statement, 1),
+                                       sqlite3_column_int64(statement, 2)});
+            }
+            sqlite3_finalize(statement);
+            benchmark::DoNotOptimize(list.data());
+        },
+        true);
 }
 
-void allSessionsRaw(benchmark::State& state) {
+void rangeSessions(benchmark::State& state) {
+    SoftwareDiagEventDataStore store{String(populatedFile())};
     bench::RawConnection db(populatedFile(), 2);
-    for (auto _ : state) db.exec(kAllSessionsSql);
-}
-
-void rangeSessionsLibrary(benchmark::State& state) {
-    SoftwareDiagEventDataStore store{String(populatedFile())};
     TimeStamp const from(1600005000);
     TimeStamp const to(1600006000);
-    for (auto _ : state) {
-        SessionList const list = store.getSessions(from, to, true, 100);
-        benchmark::DoNotOptimize(list.size());
-    }
+    bench::paired(
+        state,
+        [&](long long) {
+            SessionList const list = store.getSessions(from, to, true, 100);
+            benchmark::DoNotOptimize(list.size());
+        },
+        [&](long long) { db.exec(kRangeSessionsSql); });
 }
 
-void rangeSessionsRaw(benchmark::State& state) {
-    bench::RawConnection db(populatedFile(), 2);
-    for (auto _ : state) db.exec(kRangeSessionsSql);
-}
-
-void fixActionsByIssueLibrary(benchmark::State& state) {
+void fixActionsByIssue(benchmark::State& state) {
     SoftwareDiagEventDataStore store{String(populatedFile())};
-    std::vector<IssueLog> issues;
-    for (long long id = 1; id <= kSessionsInFile; id += 97)
-        issues.push_back(issueWithId(store, id));
-    std::size_t next = 0;
-    for (auto _ : state) {
-        FixActionList const list = store.getFixActionsByIssue(issues[next], true, 0);
-        benchmark::DoNotOptimize(list.size());
-        next = (next + 1) % issues.size();
-    }
-}
-
-void fixActionsByIssueRaw(benchmark::State& state) {
     bench::RawConnection db(populatedFile(), 2);
-    std::vector<long long> issues;
-    for (long long id = 1; id <= kSessionsInFile; id += 97) issues.push_back(id);
-    std::size_t next = 0;
-    for (auto _ : state) {
-        db.exec(fixActionsByIssueSql(issues[next]));
-        next = (next + 1) % issues.size();
+    std::vector<IssueLog> issues;
+    std::vector<long long> ids;
+    for (long long id = 1; id <= kSessionsInFile; id += 97) {
+        issues.push_back(issueWithId(store, id));
+        ids.push_back(id);
     }
+    bench::paired(
+        state,
+        [&](long long i) {
+            FixActionList const list = store.getFixActionsByIssue(
+                issues[static_cast<std::size_t>(i) % issues.size()], true, 0);
+            benchmark::DoNotOptimize(list.size());
+        },
+        [&](long long i) {
+            db.exec(fixActionsByIssueSql(ids[static_cast<std::size_t>(i) % ids.size()]));
+        });
 }
 
 }  // namespace
@@ -299,34 +303,14 @@ void fixActionsByIssueRaw(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     using namespace zrn;
-    benchmark::RegisterBenchmark("Session/FULL/ours", sessionLibrary, kFull)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Session/FULL/raw", sessionRaw, kFull)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Session/OFF/ours", sessionLibrary, kOff)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Session/OFF/raw", sessionRaw, kOff)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("getSessions(all 10000)/ours", allSessionsLibrary)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("getSessions(all 10000)/raw", allSessionsRaw)
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("getSessions(range, limit 100)/ours", rangeSessionsLibrary)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("getSessions(range, limit 100)/raw", rangeSessionsRaw)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("getFixActionsByIssue/ours", fixActionsByIssueLibrary)
-        ->Unit(benchmark::kMicrosecond);
-    benchmark::RegisterBenchmark("getFixActionsByIssue/raw", fixActionsByIssueRaw)
-        ->Unit(benchmark::kMicrosecond);
-
-    benchmark::Initialize(&argc, argv);
-    bench::RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    for (std::string const& file : filesToRemove()) {
-        ::unlink(file.c_str());
-        ::unlink((file + "-journal").c_str());
+    benchmark::RegisterBenchmark("Session@FULL", session, kFull)->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("Session@OFF", session, kOff)->Unit(benchmark::kMillisecond);
+    for (int sessions : {10000, 100000, 1000000}) {
+        benchmark::RegisterBenchmark(("getSessions(all)/" + std::to_string(sessions)).c_str(),
+                                     allSessions, sessions)
+            ->Unit(benchmark::kMillisecond);
     }
-    return 0;
+    benchmark::RegisterBenchmark("getSessions(range, limit 100)", rangeSessions);
+    benchmark::RegisterBenchmark("getFixActionsByIssue", fixActionsByIssue);
+    return bench::runPaired(argc, argv);
 }

@@ -2,17 +2,39 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <mutex>
 #include <string>
 
 namespace zrn {
 
 namespace {
 
+// localtime_r need not notice a changed TZ by itself, so the zone is loaded again whenever the
+// TZ text (or its absence) differs from the one last loaded. Not on every conversion: with TZ
+// unset, tzset() looks at /etc/localtime each time, which costs more than the conversion and
+// made listing many local times slow. A zone file replaced under a running process with TZ
+// unset is therefore seen from the next TZ change or the next process on (our choice: the
+// machine's zone changes rarely and needs no program to follow it mid-run).
+void loadZoneIfTzChanged() {
+    static std::mutex mutex;
+    static bool loaded = false;
+    static bool hadTz = false;
+    static std::string lastTz;
+    std::lock_guard<std::mutex> lock(mutex);
+    char const* const tz = std::getenv("TZ");
+    bool const hasTz = tz != nullptr;
+    if (loaded && hasTz == hadTz && (!hasTz || lastTz == tz)) return;
+    tzset();
+    loaded = true;
+    hadTz = hasTz;
+    lastTz = hasTz ? tz : "";
+}
+
 bool brokenDown(long long seconds, DateTime::Kind kind, std::tm& out) {
     std::time_t const t = static_cast<std::time_t>(seconds);
-    // localtime_r need not notice a changed TZ by itself; tzset returns at once when it has not.
-    if (kind == DateTime::LOCAL) tzset();
+    if (kind == DateTime::LOCAL) loadZoneIfTzChanged();
     return (kind == DateTime::UTC ? gmtime_r(&t, &out) : localtime_r(&t, &out)) != nullptr;
 }
 

@@ -1,5 +1,6 @@
 #include <libCommon/String.h>
 
+#include <climits>
 #include <cstdlib>
 #include <ostream>
 
@@ -126,27 +127,107 @@ String String::subString(unsigned int start, unsigned int length) const {
 
 String String::repeat(char c, unsigned int count) { return String(std::string(count, c)); }
 
+namespace {
+
+// Cells read back from the stores are almost always plain decimal integers written by the
+// library itself; switching the thread's locale for strtoll costs more than the parsing. Text
+// of an optional '-' and 1 to 18 digits, nothing else, cannot overflow and reads the same in
+// every locale, so it is parsed here. Anything else (blanks, '+', other bases, longer numbers,
+// trailing text) goes to the C library as before, so every result stays what strtoll gives.
+bool plainDecimal(std::string const& text, bool& negative, unsigned long long& magnitude) {
+    std::size_t i = 0;
+    negative = !text.empty() && text[0] == '-';
+    if (negative) i = 1;
+    std::size_t const digits = text.size() - i;
+    if (digits == 0 || digits > 18) return false;
+    unsigned long long value = 0;
+    for (; i < text.size(); ++i) {
+        unsigned const d = static_cast<unsigned char>(text[i]) - unsigned('0');
+        if (d > 9) return false;
+        value = value * 10 + d;
+    }
+    magnitude = value;
+    return true;
+}
+
+// A decimal with at most 15 significant digits and at most 22 after the point: both the digits
+// and the power of ten are exact doubles, so one division rounds correctly, as strtod does.
+bool plainReal(std::string const& text, double& out) {
+    std::size_t i = 0;
+    bool const negative = !text.empty() && text[0] == '-';
+    if (negative) i = 1;
+    unsigned long long mantissa = 0;
+    int digits = 0;
+    int fraction = -1;  // digits after the point; -1 while no point was seen
+    for (; i < text.size(); ++i) {
+        char const c = text[i];
+        if (c == '.' && fraction < 0) {
+            fraction = 0;
+            continue;
+        }
+        unsigned const d = static_cast<unsigned char>(c) - unsigned('0');
+        if (d > 9) return false;
+        if (++digits > 15) return false;
+        mantissa = mantissa * 10 + d;
+        if (fraction >= 0) ++fraction;
+    }
+    if (digits == 0 || fraction == 0 || fraction > 22) return false;
+    static double const powers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                    1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                    1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    double const value = static_cast<double>(mantissa) / powers[fraction < 0 ? 0 : fraction];
+    out = negative ? -value : value;
+    return true;
+}
+
+}  // namespace
+
 long long String::strToInt64(String const& text, int base) {
+    bool negative;
+    unsigned long long magnitude;
+    if (base == 10 && plainDecimal(text.m_text, negative, magnitude)) {
+        auto const value = static_cast<long long>(magnitude);
+        return negative ? -value : value;
+    }
     CLocaleScope const c;
     return std::strtoll(text.c_str(), nullptr, base);
 }
 
 unsigned long long String::strToUInt64(String const& text, int base) {
+    bool negative;
+    unsigned long long magnitude;
+    // strtoull negates a '-' number in unsigned arithmetic; so does this.
+    if (base == 10 && plainDecimal(text.m_text, negative, magnitude))
+        return negative ? 0ULL - magnitude : magnitude;
     CLocaleScope const c;
     return std::strtoull(text.c_str(), nullptr, base);
 }
 
 int String::strToInt(String const& text, int base) {
+    bool negative;
+    unsigned long long magnitude;
+    if (base == 10 && plainDecimal(text.m_text, negative, magnitude) && magnitude <= LONG_MAX) {
+        auto const value = static_cast<long>(magnitude);
+        return static_cast<int>(negative ? -value : value);
+    }
     CLocaleScope const c;
     return static_cast<int>(std::strtol(text.c_str(), nullptr, base));
 }
 
 unsigned int String::strToUInt(String const& text, int base) {
+    bool negative;
+    unsigned long long magnitude;
+    if (base == 10 && plainDecimal(text.m_text, negative, magnitude) && magnitude <= ULONG_MAX) {
+        auto const value = static_cast<unsigned long>(magnitude);
+        return static_cast<unsigned int>(negative ? 0UL - value : value);
+    }
     CLocaleScope const c;
     return static_cast<unsigned int>(std::strtoul(text.c_str(), nullptr, base));
 }
 
 double String::strToReal64(String const& text) {
+    double value;
+    if (plainReal(text.m_text, value)) return value;
     CLocaleScope const c;  // "71.5" is 71.5 in every locale
     return std::strtod(text.c_str(), nullptr);
 }

@@ -54,23 +54,11 @@ String plainInsert(String const& table, HashTable<String, String> const& row) {
 [[noreturn]] void refuseDuplicate(SQLiteDataStore& table, HashTable<String, String> const& row) {
     SQLite3Database& db = *table.database();
     db.execute(indexStatement());
-    db.execute("SAVEPOINT refused_insert");
-    auto rollBack = [&db] {
-        db.execute("ROLLBACK TO refused_insert");
-        db.execute("RELEASE refused_insert");
-    };
-    try {
-        db.execute(plainInsert(table.tableName(), row));
-    } catch (...) {
-        try {
-            rollBack();
-        } catch (...) {
-            // The statement's own failure is the one to report; a connection that cannot roll
-            // back drops the savepoint when it closes.
-        }
-        throw;
-    }
-    rollBack();
+    Transaction attempt(db, Savepoint{"refused_insert"});
+    // A refusal passes on and the guard rolls back quietly: the statement's own failure is the
+    // one to report, and a connection that cannot roll back drops the savepoint when it closes.
+    db.execute(plainInsert(table.tableName(), row));
+    attempt.rollback();
     throw DatabaseError("AppStateDataStore: the unique index on `key` accepted a duplicate key");
 }
 
@@ -95,9 +83,8 @@ AppStateDataStore::AppStateDataStore(String const& path) {
         StoreLock lock(module::appStateStoreMutex(), m_reader.get());
         // The table and its index are made in one transaction, so a failure between the two
         // never leaves a table without the index that guards its keys.
-        SQLiteDataStore::Database database(
-            new SQLite3Database(path, SQLiteDataStore::dbSyncMode()));
-        Transaction opening(*database, "BEGIN");
+        SQLiteDataStore::Database database = SQLiteDataStore::openDatabase(path);
+        Transaction opening(*database, TransactionText::Begin);
         Table table(new SQLiteDataStore(database, kTableName, kColumns));
         database->execute(indexStatement());
         opening.commit();

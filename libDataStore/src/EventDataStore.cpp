@@ -14,6 +14,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -333,11 +334,21 @@ std::shared_ptr<EventDataStore> EventDataStore::create() noexcept {
 void EventDataStore::createDataStores() {
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
 
-    Database database(new SQLite3Database(m_dataStorePath, SQLiteDataStore::dbSyncMode()));
-    // Should anything below throw, the transaction is left open and the connection is closed
-    // as the partly built store unwinds, which rolls the whole of it back.
-    database->execute("BEGIN TRANSACTION");
+    Database database = SQLiteDataStore::openDatabase(m_dataStorePath);
+    Transaction opening(*database, TransactionText::BeginTransaction);
+    try {
+        createTablesUnlocked(database);
+        opening.commit();
+    } catch (...) {
+        // Deliberately not rolled back here: the transaction is left open and the connection
+        // is closed as the partly built store unwinds, which rolls the whole of it back.
+        opening.leaveOpen();
+        throw;
+    }
+}
 
+void EventDataStore::createTablesUnlocked(Database const& database) {
+    // REQUIRES: caller holds the "event_store" mutex, inside the opening transaction.
     m_versionDataStore.reset(new SQLiteDataStore(database, "Versioning", kVersioning));
     int const version = getVersionUnlocked();
     if (version == -1) {
@@ -377,8 +388,6 @@ void EventDataStore::createDataStores() {
     m_measurementDataStore.reset(new SQLiteDataStore(database, "Measurements", kMeasurements));
 
     for (IndexSpec const& index : kIndexes) database->execute(indexStatement(index));
-
-    database->execute("END TRANSACTION");
 }
 
 int EventDataStore::getVersionUnlocked() const {
@@ -714,13 +723,15 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
 
 bool EventDataStore::logAlertsInTransaction(AlertData const* alerts, std::size_t count,
                                             char const* failure) {
-    // Taken outside the try: the rollback below must still run under the mutex.
+    // Taken outside the try: the rollback must still run under the mutex. The guard is armed
+    // outside it too, so that its ROLLBACK follows the failure message, and follows a refused
+    // BEGIN as well.
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    SQLite3Database& database = *m_alertDataStore->database();
+    Transaction transaction(*m_alertDataStore->database());
     try {
-        database.execute("BEGIN");
+        transaction.begin(TransactionText::Begin);
         for (std::size_t i = 0; i < count; ++i) logAlertUnlocked(alerts[i]);
-        database.execute("COMMIT");
+        transaction.commit();
         return true;
     } catch (Exception const& e) {
         try {
@@ -729,22 +740,10 @@ bool EventDataStore::logAlertsInTransaction(AlertData const* alerts, std::size_t
             });
         } catch (...) {
         }
-        try {
-            database.execute("ROLLBACK");
-        } catch (Exception const&) {
-            // No transaction left to roll back: BEGIN itself failed, SQLite already rolled
-            // back after the error, or the connection is closed.
-        }
         return false;
-    } catch (...) {
-        // Not a failure this operation reports; still, never leave the connection inside an
-        // open transaction that every later statement would join.
-        try {
-            database.execute("ROLLBACK");
-        } catch (...) {
-        }
-        throw;
     }
+    // Anything else passes on, rolled back too: never leave the connection inside an open
+    // transaction that every later statement would join.
 }
 
 bool EventDataStore::logAlert(AlertData const& alert) {

@@ -15,6 +15,7 @@
 #include "ModuleState.h"
 #include "ReaderLock.h"
 #include "SqlText.h"
+#include "Transaction.h"
 
 namespace zrn {
 
@@ -57,6 +58,20 @@ String decimal(long long n) { return ZRNValue(n).toString(ZRNValue::nilValue());
 String condition(String const& column, String const& op, String const& value) {
     String const separator = op == "=" ? String(" = ") : " " + op + " ";
     return sql::identifier(column) + separator + value;
+}
+
+// The version row, the two unique indexes and the view of a new file, in that order.
+void createSchema(SQLite3Database& db) {
+    db.execute(SprintfFormat("INSERT OR IGNORE INTO `%s` (`%s`) values ('%i')", kVersionTable,
+                             "version", kSchemaVersion));
+    db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValueSet_uniqueIDs on `%s` (`%s`, `%s`)",
+                             kLogTable, "typeUUID", "guid"));
+    db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValues_uniqueIDs on `%s` (`%s`, `%s`)",
+                             kKeyValueTable, "setID", "key"));
+    db.execute(SprintfFormat(
+        "CREATE VIEW kv_by_unique_id AS SELECT kv_set.`%s`, kv_set.`%s`, kv.`%s`, kv.`%s` "
+        "from `%s` kv_set JOIN `%s` kv ON kv_set.rowId = kv.`%s`",
+        "typeUUID", "guid", "key", "value", kLogTable, kKeyValueTable, "setID"));
 }
 
 }  // namespace
@@ -113,7 +128,7 @@ GeneralDataStore::~GeneralDataStore() {
 void GeneralDataStore::createDataStores() {
     try {
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
-        m_database = Database(new SQLite3Database(m_filePath, SQLiteDataStore::dbSyncMode()));
+        m_database = SQLiteDataStore::openDatabase(m_filePath);
         m_versionDataStore.reset();
         m_versionDataStore.reset(new SQLiteDataStore(m_database, kVersionTable, kVersionColumns));
         m_eventDataStore.reset();
@@ -125,19 +140,15 @@ void GeneralDataStore::createDataStores() {
         SQLite3Database& db = *m_database;
         if (getVersionUnlocked() == -1) {
             // A new file: the indexes and the view are made once, here, and never again.
-            db.execute("BEGIN");
-            db.execute(SprintfFormat("INSERT OR IGNORE INTO `%s` (`%s`) values ('%i')",
-                                     kVersionTable, "version", kSchemaVersion));
-            db.execute(
-                SprintfFormat("CREATE UNIQUE INDEX keyValueSet_uniqueIDs on `%s` (`%s`, `%s`)",
-                              kLogTable, "typeUUID", "guid"));
-            db.execute(SprintfFormat("CREATE UNIQUE INDEX keyValues_uniqueIDs on `%s` (`%s`, `%s`)",
-                                     kKeyValueTable, "setID", "key"));
-            db.execute(SprintfFormat(
-                "CREATE VIEW kv_by_unique_id AS SELECT kv_set.`%s`, kv_set.`%s`, kv.`%s`, kv.`%s` "
-                "from `%s` kv_set JOIN `%s` kv ON kv_set.rowId = kv.`%s`",
-                "typeUUID", "guid", "key", "value", kLogTable, kKeyValueTable, "setID"));
-            db.execute("COMMIT");
+            Transaction creation(db, TransactionText::Begin);
+            try {
+                createSchema(db);
+                creation.commit();
+            } catch (...) {
+                // Deliberately no ROLLBACK, a failed COMMIT included: see the catch below.
+                creation.leaveOpen();
+                throw;
+            }
         } else {
             db.execute(SprintfFormat("UPDATE `%s` SET `%s` = '%i'", kVersionTable, "version",
                                      kSchemaVersion));
@@ -225,11 +236,15 @@ long long GeneralDataStore::getSetIDUnlocked(GenericLog const& log) const {
 
 bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
     if (!m_initialized) return false;
-    // Declared outside the try block so that the ROLLBACK below still runs under the lock.
+    // Both outside the try block, the lock first: the failure path below logs, and the guard's
+    // ROLLBACK then runs as the function returns, still under the lock.
     std::optional<StoreLock> lock;
+    std::optional<Transaction> transaction;
     try {
         lock.emplace(module::generalStoreMutex(), m_reader.get());
-        SQLite3Database& db = *m_database;
+        // Armed before anything runs: a failure at any point, the BEGIN included, ends in
+        // ROLLBACK. That also ends a transaction an earlier call left open (below).
+        transaction.emplace(*m_database);
 
         long long setId = getSetIDUnlocked(log);
         bool const exists = setId != -1;
@@ -239,7 +254,7 @@ bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
 
         HashTable<String, String> row(32);
         log.toRowData(row, exists, nowText);
-        db.execute("BEGIN");
+        transaction->begin(TransactionText::Begin);
         if (exists) {
             m_eventDataStore->update(row, "rowid", decimal(setId));
         } else {
@@ -252,55 +267,56 @@ bool GeneralDataStore::logOrUpdate(GenericLog const& log) {
             // stay so for long: the next call's BEGIN fails, is logged (651) and its ROLLBACK
             // ends the transaction, so the store recovers after that one failed call. Under
             // the store mutex this path is not expected to be reached at all.
+            transaction->leaveOpen();
             return false;
         }
-
-        ResultSet stored;
-        db.execute(SprintfFormat("SELECT rowid, * FROM `%s` WHERE `%s`='%I64i'", kKeyValueTable,
-                                 "setID", setId),
-                   &stored);
-        HashTable<String, String> storedRowIds(32);
-        HashTable<String, LogKeyValue> storedKeyValues(32);
-        for (unsigned int i = 0; i < stored.rowCount(); ++i) {
-            ResultSetRow const& kvRow = stored.row(static_cast<int>(i));
-            String const& key = kvRow.columnValue(String("key"));
-            storedRowIds.insert(key, kvRow.columnValue(0));
-            storedKeyValues.insert(key, LogKeyValue::fromDbRow(kvRow));
-        }
-
-        LogKeyValueSet const& keyValues = log.keyValues();
-        for (unsigned int i = 0; i < keyValues.size(); ++i) {
-            LogKeyValue const& kv = keyValues.get(i);
-            LogKeyValue const* old = storedKeyValues.lookup(kv.key());
-            HashTable<String, String> kvRow(32);
-            if (!old) {
-                kv.toRowData(kvRow, setId, true, nowText);
-                m_eventKeyValueDataStore->append(kvRow);
-            } else if (!kv.areFieldValuesTheSame(*old)) {
-                kv.toRowData(kvRow, setId, false, nowText);
-                String const* rowId = storedRowIds.lookup(kv.key());
-                if (!rowId) {
-                    throw DatabaseError(
-                        "Unexpected condition - could not associate rowID with record.");
-                }
-                m_eventKeyValueDataStore->update(kvRow, "rowid", *rowId);
-            }
-            // Unchanged: nothing written, so its stored time stays that of its last change.
-        }
-
-        db.execute("COMMIT");
+        writeKeyValuesUnlocked(log, setId, nowText);
+        transaction->commit();
         return true;
     } catch (Exception const& e) {
         logAt(logger(), ERROR, [&] { return LoggerStream() + "651 " + e.getMessage(); });
-        if (lock) {
-            try {
-                m_database->execute("ROLLBACK");
-            } catch (Exception const&) {
-                // No transaction was open (the failure came before BEGIN, or BEGIN itself
-                // failed on a closed connection): there is nothing to undo.
-            }
-        }
         return false;
+    } catch (...) {
+        // Not a failure this operation reports, and it rolls nothing back: passed on as it is.
+        if (transaction) transaction->leaveOpen();
+        throw;
+    }
+}
+
+void GeneralDataStore::writeKeyValuesUnlocked(GenericLog const& log, long long setId,
+                                              String const& nowText) {
+    // REQUIRES: caller holds the "general_store" mutex, inside the log's transaction.
+    ResultSet stored;
+    m_database->execute(SprintfFormat("SELECT rowid, * FROM `%s` WHERE `%s`='%I64i'",
+                                      kKeyValueTable, "setID", setId),
+                        &stored);
+    HashTable<String, String> storedRowIds(32);
+    HashTable<String, LogKeyValue> storedKeyValues(32);
+    for (unsigned int i = 0; i < stored.rowCount(); ++i) {
+        ResultSetRow const& kvRow = stored.row(static_cast<int>(i));
+        String const& key = kvRow.columnValue(String("key"));
+        storedRowIds.insert(key, kvRow.columnValue(0));
+        storedKeyValues.insert(key, LogKeyValue::fromDbRow(kvRow));
+    }
+
+    LogKeyValueSet const& keyValues = log.keyValues();
+    for (unsigned int i = 0; i < keyValues.size(); ++i) {
+        LogKeyValue const& kv = keyValues.get(i);
+        LogKeyValue const* old = storedKeyValues.lookup(kv.key());
+        HashTable<String, String> kvRow(32);
+        if (!old) {
+            kv.toRowData(kvRow, setId, true, nowText);
+            m_eventKeyValueDataStore->append(kvRow);
+        } else if (!kv.areFieldValuesTheSame(*old)) {
+            kv.toRowData(kvRow, setId, false, nowText);
+            String const* rowId = storedRowIds.lookup(kv.key());
+            if (!rowId) {
+                throw DatabaseError(
+                    "Unexpected condition - could not associate rowID with record.");
+            }
+            m_eventKeyValueDataStore->update(kvRow, "rowid", *rowId);
+        }
+        // Unchanged: nothing written, so its stored time stays that of its last change.
     }
 }
 

@@ -13,7 +13,7 @@ void ReaderLock::enter() {
     m_mutex.lock();
     if (m_depth == 0 && m_database && !m_database->isClosed()) {
         try {
-            m_database->execute("BEGIN");
+            m_read.emplace(*m_database, TransactionText::Begin);
         } catch (...) {
             m_mutex.unlock();
             throw;
@@ -23,13 +23,12 @@ void ReaderLock::enter() {
 }
 
 void ReaderLock::leave() noexcept {
-    if (--m_depth == 0 && m_database && !m_database->isClosed()) {
-        try {
-            // Ends the read transaction; there is nothing to keep or to undo in it.
-            m_database->execute("ROLLBACK");
-        } catch (...) {
-            // Already ended (a failed statement can end it); the shared lock is gone either way.
-        }
+    if (--m_depth == 0 && m_read) {
+        // A closed connection has no transaction left: nothing is run on it.
+        if (!m_database || m_database->isClosed()) m_read->leaveOpen();
+        // Ends the read transaction with ROLLBACK: there is nothing to keep or to undo in it.
+        // Should it already be over (a failed statement can end it), the guard says nothing.
+        m_read.reset();
     }
     m_mutex.unlock();
 }

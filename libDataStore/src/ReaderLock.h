@@ -12,6 +12,8 @@
 #include <mutex>
 #include <optional>
 
+#include "Transaction.h"
+
 namespace zrn {
 
 class SQLiteDataStore;
@@ -34,6 +36,8 @@ private:
     std::recursive_mutex m_mutex;
     int m_depth = 0;
     Database m_database;
+    // The read transaction of the outermost operation, while one runs.
+    std::optional<Transaction> m_read;
 };
 
 // The lock of one store operation: the store family's named mutex for a writing store, the

@@ -40,8 +40,7 @@ Logger* SQLiteDataStore::logger() {
 
 SQLiteDataStore::SQLiteDataStore(String const& dbFilePath, String const& tableName,
                                  SQLiteDataStoreColumnSpec const* columns)
-    : m_tableName(tableName),
-      m_database(new SQLite3Database(dbFilePath, SQLiteDataStore::dbSyncMode())) {
+    : m_tableName(tableName), m_database(openDatabase(dbFilePath)) {
     buildColumns(columns, dbFilePath);
     init();
 }
@@ -64,9 +63,7 @@ SQLiteDataStore::SQLiteDataStore(Database const& database, String const& tableNa
 
 SQLiteDataStore::SQLiteDataStore(String const& dbFilePath, String const& tableName,
                                  OrderedHashTable<String, String> const& columns)
-    : m_tableName(tableName),
-      m_columns(columns),
-      m_database(new SQLite3Database(dbFilePath, SQLiteDataStore::dbSyncMode())) {
+    : m_tableName(tableName), m_columns(columns), m_database(openDatabase(dbFilePath)) {
     init();
 }
 
@@ -91,6 +88,49 @@ SQLite3Database::SYNC_MODE SQLiteDataStore::dbSyncMode() {
     if (value.equalNoCase("NORMAL")) return SQLite3Database::NORMAL;
     if (value.equalNoCase("OFF")) return SQLite3Database::OFF;
     return SQLite3Database::FULL;
+}
+
+SQLiteDataStore::JOURNAL_MODE SQLiteDataStore::dbJournalMode() {
+    String value;
+    if (!Resource::getSetting("libDataStore", "SQLiteDataStore.JournalMode", value,
+                              ZRNLocale::getGlobalLocale())) {
+        return DELETE;
+    }
+    if (value.equalNoCase("DELETE")) return DELETE;
+    if (value.equalNoCase("TRUNCATE")) return TRUNCATE;
+    if (value.equalNoCase("PERSIST")) return PERSIST;
+    if (value.equalNoCase("WAL")) return WAL;
+    // The message number is ours: the table layer had no warning for its settings before.
+    logAt(logger(), WARNING, [&] {
+        return LoggerStream() + "112 " + "Unknown SQLiteDataStore.JournalMode '" + value +
+               "': using DELETE";
+    });
+    return DELETE;
+}
+
+SQLiteDataStore::Database SQLiteDataStore::openDatabase(String const& dbFilePath) {
+    Database database(new SQLite3Database(dbFilePath, dbSyncMode()));
+    JOURNAL_MODE const mode = dbJournalMode();
+    // DELETE is what SQLite does anyway: asking for it would be one more statement on every
+    // opening, and would also turn a WAL file back, which only an explicit act should do.
+    if (mode == DELETE) return database;
+    // An in-memory or temporary database (an empty path, as an event-store copy uses) keeps
+    // its journal in memory: there is no file whose mode could be chosen.
+    if (database->isInMemoryDB()) return database;
+    static char const* const names[] = {"DELETE", "TRUNCATE", "PERSIST", "WAL"};
+    String const text = String("PRAGMA journal_mode=") + names[mode];
+    logAt(logger(), TRACE, [&] { return LoggerStream() + "113 " + "Journal mode: " + text; });
+    ResultSet result;
+    database->execute(text, &result);
+    // SQLite answers with the mode in force; an in-memory database, for one, keeps "memory".
+    String const granted = result.rowCount() > 0 ? result.row(0).columnValue(0) : String();
+    if (!granted.equalNoCase(names[mode])) {
+        logAt(logger(), WARNING, [&] {
+            return LoggerStream() + "114 " + "Journal mode " + names[mode] + " not taken by " +
+                   dbFilePath + ": it stays " + granted;
+        });
+    }
+    return database;
 }
 
 void SQLiteDataStore::checkReadable(bool exists) const {

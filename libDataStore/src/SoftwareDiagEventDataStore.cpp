@@ -264,11 +264,10 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     logAt(logger(), TRACE, [&] { return LoggerStream() + "358 " + self + " using " + filePath; });
 
-    m_database =
-        SQLiteDataStore::Database(new SQLite3Database(filePath, SQLiteDataStore::dbSyncMode()));
+    m_database = SQLiteDataStore::openDatabase(filePath);
     // The whole opening is one transaction: a new file costs one sync instead of one per
     // statement, and a failure part-way leaves no half-made schema behind.
-    Transaction opening(*m_database, "BEGIN TRANSACTION");
+    Transaction opening(*m_database, TransactionText::BeginTransaction);
     m_versionDataStore =
         std::make_unique<SQLiteDataStore>(m_database, kVersioning, kVersioningColumns);
     m_sessionDataStore = std::make_unique<SQLiteDataStore>(m_database, kSessions, kSessionColumns);
@@ -293,7 +292,7 @@ SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath) {
             SprintfFormat("UPDATE %s SET %s = %i", kVersioning, "version", kSchemaVersion));
     }
     createIndexesUnlocked();
-    opening.commit("END TRANSACTION");
+    opening.commit();
 }
 
 SoftwareDiagEventDataStore::SoftwareDiagEventDataStore(String const& filePath,

@@ -33,6 +33,37 @@ TEST(DateTimeTest, TextRoundTripsAcrossDaylightSavingChanges) {
               3600);
 }
 
+TEST(DateTimeTest, LocalTimesFollowEveryChangeOfTzWithoutTheCallerAskingForIt) {
+    long long const t = 1588752000;  // 2020-05-06 08:00 UTC
+    auto local = [&] { return DateTime::fromUnixTimeStamp(t).toLocalTime().toString().str(); };
+    // What this machine's own zone says, worked out with the C library directly.
+    std::string machine;
+    {
+        test::ScopedEnv none("TZ", nullptr);
+        tzset();
+        std::time_t const raw = static_cast<std::time_t>(t);
+        std::tm parts{};
+        localtime_r(&raw, &parts);
+        char text[8];
+        std::strftime(text, sizeof text, "%H", &parts);
+        machine = text;
+    }
+    {
+        test::ScopedEnv zone("TZ", "Asia/Tokyo");
+        EXPECT_EQ(local(), "2020-05-06T17:00:00+09:00");
+        EXPECT_EQ(local(), "2020-05-06T17:00:00+09:00");  // unchanged TZ, same zone
+        {
+            test::ScopedEnv other("TZ", "America/New_York");
+            EXPECT_EQ(local(), "2020-05-06T04:00:00-04:00");
+            test::ScopedEnv empty("TZ", "");  // set but empty: UTC, unlike unset
+            EXPECT_EQ(local(), "2020-05-06T08:00:00+00:00");
+        }
+        EXPECT_EQ(local(), "2020-05-06T17:00:00+09:00");  // back to an earlier text
+        test::ScopedEnv none("TZ", nullptr);
+        EXPECT_EQ(local().substr(11, 2), machine);  // unset: the machine's zone again
+    }
+}
+
 TEST(DateTimeTest, KindsFieldsAndEquality) {
     test::ScopedEnv zone("TZ", "Europe/Berlin");
     tzset();

@@ -41,6 +41,13 @@ int main(int argc, char** argv) {
         }
         return 0;
     }
+    if (command == "lock" && argc == 4) {
+        // Waits for the mutex, says so in the file, and lets it go.
+        GlobalMutex mutex(argv[2]);
+        AutoGlobalMutex lock(mutex);
+        std::ofstream(argv[3]) << "locked";
+        return 0;
+    }
     if (command == "hold" && argc == 4) {
         GlobalMutex mutex(argv[2]);
         mutex.lock();

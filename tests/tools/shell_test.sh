@@ -22,8 +22,8 @@ trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 mkdir sub && touch custom.db notes.txt
 
-# "al" stops at "alert" in the shell: both "alert" and "alerts" are commands.
-expect "bash: command" "alert alerts" "$(bash_complete datastore al)"
+# The hidden single-alert command is not offered, so "al" completes to "alerts".
+expect "bash: command" "alerts" "$(bash_complete datastore al)"
 expect "bash: command" "alerts" "$(bash_complete datastore alerts)"
 expect "bash: commands by prefix" "scriptlets scripts" "$(bash_complete datastore scr)"
 expect "bash: subcommand" "set" "$(bash_complete datastore state s)"

@@ -7,6 +7,11 @@
 
 #include "Context.h"
 
+namespace zrn {
+class AppStateDataStore;
+class String;
+}  // namespace zrn
+
 namespace datastore {
 
 void addInfoCommand(CLI::App& app, Options& options);
@@ -32,5 +37,11 @@ std::string storeValidity(std::string const& path, Store store, zrn::ReadOnly co
 // store file at `path`, read through a read-only connection; empty when there is none.
 std::vector<std::string> storeDamage(std::string const& path, Store store,
                                      zrn::ReadOnly const& reader);
+
+// Replaces the application-state item `key` (removal, then insertion: items are never updated
+// in place) while holding the store's machine-wide mutex, so that another process replacing the
+// same item cannot slip its insertion in between and make ours fail. False if either step failed.
+bool replaceStateItem(zrn::AppStateDataStore& store, zrn::String const& key,
+                      zrn::String const& data, zrn::String const& group);
 
 }  // namespace datastore

@@ -11,6 +11,7 @@
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
+#include <libDataStore/StoreBatch.h>
 
 #include <cmath>
 #include <cstdio>
@@ -135,6 +136,9 @@ long long required(boost::optional<long long> const& id, char const* what) {
 
 void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& test, long long start,
              bool initialize) {
+    // One transaction per test, as a test runner should record: a few syncs instead of one set
+    // per row. The batch holds "event_store" only for the test's own operations.
+    zrn::StoreBatch batch(store);
     long long testId;
     if (initialize) {
         // A test that reports an initialisation phase before it runs.
@@ -173,6 +177,7 @@ void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& tes
     store.logTestRunEvent(testId, zrn::String(std::string("Finished: ") + test.result), "INFO",
                           "1001", "", at(start + 120));
     store.logTestFinished(testId, test.result, test.errorCode, at(start + 120));
+    batch.commit();
 }
 
 long long runScript(zrn::EventDataStore& store, long long appId, long long start,
@@ -334,8 +339,8 @@ std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataS
 
 void recordState(zrn::AppStateDataStore& store, std::string const& path, Day const& day) {
     auto put = [&](char const* key, std::string const& data, char const* group) {
-        // Items are never updated in place: the day's value replaces the previous one.
-        if (!store.remove(key) || !store.insert(key, zrn::String(data), group)) {
+        // The day's value replaces the previous one.
+        if (!replaceStateItem(store, key, zrn::String(data), group)) {
             storeFailure(path, std::string("cannot store '") + key + "'");
         }
     };

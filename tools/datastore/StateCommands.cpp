@@ -1,5 +1,6 @@
 // datastore state list|get|set|rm: application state items in appstate.db.
 
+#include <libCommon/GlobalMutex.h>
 #include <libDataStore/AppStateDataStore.h>
 
 #include <chrono>
@@ -9,6 +10,17 @@
 #include "Output.h"
 
 namespace datastore {
+
+bool replaceStateItem(zrn::AppStateDataStore& store, zrn::String const& key,
+                      zrn::String const& data, zrn::String const& group) {
+    // Items are never updated in place. The store's operations take this mutex themselves; it
+    // is re-entrant for this thread, so holding it here only widens the critical section to
+    // both steps.
+    zrn::GlobalMutex mutex("appstate_store");
+    zrn::AutoGlobalMutex hold(mutex);
+    if (store.contains(key) && !store.remove(key)) return false;
+    return store.insert(key, data, group);
+}
 
 namespace {
 
@@ -78,12 +90,8 @@ void set(Options const& options, StateArgs const& args) {
     std::string const path = recordingStorePath(options, Store::AppState);
     zrn::AppStateDataStore store = openStore(path);
     zrn::String const key(args.key);
-    // An item is never updated in place: replacing it is a removal and a new insertion.
-    if (store.contains(key) && !store.remove(key))
-        storeFailure(path, "cannot replace '" + args.key + "'");
-    if (!store.insert(key, zrn::String(args.value), zrn::String(args.group))) {
+    if (!replaceStateItem(store, key, zrn::String(args.value), zrn::String(args.group)))
         storeFailure(path, "cannot store '" + args.key + "'");
-    }
 }
 
 void remove(Options const& options, StateArgs const& args) {

@@ -38,3 +38,6 @@ execute_process(COMMAND ${HELP2MAN} --no-info --section=1 "--source=DataStore ${
         "--name=records and inspects the stores of the diagnostics suite"
         --include=${OUT}/commands.h2m --output=${OUT}/datastore.1 ${TOOL}
     COMMAND_ERROR_IS_FATAL ANY)
+# Installed compressed, as manual pages are on Debian; -n keeps the name and time out of the
+# header, so the same page gives the same bytes.
+execute_process(COMMAND gzip -9 -n -f -k ${OUT}/datastore.1 COMMAND_ERROR_IS_FATAL ANY)

@@ -81,6 +81,9 @@ public:
     bool checkValidity(String& error) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     using Table = SharedResource<PointerStorage<SQLiteDataStore>>;
 
     // The opened table. @throw Exception when the object holds none (its opening failed).

@@ -30,4 +30,5 @@
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>
+#include <libDataStore/StoreBatch.h>
 #include <libDataStore/TimeStamp.h>

@@ -253,12 +253,18 @@ public:
     PruneResult prunableBefore(EventTimePoint cutoff) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     using Database = SharedResource<PointerStorage<SQLite3Database>>;
 
     static Logger* logger();
 
     // Opens the connection and creates, migrates and indexes every table in one transaction.
     void createDataStores();
+    // The version row, the migration, the tables and their indexes, on `database`.
+    // REQUIRES: caller holds the "event_store" mutex, inside the opening transaction.
+    void createTablesUnlocked(Database const& database);
     // REQUIRES: caller holds the "event_store" mutex.
     int getVersionUnlocked() const;
     // Applies `columns` to the row of `idColumn` = `id` of `table`, or logs `missingMessage`

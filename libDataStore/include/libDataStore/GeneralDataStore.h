@@ -79,6 +79,9 @@ public:
     PruneResult prunableBefore(TimeStamp const& cutoff) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     using Database = SharedResource<PointerStorage<SQLite3Database>>;
 
     void createDataStores();
@@ -86,6 +89,8 @@ private:
     int getVersionUnlocked() const;
     long long getSetIDUnlocked(String const& typeUUID, String const& guid) const;
     long long getSetIDUnlocked(GenericLog const& log) const;
+    // REQUIRES: caller holds the "general_store" mutex, inside the transaction of logOrUpdate.
+    void writeKeyValuesUnlocked(GenericLog const& log, long long setId, String const& nowText);
 
     void closeUnlocked();
     static Logger* logger();

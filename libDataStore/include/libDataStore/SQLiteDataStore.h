@@ -58,6 +58,22 @@ public:
     // case; FULL when missing or anything else. Read afresh on every call.
     static SQLite3Database::SYNC_MODE dbSyncMode();
 
+    // SQLite's journal modes this layer can be asked for. DELETE is SQLite's own default.
+    enum JOURNAL_MODE { DELETE, TRUNCATE, PERSIST, WAL };
+    // The journal mode for every connection this layer opens for writing: setting
+    // "SQLiteDataStore.JournalMode" of section "libDataStore", "DELETE", "TRUNCATE", "PERSIST"
+    // or "WAL" in any case; DELETE when missing. Any other text logs a priority-3 warning and
+    // gives DELETE. Read afresh on every call.
+    static JOURNAL_MODE dbJournalMode();
+
+    // Opens a connection for writing to `dbFilePath` (created when missing) as every store
+    // does: in dbSyncMode(), then, unless dbJournalMode() is DELETE, with
+    // "PRAGMA journal_mode=<mode>" (not for an in-memory or temporary database, which has no
+    // file). With DELETE no statement beyond the connection's own is run, so a file is written
+    // exactly as without the setting. A mode SQLite does not take is logged ("114 ", warning).
+    // @throw DatabaseError when the file cannot be opened or the mode cannot be set.
+    static Database openDatabase(String const& dbFilePath);
+
     String const& tableName() const { return m_tableName; }
     OrderedHashTable<String, String> const& columns() const { return m_columns; }
     String const& dbFilePath() const;

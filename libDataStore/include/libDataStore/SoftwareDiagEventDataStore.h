@@ -146,6 +146,9 @@ public:
     PruneResult prunableBefore(TimeStamp const& cutoff) const;
 
 private:
+    // Takes the store's named mutex and joins its connection.
+    friend class StoreBatch;
+
     static Logger* logger();
 
     // REQUIRES: caller holds the "softwarediag_store" mutex.
