@@ -88,9 +88,10 @@ PruneResult run(SQLite3Database& database, std::vector<Step> const& steps, bool 
         return result;
     }
     {
-        // IMMEDIATE: the write lock is taken before the first read, so no other program can
-        // slip a row in between what a condition sees and what is removed.
-        Transaction transaction(database, "BEGIN IMMEDIATE");
+        // Every writer of the store holds its named mutex, as this does, so nothing can slip a
+        // row in between what a condition sees and what is removed. Inside a caller's
+        // StoreBatch this nests as a savepoint and the batch decides what reaches the file.
+        Transaction transaction(database, TransactionText::Begin);
         for (Step const& step : steps) {
             database.execute("DELETE FROM " + id(step.table) + " WHERE " + step.condition);
             result.tables.push_back({step.table, number("SELECT changes()")});
