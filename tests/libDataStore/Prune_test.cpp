@@ -7,6 +7,7 @@
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/PruneResult.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
+#include <libDataStore/StoreBatch.h>
 
 #include <chrono>
 #include <csignal>
@@ -197,6 +198,19 @@ TEST(PruneTest, EventStoreVacuumsOnRequestAndRollsBackOnFailure) {
     {
         RawDb raw(path);
         raw.exec("DROP TRIGGER refuse");
+    }
+    {
+        // Inside a caller's batch the prune is the batch's to keep or drop.
+        EventDataStore store(path);
+        {
+            StoreBatch batch(store);
+            EXPECT_EQ(store.pruneBefore(cutoff).rows("ApplicationRuns"), 2);
+            PruneOptions vacuum;
+            vacuum.vacuum = true;
+            EXPECT_THROW(store.pruneBefore(cutoff, vacuum), DatabaseError);
+        }
+        RawDb raw(path, true);
+        EXPECT_EQ(count(raw, "ApplicationRuns"), 4);
     }
     auto const sizeBefore = test::readFile(path).size();
     PruneOptions options;
