@@ -88,9 +88,10 @@ PruneResult run(SQLite3Database& database, std::vector<Step> const& steps, bool 
         return result;
     }
     {
-        // IMMEDIATE: the write lock is taken before the first read, so no other program can
-        // slip a row in between what a condition sees and what is removed.
-        Transaction transaction(database, TransactionText::BeginImmediate);
+        // Every writer of the store holds its named mutex, as this does, so nothing can slip a
+        // row in between what a condition sees and what is removed. Inside a caller's
+        // StoreBatch this nests as a savepoint and the batch decides what reaches the file.
+        Transaction transaction(database, TransactionText::Begin);
         for (Step const& step : steps) {
             database.execute("DELETE FROM " + id(step.table) + " WHERE " + step.condition);
             result.tables.push_back({step.table, number("SELECT changes()")});
@@ -140,7 +141,8 @@ std::vector<Step> eventSteps(long long cutoffSeconds) {
         underTest("TestRunTips", "dateTime"),
         {"TestRuns", testPruned(id("TestRuns"))},
         {"ScriptRuns", scriptPruned(scripts)},
-        // Specifications are shared by script runs; one goes when no kept run uses it.
+        // A script text (ScriptSpecs) is shared by the runs of that script; it goes when no
+        // kept run uses it.
         {"ScriptSpecs", "NOT EXISTS (SELECT 1 FROM " + scripts + " s2 WHERE " +
                             col("s2", "specId") + " = " + col(id("ScriptSpecs"), "specId") +
                             " AND NOT (" + scriptPruned("s2") + "))"},

@@ -36,19 +36,11 @@ String nestedSavepoint(SQLite3Database const& database) {
 }
 
 char const* beginText(TransactionText text) {
-    switch (text) {
-        case TransactionText::Begin:
-            return "BEGIN";
-        case TransactionText::BeginTransaction:
-            return "BEGIN TRANSACTION";
-        case TransactionText::BeginImmediate:
-            return "BEGIN IMMEDIATE";
-    }
-    return "BEGIN";
+    return text == TransactionText::Begin ? "BEGIN" : "BEGIN TRANSACTION";
 }
 
 char const* commitText(TransactionText text) {
-    return text == TransactionText::BeginTransaction ? "END TRANSACTION" : "COMMIT";
+    return text == TransactionText::Begin ? "COMMIT" : "END TRANSACTION";
 }
 
 }  // namespace

@@ -13,9 +13,6 @@ namespace zrn {
 enum class TransactionText {
     Begin,             // "BEGIN" … "COMMIT"
     BeginTransaction,  // "BEGIN TRANSACTION" … "END TRANSACTION"
-    // "BEGIN IMMEDIATE" … "COMMIT": the write lock from the first statement on, for an
-    // operation whose reads decide what it writes.
-    BeginImmediate,
 };
 
 // A savepoint of a given name, for a step that must be undone on its own inside a transaction.

@@ -7,9 +7,15 @@
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/PruneResult.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
+#include <libDataStore/StoreBatch.h>
 
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <future>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -193,6 +199,19 @@ TEST(PruneTest, EventStoreVacuumsOnRequestAndRollsBackOnFailure) {
         RawDb raw(path);
         raw.exec("DROP TRIGGER refuse");
     }
+    {
+        // Inside a caller's batch the prune is the batch's to keep or drop.
+        EventDataStore store(path);
+        {
+            StoreBatch batch(store);
+            EXPECT_EQ(store.pruneBefore(cutoff).rows("ApplicationRuns"), 2);
+            PruneOptions vacuum;
+            vacuum.vacuum = true;
+            EXPECT_THROW(store.pruneBefore(cutoff, vacuum), DatabaseError);
+        }
+        RawDb raw(path, true);
+        EXPECT_EQ(count(raw, "ApplicationRuns"), 4);
+    }
     auto const sizeBefore = test::readFile(path).size();
     PruneOptions options;
     options.vacuum = true;
@@ -304,6 +323,39 @@ TEST(PruneTest, SoftwareDiagStoreRemovesOldSessionsWithEverythingInThem) {
               0);
     EXPECT_EQ(orphans(raw, "Issues_FixActions", "issueId", "Issues", "issueId"), 0);
     EXPECT_EQ(orphans(raw, "Issues_FixActions", "fixActionId", "FixActions", "fixActionId"), 0);
+}
+
+TEST(PruneTest, WaitsForAnotherProcessHoldingTheStoresMutex) {
+    TempDir dir;
+    // The default lock folder: a process's named mutexes keep the folder of their first use,
+    // so one chosen here would not reach the mutex the earlier tests already used.
+    std::string const path = dir.file("genstore.db");
+    GeneralDataStore store(path);
+    LogKeyValueSet keyValues;
+    keyValues.append(LogKeyValue("a", "1"));
+    ASSERT_TRUE(store.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0, keyValues)));
+
+    std::string const ready = dir.file("ready");
+    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "general_store", ready});
+    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(std::filesystem::exists(ready));
+    // Everything is older than a cutoff in the future.
+    auto pruning = std::async(std::launch::async, [&] {
+        return store.pruneBefore(
+            TimeStamp(TimeStamp::getCurrentUTCTimeStamp().getUnixTimeStamp() + kDay));
+    });
+    EXPECT_EQ(pruning.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
+    {
+        RawDb raw(path, true);
+        EXPECT_EQ(count(raw, "GenericLog"), 1);
+    }
+    ::kill(holder, SIGKILL);
+    test::waitProcess(holder, 5);
+    ASSERT_EQ(pruning.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    PruneResult const result = pruning.get();
+    EXPECT_EQ(result.rows("GenericLog"), 1);
+    EXPECT_EQ(result.rows("KeyValues"), 1);
 }
 
 }  // namespace

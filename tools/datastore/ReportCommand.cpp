@@ -115,7 +115,7 @@ std::string table(std::vector<std::string> const& headers,
 struct Chart {
     std::string id;
     std::string title;
-    Json spec;
+    Json config;
 };
 
 std::string canvas(Chart const& chart) {
@@ -261,11 +261,11 @@ void report(Options const& options, ReportArgs const& args) {
         libraryFailure(path, "cannot read: ", e);
     }
 
-    Json specs = Json::array();
+    Json configs = Json::array();
     for (auto const& chart : charts) {
-        Json spec = chart.spec;
-        spec["id"] = chart.id;
-        specs.push_back(spec);
+        Json config = chart.config;
+        config["id"] = chart.id;
+        configs.push_back(config);
     }
     std::string const period =
         (range.since > 0 ? "from " + localTime(range.since) : std::string("from the start")) +
@@ -286,7 +286,7 @@ void report(Options const& options, ReportArgs const& args) {
          << "<p>Store " << html(path) << ", " << html(period) << "; made "
          << html(localTime(std::time(nullptr))) << " by datastore " << DATASTORE_VERSION
          << ".</p>\n"
-         << body << "<script type=\"application/json\" id=\"report-data\">" << scriptJson(specs)
+         << body << "<script type=\"application/json\" id=\"report-data\">" << scriptJson(configs)
          << "</script>\n<script>\n"
          << library << "\n</script>\n"
          << R"(<script>
@@ -294,17 +294,17 @@ void report(Options const& options, ReportArgs const& args) {
   var charts = JSON.parse(document.getElementById('report-data').textContent);
   var palette = ['#1f77b4', '#d62728', '#2ca02c', '#ff7f0e', '#9467bd', '#8c564b', '#e377c2'];
   var drawn = 0;
-  charts.forEach(function (spec) {
-    var canvas = document.getElementById(spec.id);
-    spec.datasets.forEach(function (set, i) {
+  charts.forEach(function (config) {
+    var canvas = document.getElementById(config.id);
+    config.datasets.forEach(function (set, i) {
       set.backgroundColor = palette[i % palette.length];
       set.borderColor = palette[i % palette.length];
     });
     // Bars count things: whole numbers from zero.
     var counts = {beginAtZero: true, ticks: {precision: 0}};
-    var scales = spec.stacked ? {x: {stacked: true}, y: Object.assign({stacked: true}, counts)}
-                              : {y: spec.type === 'bar' ? counts : {}};
-    new Chart(canvas, {type: spec.type, data: {labels: spec.labels, datasets: spec.datasets},
+    var scales = config.stacked ? {x: {stacked: true}, y: Object.assign({stacked: true}, counts)}
+                              : {y: config.type === 'bar' ? counts : {}};
+    new Chart(canvas, {type: config.type, data: {labels: config.labels, datasets: config.datasets},
                        options: {animation: false, responsive: false, scales: scales}});
     // Drawn means pixels on the canvas, not merely a chart object.
     var pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;

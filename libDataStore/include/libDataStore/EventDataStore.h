@@ -247,7 +247,7 @@ public:
     // already missing goes when its own time is before `cutoff`, so no row is left without
     // its owner. One transaction under the "event_store" mutex; then VACUUM if asked.
     // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
-    // failing VACUUM comes after the commit).
+    // failing VACUUM comes after the commit; VACUUM cannot run inside a StoreBatch).
     PruneResult pruneBefore(EventTimePoint cutoff, PruneOptions const& options = PruneOptions());
     // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
     PruneResult prunableBefore(EventTimePoint cutoff) const;

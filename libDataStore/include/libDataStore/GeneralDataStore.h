@@ -73,7 +73,7 @@ public:
     // whose log is missing, when written before `cutoff`). One transaction under the
     // "general_store" mutex; then VACUUM if asked. Nothing, when the store is not initialized.
     // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
-    // failing VACUUM comes after the commit).
+    // failing VACUUM comes after the commit; VACUUM cannot run inside a StoreBatch).
     PruneResult pruneBefore(TimeStamp const& cutoff, PruneOptions const& options = PruneOptions());
     // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
     PruneResult prunableBefore(TimeStamp const& cutoff) const;

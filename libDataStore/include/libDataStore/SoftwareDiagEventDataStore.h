@@ -140,7 +140,7 @@ public:
     // whose session is missing go when their own start is before `cutoff`). One transaction
     // under the "softwarediag_store" mutex; then VACUUM if asked.
     // @throw DatabaseError on a SQL failure or a read-only store: nothing is removed (a
-    // failing VACUUM comes after the commit).
+    // failing VACUUM comes after the commit; VACUUM cannot run inside a StoreBatch).
     PruneResult pruneBefore(TimeStamp const& cutoff, PruneOptions const& options = PruneOptions());
     // What pruneBefore(cutoff) would remove, counted in one read; changes nothing.
     PruneResult prunableBefore(TimeStamp const& cutoff) const;
