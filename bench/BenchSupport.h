@@ -3,6 +3,7 @@
 // Helpers for benchmarks that compare the library with raw sqlite3 on the same statements.
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -149,7 +150,10 @@ inline long peakMemoryKiB(std::function<void()> const& work) {
             }
             return -1L;
         };
-        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM to the current size
+        // Memory this process freed earlier but kept would be reused without showing: give it
+        // back first, then reset VmHWM to the current size.
+        ::malloc_trim(0);
+        std::ofstream("/proc/self/clear_refs") << "5";
         long const before = status("VmRSS:");
         work();
         long const peak = status("VmHWM:") - before;

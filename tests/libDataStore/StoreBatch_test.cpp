@@ -53,9 +53,16 @@ protected:
     test::ScopedEnv m_locks{"ZRN_LOCK_DIR", lockFolder().c_str()};
 
     static std::string const& lockFolder() {
-        static std::string const folder =
-            testing::TempDir() + "zrn-storebatch-locks-" + std::to_string(::getpid());
-        return folder;
+        // Removed when the process ends.
+        static struct Folder {
+            std::string path =
+                testing::TempDir() + "zrn-storebatch-locks-" + std::to_string(::getpid());
+            ~Folder() {
+                std::error_code ignored;
+                std::filesystem::remove_all(path, ignored);
+            }
+        } const folder;
+        return folder.path;
     }
     std::string const m_events = m_dir.file("event.db");
 };

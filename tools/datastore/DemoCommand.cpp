@@ -4,7 +4,9 @@
 // Each run records a new day: the first the latest day that is over (today once it is past
 // 17:00, else yesterday), every later one the day before the earliest application run
 // already stored. The machine's devices, tests and script keep their GUIDs from day to day,
-// so days can be compared; alerts, logs, restore points and repairs get new ones.
+// so days can be compared; alerts, logs, restore points and repairs get new ones. Each test,
+// and each store's other records, go in as one StoreBatch, as a program that records a day
+// should write them.
 
 #include <libCommon/DateTime.h>
 #include <libDataStore/AppStateDataStore.h>
@@ -261,6 +263,8 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
     // Somebody follows up the disk.
     store.markAlertAsTracked(alerts[0].guid);
 
+    // The rest of the day's records as one batch: a handful of syncs rather than one set each.
+    zrn::StoreBatch rest(store);
     // Hourly measurements over the working day.
     for (int hour = 9; hour < 17; ++hour) {
         double const load = std::sin((hour - 9) * 0.45);
@@ -291,6 +295,7 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
                              at(day.at(14, 11)));
 
     store.logAppStop(app, at(day.at(16, 45)));
+    rest.commit();
     return recorded;
 }
 
@@ -298,6 +303,7 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
 
 std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataStore& store,
                                                                std::string const& path) {
+    zrn::StoreBatch batch(store);
     auto keyValues = [](std::vector<std::pair<char const*, char const*>> const& pairs) {
         zrn::LogKeyValueSet set;
         for (auto const& [key, value] : pairs) set.append(zrn::LogKeyValue(key, value));
@@ -332,12 +338,14 @@ std::vector<std::pair<std::string, std::string>> recordGeneral(zrn::GeneralDataS
     driverLog.setTracked(true);
     log(driverLog);
     recorded.emplace_back(kInventoryType, driver);
+    batch.commit();
     return recorded;
 }
 
 // ---- appstate.db
 
 void recordState(zrn::AppStateDataStore& store, std::string const& path, Day const& day) {
+    zrn::StoreBatch batch(store);
     auto put = [&](char const* key, std::string const& data, char const* group) {
         // The day's value replaces the previous one.
         if (!replaceStateItem(store, key, zrn::String(data), group)) {
@@ -353,6 +361,7 @@ void recordState(zrn::AppStateDataStore& store, std::string const& path, Day con
     put("scheduler.nextRun",
         zrn::DateTime::fromUnixTimeStamp(day.at(33, 0)).toLocalTime().toString().str(),
         "scheduler");
+    batch.commit();
 }
 
 // ---- softwarediagevent.db
@@ -361,6 +370,7 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
     auto check = [&](bool done, char const* what) {
         if (!done) storeFailure(path, std::string("cannot record ") + what);
     };
+    zrn::StoreBatch batch(store);  // the whole session, as the repair tool runs it
     check(store.logSessionStarted(), "the session");
     zrn::SessionLog const session = store.getLastSessionLog();
     check(store.logRunTransactionStarted(session), "the run transaction");
@@ -414,6 +424,7 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
     }
     store.logFixTransactionFinished(fixTransaction);
     store.logSessionFinished(session);
+    batch.commit();
     return session;
 }
 
