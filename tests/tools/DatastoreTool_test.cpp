@@ -24,41 +24,15 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "ToolRun.h"
 
 namespace zrn {
 namespace {
 
 using Json = nlohmann::json;
 
-struct ToolRun {
-    int code = -1;
-    std::string out;
-    std::string err;
-
-    // Every line of standard output as one JSON object.
-    std::vector<Json> records() const {
-        std::vector<Json> result;
-        std::istringstream lines(out);
-        for (std::string line; std::getline(lines, line);) {
-            Json record = Json::parse(line);
-            EXPECT_TRUE(record.is_object()) << line;
-            result.push_back(std::move(record));
-        }
-        return result;
-    }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> result;
-        std::istringstream stream(out);
-        for (std::string line; std::getline(stream, line);) result.push_back(line);
-        return result;
-    }
-};
-
-std::string quoted(std::string const& text) {
-    std::string result = "'";
-    for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return result + "'";
-}
+using test::quoted;
+using test::ToolRun;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
@@ -91,14 +65,7 @@ protected:
                       " /dev/null </dev/null";
         }
 
-        ToolRun run;
-        FILE* pipe = ::popen(command.c_str(), "r");
-        if (!pipe) return run;
-        char buffer[4096];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-            run.out.append(buffer, n);
-        int const status = ::pclose(pipe);
-        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        ToolRun run = test::runShell(command);
         run.err = test::readFile(errFile);
         if (columns > 0)
             run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
@@ -506,14 +473,9 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
                             " 2>&1 || echo failed";
     std::string const loop = "for i in $(seq 30); do " + set + "; done";
     std::string const both = "(" + loop + ") & (" + loop + ") & wait";
-    FILE* pipe = ::popen(("sh -c " + quoted(both)).c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string out;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, n);
-    EXPECT_EQ(::pclose(pipe), 0);
-    EXPECT_EQ(out, "");
+    ToolRun const race = test::runShell("sh -c " + quoted(both));
+    EXPECT_EQ(race.code, 0);
+    EXPECT_EQ(race.out, "");
     EXPECT_TRUE(state.contains("race"));
 }
 
@@ -606,13 +568,9 @@ std::vector<std::vector<std::string>> csvRows(test::TempDir const& dir, std::str
         "python3 -c 'import csv, json, sys; print(json.dumps(list(csv.reader(open(sys.argv[1], "
         "newline=\"\"), delimiter=sys.argv[2]))))' " +
         quoted(file) + " " + quoted(std::string(1, delimiter));
-    FILE* pipe = ::popen(command.c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        out.append(buffer, n);
-    EXPECT_EQ(::pclose(pipe), 0);
-    return Json::parse(out).get<std::vector<std::vector<std::string>>>();
+    ToolRun const run = test::runShell(command);
+    EXPECT_EQ(run.code, 0);
+    return Json::parse(run.out).get<std::vector<std::vector<std::string>>>();
 }
 
 TEST_F(DatastoreToolTest, TerminalTablesFitEightyColumnsAndNeverCutIdentifiers) {
@@ -935,14 +893,7 @@ std::map<std::string, std::pair<std::string, long long>> snapshot(std::string co
 
 // Runs a shell command line; standard error into `errFile`.
 ToolRun shell(std::string const& command, std::string const& errFile) {
-    ToolRun run;
-    FILE* pipe = ::popen((command + " 2>" + quoted(errFile)).c_str(), "r");
-    if (!pipe) return run;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        run.out.append(buffer, n);
-    int const status = ::pclose(pipe);
-    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    ToolRun run = test::runShell(command + " 2>" + quoted(errFile));
     run.err = test::readFile(errFile);
     return run;
 }

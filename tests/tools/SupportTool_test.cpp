@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "ToolRun.h"
 
 namespace zrn {
 namespace {
@@ -24,24 +25,8 @@ namespace {
 using Json = nlohmann::json;
 using test::RawDb;
 
-struct ToolRun {
-    int code = -1;
-    std::string out;
-    std::string err;
-
-    std::vector<Json> records() const {
-        std::vector<Json> result;
-        std::istringstream lines(out);
-        for (std::string line; std::getline(lines, line);) result.push_back(Json::parse(line));
-        return result;
-    }
-};
-
-std::string quoted(std::string const& text) {
-    std::string result = "'";
-    for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return result + "'";
-}
+using test::quoted;
+using test::ToolRun;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 
@@ -94,14 +79,7 @@ protected:
                               " " + quoted(DATASTORE_TOOL);
         for (auto const& arg : args) command += " " + quoted(arg);
         command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
-        ToolRun run;
-        FILE* pipe = ::popen(command.c_str(), "r");
-        if (!pipe) return run;
-        char buffer[4096];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-            run.out.append(buffer, n);
-        int const status = ::pclose(pipe);
-        run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        ToolRun run = test::runShell(command);
         run.err = test::readFile(m_dir.file("stderr.txt"));
         return run;
     }
