@@ -21,10 +21,15 @@ void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
     out.reserve(out.size() + text.byteSize() + 2);
     out += quote;
-    for (char c : text.str()) {
-        if (c == quote) out += quote;
-        out += c;
+    // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
+    std::string const& in = text.str();
+    std::size_t start = 0;
+    for (std::size_t at = in.find(quote); at != std::string::npos; at = in.find(quote, start)) {
+        out.append(in, start, at + 1 - start);
+        out += quote;
+        start = at + 1;
     }
+    out.append(in, start, std::string::npos);
     out += quote;
 }
 

@@ -5,6 +5,7 @@
 
 #include <libCommon/HashTable.h>
 #include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
 #include <libCommon/String.h>
 #include <libDataStore/EventRecords.h>
 
@@ -120,14 +121,13 @@ inline bool isZero(EventTimePoint time) { return time.time_since_epoch().count()
 // row, the row has no cell or the cell is empty.
 long long firstNumber(ResultSet const& result, long long fallback, unsigned row = 0);
 
-// One record per row, in row order, each made by `make(row)`: the one reader loop.
+// One record per row of `statement` on `database`, in row order, each made by `make(row)` as
+// SQLite steps to the row: the one reader loop. No copy of the whole result is held, so a long
+// list costs its records and nothing more. The caller holds the store's lock.
 template <class Record, class Make>
-std::vector<Record> records(ResultSet const& result, Make make) {
+std::vector<Record> records(SQLite3Database& database, String const& statement, Make make) {
     std::vector<Record> out;
-    out.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        out.push_back(make(result.row(static_cast<int>(i))));
-    }
+    database.forEachRow(statement, [&](ResultSetRow const& row) { out.push_back(make(row)); });
     return out;
 }
 
