@@ -1,5 +1,6 @@
 #include "SqlText.h"
 
+#include <libCommon/Assert.h>
 #include <libCommon/SprintfFormat.h>
 #include <libCommon/ZRNValue.h>
 #include <libDataStore/TimeStamp.h>
@@ -68,6 +69,26 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
         }
         appendIdentifier(names, entry.first);
         appendValue(values, entry.second);
+    }
+}
+
+ColumnOrder::ColumnOrder(std::initializer_list<char const*> columns) {
+    HashTable<String, String> row;
+    std::size_t index = 0;
+    for (char const* column : columns) row.insert(column, String(std::to_string(index++)));
+    for (auto const& entry : row) {
+        m_order.push_back(static_cast<std::size_t>(std::stoul(entry.second.str())));
+        if (!m_names.empty()) m_names += module::comma().str();
+        appendIdentifier(m_names, entry.first);
+    }
+}
+
+void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> values) const {
+    ZRN_ASSERT(values.size() == m_order.size(), "sql::ColumnOrder");
+    String const* const first = values.begin();
+    for (std::size_t i = 0; i < m_order.size(); ++i) {
+        if (i) out += module::comma().str();
+        appendValue(out, first[m_order[i]]);
     }
 }
 

@@ -54,6 +54,29 @@ std::string identifierList(std::initializer_list<char const*> columns);
 void columnAndValueLists(HashTable<String, String> const& row, std::string& names,
                          std::string& values);
 
+// The columns of a fixed row in the order a statement lists them. A row built as a
+// HashTable<String, String> (32 buckets) lists its columns in the table's iteration order, which
+// depends only on the keys and the order they went in; this computes that order once, by
+// building such a table, so that rows of these columns need no table of their own and come out
+// in the same statement byte for byte. Keep one per column set (a function-local static).
+class ColumnOrder {
+public:
+    // The columns in the order the row's entries would be inserted.
+    ColumnOrder(std::initializer_list<char const*> columns);
+
+    std::size_t size() const { return m_order.size(); }
+    // "`a`,`b`": the quoted column names in statement order.
+    std::string const& names() const { return m_names; }
+    // Appends "'x','y'": `values` (given in the insertion order of the columns) quoted, in
+    // statement order. There must be one value per column.
+    void appendValues(std::string& out, std::initializer_list<String> values) const;
+
+private:
+    // For each position in the statement, the index of its column in the insertion order.
+    std::vector<std::size_t> m_order;
+    std::string m_names;
+};
+
 // ---- Statements and clauses --------------------------------------------------------------
 
 // "INSERT INTO <table> (<columns>) VALUES(<values>);" with nothing added: the table, the
