@@ -261,6 +261,9 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
 void RowWriter::append(SQLiteDataStore& table, sql::ColumnOrder const& order,
                        std::initializer_list<String> values) {
     std::string list;
+    std::size_t bytes = 0;
+    for (String const& value : values) bytes += value.byteSize() + 3;  // quotes and a comma
+    list.reserve(bytes);
     order.appendValues(list, values);
     table.appendLists(order.size(), order.names(), list);
 }
