@@ -437,11 +437,125 @@ void diagnosticsDay(benchmark::State& state) {
     }
 }
 
+// ---- Same statements: the library against sqlite3_exec of exactly what it ran ------------
+//
+// `DiagnosticsDay_bench --same-statements` records ZRN_BENCH_DAYS days (default 7) with the
+// library as it is, at SyncMode OFF, while every statement SQLite runs is traced with the
+// connection it ran on. It then records the same days again untraced in fresh files
+// (measuredLibraryDays) and replays the traced statements with sqlite3_exec on one raw
+// connection per library connection, in fresh files (replayStatements). Counting the
+// instructions of each, e.g.
+//   valgrind --tool=callgrind --toggle-collect='*measuredLibraryDays*' DiagnosticsDay_bench ...
+//   valgrind --tool=callgrind --toggle-collect='*replayStatements*' DiagnosticsDay_bench ...
+// gives the library's own cost on top of SQLite's as a ratio that the machine's load does not
+// change. Wall-clock times of both are printed too.
+
+struct TracedStatement {
+    std::size_t connection;
+    std::string sql;
+};
+
+struct StatementTrace {
+    std::map<sqlite3*, std::size_t> connections;
+    std::vector<std::string> files;  // per connection, in order of first statement
+    std::vector<TracedStatement> statements;
+};
+
+StatementTrace* g_trace = nullptr;
+
+int traceStatement(unsigned /*type*/, void* /*context*/, void* statement, void* text) {
+    if (!g_trace) return 0;
+    sqlite3* const db = sqlite3_db_handle(static_cast<sqlite3_stmt*>(statement));
+    auto const found = g_trace->connections.emplace(db, g_trace->files.size());
+    if (found.second) {
+        char const* file = sqlite3_db_filename(db, "main");
+        g_trace->files.emplace_back(file ? file : "");
+    }
+    auto const* sql = static_cast<char const*>(text);
+    if (sql[0] == '-' && sql[1] == '-') return 0;  // a trigger's body, run by its statement
+    g_trace->statements.push_back(TracedStatement{found.first->second, sql});
+    return 0;
+}
+
+int attachTrace(sqlite3* db, char const** /*error*/, sqlite3_api_routines const* /*api*/) {
+    sqlite3_trace_v2(db, SQLITE_TRACE_STMT, traceStatement, nullptr);
+    return SQLITE_OK;
+}
+
+void recordDays(std::string const& folder, int days) {
+    LibraryStores stores(folder);
+    for (int d = 0; d < days; ++d) libraryDay(stores, 1700000000LL + 86400LL * d, Batching::None);
+}
+
+__attribute__((noinline)) void measuredLibraryDays(std::string const& folder, int days) {
+    recordDays(folder, days);
+}
+
+__attribute__((noinline)) void replayStatements(StatementTrace const& trace,
+                                                std::string const& tracedFolder,
+                                                std::string const& folder) {
+    std::vector<sqlite3*> connections;
+    for (std::string const& file : trace.files) {
+        std::string path = ":memory:";
+        if (!file.empty()) path = folder + file.substr(tracedFolder.size());
+        sqlite3* db = nullptr;
+        sqlite3_open_v2(path.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr);
+        sqlite3_busy_timeout(db, 30000);
+        connections.push_back(db);
+    }
+    for (TracedStatement const& statement : trace.statements) {
+        char* error = nullptr;
+        // Every cell read as text, as the library reads them.
+        sqlite3_exec(
+            connections[statement.connection], statement.sql.c_str(),
+            [](void*, int columns, char** cells, char**) {
+                for (int i = 0; i < columns; ++i) benchmark::DoNotOptimize(cells[i]);
+                return 0;
+            },
+            nullptr, &error);
+        if (error) {
+            std::fprintf(stderr, "replay: %s in: %s\n", error, statement.sql.c_str());
+            sqlite3_free(error);
+        }
+    }
+    for (sqlite3* db : connections) sqlite3_close_v2(db);
+}
+
+int sameStatements() {
+    int days = 7;
+    if (char const* text = std::getenv("ZRN_BENCH_DAYS")) days = std::max(1, std::atoi(text));
+    bench::Scratch scratch("same");
+    scratch.useSettings("OFF");
+    StatementTrace trace;
+    std::string const traced = scratch.folder("traced");
+    g_trace = &trace;
+    sqlite3_auto_extension(reinterpret_cast<void (*)(void)>(&attachTrace));
+    recordDays(traced, days);
+    sqlite3_cancel_auto_extension(reinterpret_cast<void (*)(void)>(&attachTrace));
+    g_trace = nullptr;
+
+    auto const start = Clock::now();
+    measuredLibraryDays(scratch.folder("library"), days);
+    auto const middle = Clock::now();
+    replayStatements(trace, traced, scratch.folder("raw"));
+    auto const end = Clock::now();
+    std::printf(
+        "%d days: %zu statements on %zu connections; library %.1f ms, "
+        "sqlite3_exec of the same statements %.1f ms\n",
+        days, trace.statements.size(), trace.files.size(),
+        std::chrono::duration<double, std::milli>(middle - start).count(),
+        std::chrono::duration<double, std::milli>(end - middle).count());
+    return 0;
+}
+
 }  // namespace
 }  // namespace zrn
 
 int main(int argc, char** argv) {
     using namespace zrn;
+    if (argc > 1 && std::string(argv[1]) == "--same-statements") return sameStatements();
     bench::Scratch scratch("day");
     std::vector<std::unique_ptr<LibraryStores>> libraries;
     std::vector<std::unique_ptr<HandWritten>> handWritten;

@@ -156,7 +156,15 @@ void SQLite3Database::fail(char const* what, int code) const {
     throw DatabaseError(String(std::move(message)));
 }
 
-void SQLite3Database::execute(String const& sql, ResultSet* result) {
+void SQLite3Database::execute(String const& sql, ResultSet* result) { run(sql, result, nullptr); }
+
+void SQLite3Database::forEachRow(String const& sql,
+                                 std::function<void(ResultSetRow const&)> const& onRow) {
+    run(sql, nullptr, &onRow);
+}
+
+void SQLite3Database::run(String const& sql, ResultSet* result,
+                          std::function<void(ResultSetRow const&)> const* onRow) {
     std::shared_lock<std::shared_mutex> handle(m_handleMutex);
     if (!m_db) {
         throw DatabaseError("SQLite database '" + m_path + "': the connection is closed");
@@ -185,33 +193,54 @@ void SQLite3Database::execute(String const& sql, ResultSet* result) {
     // SQLite prepare the statement again inside step, and "SELECT *" may then have more columns.
     bool described = false;
     int columns = 0;
+    ResultSetRow streamed(nullptr, {});
     auto describe = [&] {
         described = true;
         columns = sqlite3_column_count(raw);
-        if (!result) return;
+        if (!result && !onRow) return;
         std::vector<String> names;
         names.reserve(static_cast<std::size_t>(columns));
         for (int i = 0; i < columns; ++i) {
             char const* name = sqlite3_column_name(raw, i);
             names.emplace_back(name ? name : "");
         }
-        result->reset(std::move(names));
+        if (result) {
+            result->reset(std::move(names));
+        } else {
+            streamed.m_columnNames = std::make_shared<std::vector<String> const>(std::move(names));
+            streamed.m_cells.resize(static_cast<std::size_t>(columns));
+        }
     };
 
     while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
         if (!described) describe();
-        if (!result) continue;
-        std::vector<String> cells;
-        cells.reserve(static_cast<std::size_t>(columns));
-        for (int i = 0; i < columns; ++i) {
-            auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
-            if (text) {
-                cells.emplace_back(text, static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
-            } else {
-                cells.emplace_back();
+        if (result) {
+            std::vector<String> cells;
+            cells.reserve(static_cast<std::size_t>(columns));
+            for (int i = 0; i < columns; ++i) {
+                auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
+                if (text) {
+                    cells.emplace_back(text,
+                                       static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
+                } else {
+                    cells.emplace_back();
+                }
             }
+            result->addRow(std::move(cells));
+        } else if (onRow) {
+            // The cells keep their storage from row to row: no allocation per cell once the
+            // longest text of each column has been seen.
+            for (int i = 0; i < columns; ++i) {
+                auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
+                String& cell = streamed.m_cells[static_cast<std::size_t>(i)];
+                if (text) {
+                    cell.assign(text, static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
+                } else {
+                    cell.clear();
+                }
+            }
+            (*onRow)(streamed);
         }
-        result->addRow(std::move(cells));
     }
     if (rc != SQLITE_DONE) fail("statement failed", rc);
     if (!described) describe();

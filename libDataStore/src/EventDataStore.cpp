@@ -12,6 +12,7 @@
 #include "EventStoreText.h"
 #include "ModuleState.h"
 #include "ReaderLock.h"
+#include "RowWriter.h"
 #include "SqlText.h"
 #include "StoreSupport.h"
 #include "Transaction.h"
@@ -527,30 +528,23 @@ void EventDataStore::logTestFinished(long long testId, String const& result,
 void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
                                      String const& eventCode, String const& customerEventCode,
                                      EventTimePoint time) {
-    HashTable<String, String> row;
-    row.insert("testId", sql::number(testId));
-    row.insert("message", message);
-    row.insert("type", type);
-    row.insert("eventCode", eventCode);
-    row.insert("customerEventCode", customerEventCode);
-    row.insert("dateTime", sql::seconds(time));
+    static sql::ColumnOrder const columns{"testId",    "message",           "type",
+                                          "eventCode", "customerEventCode", "dateTime"};
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    m_eventDataStore->append(row);
+    RowWriter::append(
+        *m_eventDataStore, columns,
+        {sql::number(testId), message, type, eventCode, customerEventCode, sql::seconds(time)});
 }
 
 void EventDataStore::logTestRunTip(long long testId, String const& key, String const& type,
                                    String const& title, String const& text,
                                    String const& extendedText, EventTimePoint time) {
-    HashTable<String, String> row;
-    row.insert("testId", sql::number(testId));
-    row.insert("key", key);
-    row.insert("type", type);
-    row.insert("title", title);
-    row.insert("text", text);
-    row.insert("extended_text", extendedText);
-    row.insert("dateTime", sql::seconds(time));
+    static sql::ColumnOrder const columns{"testId", "key",           "type",    "title",
+                                          "text",   "extended_text", "dateTime"};
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
-    m_testRunTipsDataStore->append(row);
+    RowWriter::append(
+        *m_testRunTipsDataStore, columns,
+        {sql::number(testId), key, type, title, text, extendedText, sql::seconds(time)});
 }
 
 // ---- Alerts ------------------------------------------------------------------------------
@@ -583,18 +577,12 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
         }
     }
 
-    HashTable<String, String> row;
-    row.insert("appId", sql::number(alert.appId));
-    row.insert("guid", alert.guid);
-    row.insert("key", alert.key);
-    row.insert("type", alert.type);
-    row.insert("title", alert.title);
-    row.insert("message", alert.message);
-    row.insert("deviceName", alert.deviceName);
-    row.insert("dateTime", sql::seconds(alert.time));
     // Written although the column defaults to 1: a new alert is not tracked yet.
-    row.insert("tracked", "0");
-    m_alertDataStore->append(row);
+    static sql::ColumnOrder const columns{"appId",   "guid",       "key",      "type",   "title",
+                                          "message", "deviceName", "dateTime", "tracked"};
+    RowWriter::append(*m_alertDataStore, columns,
+                      {sql::number(alert.appId), alert.guid, alert.key, alert.type, alert.title,
+                       alert.message, alert.deviceName, sql::seconds(alert.time), "0"});
     long long const alertId = database.lastInsertId();
     logAt(logger(), TRACE, [&] {
         return LoggerStream() + "1224 " + "logAlerts() guid: " + alert.guid +
@@ -604,15 +592,11 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     storeAlertKeyValues(alertId, alert.keyValues);
     String const id = sql::number(alertId);
     for (TipResultLog const& tip : alert.tips) {
-        HashTable<String, String> tipRow;
-        tipRow.insert("alertId", id);
-        tipRow.insert("key", tip.key());
-        tipRow.insert("type", tip.type());
-        tipRow.insert("title", tip.title());
-        tipRow.insert("text", tip.text());
-        tipRow.insert("extended_text", tip.extendedText());
-        tipRow.insert("dateTime", sql::seconds(tip.timeStamp()));
-        m_alertTipsDataStore->append(tipRow);
+        static sql::ColumnOrder const columns{"alertId", "key",           "type",    "title",
+                                              "text",    "extended_text", "dateTime"};
+        RowWriter::append(*m_alertTipsDataStore, columns,
+                          {id, tip.key(), tip.type(), tip.title(), tip.text(), tip.extendedText(),
+                           sql::seconds(tip.timeStamp())});
     }
 }
 
@@ -704,14 +688,10 @@ void EventDataStore::logScriptletResult(long long appId, String const& key, Stri
     }
     if (previous == result) return;
 
-    HashTable<String, String> row;
-    row.insert("appId", sql::number(appId));
-    row.insert("scriptletKey", key);
-    row.insert("category", category);
-    row.insert("result", result);
-    row.insert("status", status);
-    row.insert("dateTime", sql::seconds(time));
-    m_scriptletDataStore->append(row);
+    static sql::ColumnOrder const columns{"appId",  "scriptletKey", "category",
+                                          "result", "status",       "dateTime"};
+    RowWriter::append(*m_scriptletDataStore, columns,
+                      {sql::number(appId), key, category, result, status, sql::seconds(time)});
 }
 
 void EventDataStore::logProfilerDiff(long long appId, String const& category, long long time,

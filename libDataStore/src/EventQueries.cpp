@@ -106,6 +106,12 @@ void EventDataStore::query(String const& statement, ResultSet& result) const {
     m_appDataStore->database()->execute(statement, &result);
 }
 
+template <class Record, class Make>
+std::vector<Record> EventDataStore::records(String const& statement, Make make) const {
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
+    return sql::records<Record>(*m_appDataStore->database(), statement, make);
+}
+
 long long EventDataStore::aggregate(String const& statement) const {
     ResultSet result;
     query(statement, result);
@@ -120,10 +126,8 @@ bool EventDataStore::appCell(long long appId, char const* column, String& value)
 }
 
 std::vector<TestRunResultLog> EventDataStore::testRuns(String const& statement) const {
-    ResultSet result;
-    query(statement, result);
     SQLite3Database& database = *m_testRunDataStore->database();
-    return sql::records<TestRunResultLog>(result, [&](ResultSetRow const& row) {
+    return records<TestRunResultLog>(statement, [&](ResultSetRow const& row) {
         return TestRunResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
                                 row.columnValue(2), row.columnValue(3), row.columnValue(4),
                                 row.columnValue(5), row.columnValue(6), row.columnValue(7),
@@ -133,9 +137,7 @@ std::vector<TestRunResultLog> EventDataStore::testRuns(String const& statement) 
 }
 
 std::vector<TipResultLog> EventDataStore::tips(String const& statement) const {
-    ResultSet result;
-    query(statement, result);
-    return sql::records<TipResultLog>(result, [&](ResultSetRow const& row) {
+    return records<TipResultLog>(statement, [&](ResultSetRow const& row) {
         return TipResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
                             row.columnValue(3), row.columnValue(4),
                             sql::timePoint(row.columnValue(5)));
@@ -143,9 +145,7 @@ std::vector<TipResultLog> EventDataStore::tips(String const& statement) const {
 }
 
 std::vector<TestRunEventResultLog> EventDataStore::events(String const& statement) const {
-    ResultSet result;
-    query(statement, result);
-    return sql::records<TestRunEventResultLog>(result, [&](ResultSetRow const& row) {
+    return records<TestRunEventResultLog>(statement, [&](ResultSetRow const& row) {
         return TestRunEventResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
                                      row.columnValue(3), sql::timePoint(row.columnValue(4)));
     });
@@ -252,9 +252,7 @@ std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<Ev
     statement += " ORDER BY s." + id("startTime").str() + " DESC";
     statement += sql::limit(limit);
 
-    ResultSet result;
-    query(String(std::move(statement)), result);
-    return sql::records<ScriptResultLog>(result, [&](ResultSetRow const& row) {
+    return records<ScriptResultLog>(String(std::move(statement)), [&](ResultSetRow const& row) {
         return ScriptResultLog(
             String::strToInt64(row.columnValue(0), 10), row.columnValue(1), row.columnValue(2),
             sql::timePoint(row.columnValue(3)), sql::timePoint(row.columnValue(4)),
@@ -318,9 +316,7 @@ std::vector<AlertKeyValueResultLog> EventDataStore::alertKeyValueResultLogs(
     logAt(logger(), TRACE, [&] {
         return LoggerStream() + "2095 " + "alertKeyValueResultLogs SQL Command: " + statement;
     });
-    ResultSet result;
-    query(statement, result);
-    return sql::records<AlertKeyValueResultLog>(result, [&](ResultSetRow const& row) {
+    return records<AlertKeyValueResultLog>(statement, [&](ResultSetRow const& row) {
         return AlertKeyValueResultLog(row.columnValue(0), row.columnValue(1));
     });
 }
@@ -339,9 +335,7 @@ std::vector<AlertResultLog> EventDataStore::alertResultLogs(EventTimePoint from,
                              id("dateTime") + " DESC" + module::comma() + id("rowid") + " DESC" +
                              sql::limit(limit);
 
-    ResultSet result;
-    query(statement, result);
-    return sql::records<AlertResultLog>(result, [&](ResultSetRow const& row) {
+    return records<AlertResultLog>(statement, [&](ResultSetRow const& row) {
         return AlertResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
                               row.columnValue(2), row.columnValue(3), row.columnValue(4),
                               row.columnValue(5), row.columnValue(6),
@@ -361,9 +355,7 @@ std::vector<ProfilerDiffLog> EventDataStore::profilerDiffLogs(EventTimePoint fro
         " FROM " + id("ProfilerDiffs") + where.text() + orderDescending("dateTime") +
         sql::limit(limit);
 
-    ResultSet result;
-    query(statement, result);
-    return sql::records<ProfilerDiffLog>(result, [&](ResultSetRow const& row) {
+    return records<ProfilerDiffLog>(statement, [&](ResultSetRow const& row) {
         return ProfilerDiffLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
                                row.columnValue(3));
     });
@@ -393,9 +385,7 @@ std::vector<ScriptletResultLog> EventDataStore::scriptletResultLogs(
     statement += " ORDER BY " + column("dateTime") + " DESC" + module::comma() +
                  id("scriptletKey") + " DESC" + sql::limit(limit);
 
-    ResultSet result;
-    query(statement, result);
-    return sql::records<ScriptletResultLog>(result, [&](ResultSetRow const& row) {
+    return records<ScriptletResultLog>(statement, [&](ResultSetRow const& row) {
         return ScriptletResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
                                   row.columnValue(3), sql::timePoint(row.columnValue(4)));
     });
@@ -415,9 +405,7 @@ std::vector<MeasurementLog> EventDataStore::measurementLogs(EventTimePoint from,
         " FROM " + id("Measurements") + where.text() + " ORDER BY " + id("spanMiddleTime") +
         " ASC" + sql::limit(limit);
 
-    ResultSet result;
-    query(statement, result);
-    return sql::records<MeasurementLog>(result, [&](ResultSetRow const& row) {
+    return records<MeasurementLog>(statement, [&](ResultSetRow const& row) {
         return MeasurementLog(
             row.columnValue(0), sql::timePoint(row.columnValue(1)),
             sql::timePoint(row.columnValue(2)), sql::timePoint(row.columnValue(3)),

@@ -331,15 +331,15 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
         m_database->execute(statement, &result);
         for (unsigned int i = 0; i < result.rowCount(); ++i) {
             ResultSetRow const& row = result.row(static_cast<int>(i));
-            ResultSet stored;
-            m_database->execute("SELECT * from " + sql::identifier(kKeyValueTable) + " WHERE " +
-                                    sql::identifier("setID") + " = " +
-                                    sql::value(row.columnValue(0)),
-                                &stored);
+            // The outer result stays held (these queries run on the same connection while it
+            // is read); the key-values of each log are made as they are stepped to.
             LogKeyValueSet keyValues;
-            for (unsigned int k = 0; k < stored.rowCount(); ++k) {
-                keyValues.append(LogKeyValue::fromDbRow(stored.row(static_cast<int>(k))));
-            }
+            m_database->forEachRow("SELECT * from " + sql::identifier(kKeyValueTable) + " WHERE " +
+                                       sql::identifier("setID") + " = " +
+                                       sql::value(row.columnValue(0)),
+                                   [&](ResultSetRow const& stored) {
+                                       keyValues.append(LogKeyValue::fromDbRow(stored));
+                                   });
             logs.append(GenericLog::fromDbRow(row, keyValues));
         }
     } catch (Exception const& e) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "ModuleState.h"
+#include "RowWriter.h"
 #include "SqlText.h"
 #include "StoreSupport.h"
 
@@ -251,7 +252,24 @@ bool SQLiteDataStore::checkValidity(String& error) const {
 // ---- Row operations ----------------------------------------------------------------------
 
 void SQLiteDataStore::append(HashTable<String, String> const& row) {
-    std::size_t const n = row.size();
+    std::string names;
+    std::string values;
+    sql::columnAndValueLists(row, names, values);
+    appendLists(row.size(), names, values);
+}
+
+void RowWriter::append(SQLiteDataStore& table, sql::ColumnOrder const& order,
+                       std::initializer_list<String> values) {
+    std::string list;
+    std::size_t bytes = 0;
+    for (String const& value : values) bytes += value.byteSize() + 3;  // quotes and a comma
+    list.reserve(bytes);
+    order.appendValues(list, values);
+    table.appendLists(order.size(), order.names(), list);
+}
+
+void SQLiteDataStore::appendLists(std::size_t n, std::string const& names,
+                                  std::string const& values) {
     std::size_t const c = m_columns.size();
     if (n > c) {
         String const message = "Cannot append data to " + dbFilePath() + " table: " + m_tableName +
@@ -268,12 +286,15 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
         });
     }
 
-    std::string names;
-    std::string values;
-    sql::columnAndValueLists(row, names, values);
     std::string statement = "INSERT OR REPLACE INTO ";
+    statement.reserve(statement.size() + m_tableName.byteSize() + names.size() + values.size() +
+                      16);
     sql::appendIdentifier(statement, m_tableName);
-    statement += " (" + names + ") VALUES(" + values + ")";
+    statement += " (";
+    statement += names;
+    statement += ") VALUES(";
+    statement += values;
+    statement += ")";
     String const text(std::move(statement));
     logAt(logger(), TRACE, [&] { return LoggerStream() + "227 " + "Append SQL Command: " + text; });
     connection().execute(text);

@@ -483,13 +483,12 @@ void SoftwareDiagEventDataStore::query(String const& statement, ResultSet& resul
 
 template <class Record>
 LogList<Record> SoftwareDiagEventDataStore::records(String const& statement) const {
-    ResultSet result;
-    query(statement, result);
+    // Each record is made as SQLite steps to its row, under the mutex: no copy of the whole
+    // result is held next to the list.
+    StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     LogList<Record> logs;
-    logs.reserve(result.rowCount());
-    for (unsigned int i = 0; i < result.rowCount(); ++i) {
-        logs.append(Record::fromDbRow(result.row(static_cast<int>(i))));
-    }
+    m_database->forEachRow(statement,
+                           [&](ResultSetRow const& row) { logs.append(Record::fromDbRow(row)); });
     return logs;
 }
 

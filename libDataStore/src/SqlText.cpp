@@ -1,5 +1,6 @@
 #include "SqlText.h"
 
+#include <libCommon/Assert.h>
 #include <libCommon/SprintfFormat.h>
 #include <libCommon/ZRNValue.h>
 #include <libDataStore/TimeStamp.h>
@@ -21,10 +22,15 @@ void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
     out.reserve(out.size() + text.byteSize() + 2);
     out += quote;
-    for (char c : text.str()) {
-        if (c == quote) out += quote;
-        out += c;
+    // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
+    std::string const& in = text.str();
+    std::size_t start = 0;
+    for (std::size_t at = in.find(quote); at != std::string::npos; at = in.find(quote, start)) {
+        out.append(in, start, at + 1 - start);
+        out += quote;
+        start = at + 1;
     }
+    out.append(in, start, std::string::npos);
     out += quote;
 }
 
@@ -63,6 +69,26 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
         }
         appendIdentifier(names, entry.first);
         appendValue(values, entry.second);
+    }
+}
+
+ColumnOrder::ColumnOrder(std::initializer_list<char const*> columns) {
+    HashTable<String, String> row;
+    std::size_t index = 0;
+    for (char const* column : columns) row.insert(column, String(std::to_string(index++)));
+    for (auto const& entry : row) {
+        m_order.push_back(static_cast<std::size_t>(std::stoul(entry.second.str())));
+        if (!m_names.empty()) m_names += module::comma().str();
+        appendIdentifier(m_names, entry.first);
+    }
+}
+
+void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> values) const {
+    ZRN_ASSERT(values.size() == m_order.size(), "sql::ColumnOrder");
+    String const* const first = values.begin();
+    for (std::size_t i = 0; i < m_order.size(); ++i) {
+        if (i) out += module::comma().str();
+        appendValue(out, first[m_order[i]]);
     }
 }
 

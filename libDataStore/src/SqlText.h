@@ -5,6 +5,7 @@
 
 #include <libCommon/HashTable.h>
 #include <libCommon/ResultSet.h>
+#include <libCommon/SQLite3Database.h>
 #include <libCommon/String.h>
 #include <libDataStore/EventRecords.h>
 
@@ -52,6 +53,29 @@ std::string identifierList(std::initializer_list<char const*> columns);
 // in the row's own iteration order: "`a`,`b`" and "'x','y'".
 void columnAndValueLists(HashTable<String, String> const& row, std::string& names,
                          std::string& values);
+
+// The columns of a fixed row in the order a statement lists them. A row built as a
+// HashTable<String, String> (32 buckets) lists its columns in the table's iteration order, which
+// depends only on the keys and the order they went in; this computes that order once, by
+// building such a table, so that rows of these columns need no table of their own and come out
+// in the same statement byte for byte. Keep one per column set (a function-local static).
+class ColumnOrder {
+public:
+    // The columns in the order the row's entries would be inserted.
+    ColumnOrder(std::initializer_list<char const*> columns);
+
+    std::size_t size() const { return m_order.size(); }
+    // "`a`,`b`": the quoted column names in statement order.
+    std::string const& names() const { return m_names; }
+    // Appends "'x','y'": `values` (given in the insertion order of the columns) quoted, in
+    // statement order. There must be one value per column.
+    void appendValues(std::string& out, std::initializer_list<String> values) const;
+
+private:
+    // For each position in the statement, the index of its column in the insertion order.
+    std::vector<std::size_t> m_order;
+    std::string m_names;
+};
 
 // ---- Statements and clauses --------------------------------------------------------------
 
@@ -120,14 +144,13 @@ inline bool isZero(EventTimePoint time) { return time.time_since_epoch().count()
 // row, the row has no cell or the cell is empty.
 long long firstNumber(ResultSet const& result, long long fallback, unsigned row = 0);
 
-// One record per row, in row order, each made by `make(row)`: the one reader loop.
+// One record per row of `statement` on `database`, in row order, each made by `make(row)` as
+// SQLite steps to the row: the one reader loop. No copy of the whole result is held, so a long
+// list costs its records and nothing more. The caller holds the store's lock.
 template <class Record, class Make>
-std::vector<Record> records(ResultSet const& result, Make make) {
+std::vector<Record> records(SQLite3Database& database, String const& statement, Make make) {
     std::vector<Record> out;
-    out.reserve(result.rowCount());
-    for (unsigned i = 0; i < result.rowCount(); ++i) {
-        out.push_back(make(result.row(static_cast<int>(i))));
-    }
+    database.forEachRow(statement, [&](ResultSetRow const& row) { out.push_back(make(row)); });
     return out;
 }
 

@@ -50,6 +50,61 @@ TEST(SQLite3DatabaseTest, ResultsArriveAsTextByIndexAndByName) {
     EXPECT_EQ(result.rowCount(), 0u);
 }
 
+// The streamed form sees the same cells as the held one: a longer text after a shorter one
+// and a NULL after a text in the same column must not leave bytes of the row before.
+TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
+    SQLite3Database db(":memory:", SQLite3Database::OFF);
+    db.execute("CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, n INTEGER)");
+    db.execute("INSERT INTO t (name, n) VALUES ('a much longer name than the next', 1)");
+    db.execute("INSERT INTO t (name, n) VALUES ('b', NULL)");
+    db.execute("INSERT INTO t (name, n) VALUES (NULL, 3)");
+    db.execute("INSERT INTO t (name, n) VALUES ('O''Brien', 4)");
+
+    std::string const select = "SELECT id, name, n FROM t ORDER BY id";
+    ResultSet held;
+    db.execute(select, &held);
+    std::vector<std::vector<std::string>> streamed;
+    db.forEachRow(select, [&](ResultSetRow const& row) {
+        EXPECT_EQ(row.columnValue("name").str(), row.columnValue(1).str());
+        std::vector<std::string> cells;
+        for (unsigned i = 0; i < row.columnCount(); ++i) {
+            cells.push_back(row.columnValue(static_cast<int>(i)).str());
+        }
+        streamed.push_back(cells);
+    });
+    ASSERT_EQ(streamed.size(), held.rowCount());
+    for (unsigned r = 0; r < held.rowCount(); ++r) {
+        ASSERT_EQ(streamed[r].size(), held.row(static_cast<int>(r)).columnCount());
+        for (unsigned c = 0; c < streamed[r].size(); ++c) {
+            EXPECT_EQ(streamed[r][c],
+                      held.row(static_cast<int>(r)).columnValue(static_cast<int>(c)).str())
+                << "row " << r << " cell " << c;
+        }
+    }
+    EXPECT_EQ(streamed[1][1], "b");
+    EXPECT_EQ(streamed[2][1], "");
+    EXPECT_EQ(streamed[3][1], "O'Brien");
+
+    // The same refusals as execute(), and a throwing callback ends the statement: the
+    // connection is free for the next one (an unfinished statement would keep the table
+    // locked against the DROP).
+    EXPECT_NE(errorOf([&] {
+                  db.forEachRow("SELECT 1; DELETE FROM t", [](ResultSetRow const&) {});
+              }).find("more than one statement"),
+              std::string::npos);
+    int seen = 0;
+    EXPECT_THROW(db.forEachRow(select,
+                               [&](ResultSetRow const&) {
+                                   if (++seen == 2) throw Exception("stop");
+                               }),
+                 Exception);
+    EXPECT_EQ(seen, 2);
+    db.execute("DROP TABLE t");
+    db.close();
+    EXPECT_NE(errorOf([&] { db.forEachRow(select, [](ResultSetRow const&) {}); }).find("closed"),
+              std::string::npos);
+}
+
 TEST(SQLite3DatabaseTest, RefusesASecondStatementAndRunsNothingOfIt) {
     test::TempDir dir;
     SQLite3Database db(dir.file("a.db"), SQLite3Database::FULL);

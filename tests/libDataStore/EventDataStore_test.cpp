@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <libCommon/Exception.h>
+#include <libCommon/HashTable.h>
 #include <libDataStore/EventDataStore.h>
 #include <sys/stat.h>
 
@@ -598,9 +599,34 @@ TEST_F(EventDataStoreTest, TestRunsEventsAndTipsReadBack) {
     std::vector<std::string> const appends =
         log.messagesStartingWith("libDataStore.SQLiteDataStore", "227 Append SQL Command: ");
     ASSERT_EQ(appends.size(), 2u);
-    EXPECT_EQ(appends[0].find("INSERT OR REPLACE INTO `TestRunEvents` ("), 24u);
-    EXPECT_NE(appends[0].find("'it''s hot'"), std::string::npos);
-    EXPECT_NE(appends[1].find("`extended_text`"), std::string::npos);
+    // Columns in the order a HashTable row of these entries, inserted in this order, lists
+    // them: the order these statements have always had.
+    auto const expected = [](char const* table,
+                             std::vector<std::pair<char const*, char const*>> const& cells) {
+        HashTable<String, String> row;
+        for (auto const& cell : cells) row.insert(cell.first, cell.second);
+        std::string names;
+        std::string values;
+        for (auto const& entry : row) {
+            names += (names.empty() ? "`" : ",`") + entry.first.str() + "`";
+            values += (values.empty() ? "" : ",") + entry.second.str();
+        }
+        return "227 Append SQL Command: INSERT OR REPLACE INTO `" + std::string(table) + "` (" +
+               names + ") VALUES(" + values + ")";
+    };
+    EXPECT_EQ(appends[0], expected("TestRunEvents", {{"testId", "'99'"},
+                                                     {"message", "'it''s hot'"},
+                                                     {"type", "'warning'"},
+                                                     {"eventCode", "'E1'"},
+                                                     {"customerEventCode", "'C''1'"},
+                                                     {"dateTime", "'1007'"}}));
+    EXPECT_EQ(appends[1], expected("TestRunTips", {{"testId", "'1'"},
+                                                   {"key", "'k''ey'"},
+                                                   {"type", "'type'"},
+                                                   {"title", "'title'"},
+                                                   {"text", "'text ✓'"},
+                                                   {"extended_text", "'more text'"},
+                                                   {"dateTime", "'1008'"}}));
     EXPECT_TRUE(log.messagesStartingWith("libDataStore.SQLiteDataStore", "204 ").empty());
 }
 

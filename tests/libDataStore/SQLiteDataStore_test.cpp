@@ -190,6 +190,8 @@ TEST_F(SQLiteDataStoreTest, ValuesRoundTripThroughTheFileUnchanged) {
     SQLiteDataStore store(String(m_path), "t", kColumns);
     std::string const tricky[] = {"O'Brien",
                                   "''",
+                                  "'",
+                                  "'a'b''c'",
                                   "Grüße 世界 😀",
                                   "a\nb\tc",
                                   "",

@@ -21,6 +21,9 @@ public:
     String const& columnValue(String const& columnName) const;
 
 private:
+    // Refills one row object in place for every row of a streamed statement.
+    friend class SQLite3Database;
+
     std::shared_ptr<std::vector<String> const> m_columnNames;
     std::vector<String> m_cells;
 };

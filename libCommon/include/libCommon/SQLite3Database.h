@@ -3,6 +3,7 @@
 #include <libCommon/Export.h>
 #include <libCommon/String.h>
 
+#include <functional>
 #include <memory>
 #include <shared_mutex>
 
@@ -11,6 +12,7 @@ struct sqlite3;
 namespace zrn {
 
 class ResultSet;
+class ResultSetRow;
 
 // One connection to one SQLite database file (or an in-memory database).
 //
@@ -62,6 +64,12 @@ public:
     // with null the rows are discarded. Throws DatabaseError on any failure, also when the
     // connection is closed.
     void execute(String const& sql, ResultSet* result = nullptr);
+    // Runs exactly one statement as execute() does (same checks, same failures) and hands each
+    // returned row to `onRow` as SQLite steps to it, so a long result is never held whole in
+    // memory. The row object is reused for every row: it is valid only during the call, and
+    // its cells read as with execute(). An exception from `onRow` ends the statement and
+    // propagates. `onRow` must not use this connection.
+    void forEachRow(String const& sql, std::function<void(ResultSetRow const&)> const& onRow);
 
     // The rowid of the last row inserted through this connection.
     long long lastInsertId() const;
@@ -84,6 +92,10 @@ private:
     void open(SYNC_MODE syncMode, CHARACTER_ENCODING encoding, CREATE_MODE createMode,
               ACCESS_MODE accessMode);
     [[noreturn]] void fail(char const* what, int code) const;
+    // The one statement loop behind execute() and forEachRow(): rows go to `result` when it is
+    // given, else to `onRow` when that is given, else nowhere.
+    void run(String const& sql, ResultSet* result,
+             std::function<void(ResultSetRow const&)> const* onRow);
 
     String m_path;
     // Statements hold it shared for as long as they use the handle, close() exclusively: a

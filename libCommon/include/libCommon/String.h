@@ -57,6 +57,13 @@ public:
     std::string const& str() const { return m_text; }
     char const* c_str() const { return m_text.c_str(); }
 
+    // Replaces the text with `bytes` bytes at `text`, keeping the storage already held.
+    String& assign(char const* text, std::size_t bytes) {
+        m_text.assign(text, bytes);
+        return *this;
+    }
+    void clear() { m_text.clear(); }
+
     String& append(char const* text);
     String& append(String const& text);
     String& operator+=(char const* text) { return append(text); }

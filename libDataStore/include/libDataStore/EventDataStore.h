@@ -286,6 +286,10 @@ private:
                              std::vector<std::pair<String, String>> const& keyValues);
     // Runs `statement` on the store's connection under the mutex.
     void query(String const& statement, ResultSet& result) const;
+    // One record per row of `statement`, each made by `make(row)` as the row is read, under
+    // the mutex (held until the last record is made).
+    template <class Record, class Make>
+    std::vector<Record> records(String const& statement, Make make) const;
     // The first cell of `statement`'s first row parsed as a number; 0 when there is none.
     long long aggregate(String const& statement) const;
     // A per-run lookup: the cell of `column` of run `appId`, or false when the run is missing.

@@ -126,6 +126,11 @@ public:
     unsigned int getUniqueIdForColumn(String const& column) const;
 
 private:
+    // The library's own fixed-column rows come in through it with their lists made already.
+    friend class RowWriter;
+
+    // append() once the row's column and value lists are made: `columns` entries.
+    void appendLists(std::size_t columns, std::string const& names, std::string const& values);
     void buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path);
     void init();
     // The two halves of init(): ALTER TABLE for each declared column the file's table lacks,
