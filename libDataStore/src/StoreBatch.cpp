@@ -8,6 +8,7 @@
 #include <libDataStore/SQLiteDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
+#include <memory>
 #include <optional>
 
 #include "ModuleState.h"
@@ -47,23 +48,24 @@ SQLiteDataStore::Database tableConnection(SQLiteDataStore const* table) {
 }  // namespace
 
 StoreBatch::StoreBatch(EventDataStore& store)
-    : m_state(new State(module::eventStoreMutex(), tableConnection(store.m_versionDataStore.get()),
-                        store.m_reader != nullptr)) {}
+    : m_state(std::make_unique<State>(module::eventStoreMutex(),
+                                      tableConnection(store.m_versionDataStore.get()),
+                                      store.m_reader != nullptr)) {}
 
 StoreBatch::StoreBatch(GeneralDataStore& store)
-    : m_state(new State(module::generalStoreMutex(),
-                        store.m_initialized ? store.m_database : SQLiteDataStore::Database(),
-                        store.m_reader != nullptr)) {}
+    : m_state(std::make_unique<State>(
+          module::generalStoreMutex(),
+          store.m_initialized ? store.m_database : SQLiteDataStore::Database(),
+          store.m_reader != nullptr)) {}
 
 StoreBatch::StoreBatch(SoftwareDiagEventDataStore& store)
-    : m_state(new State(module::softwareDiagStoreMutex(), store.m_database,
-                        store.m_reader != nullptr)) {}
+    : m_state(std::make_unique<State>(module::softwareDiagStoreMutex(), store.m_database,
+                                      store.m_reader != nullptr)) {}
 
 StoreBatch::StoreBatch(AppStateDataStore& store)
-    : m_state(new State(
-          module::appStateStoreMutex(),
-          store.m_table ? tableConnection(store.m_table.get()) : SQLiteDataStore::Database(),
-          store.m_reader != nullptr)) {}
+    : m_state(std::make_unique<State>(module::appStateStoreMutex(),
+                                      tableConnection(store.m_table.get()),
+                                      store.m_reader != nullptr)) {}
 
 StoreBatch::~StoreBatch() = default;
 
