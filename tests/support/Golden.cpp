@@ -1,0 +1,191 @@
+#include "Golden.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#ifndef ZRN_GOLDEN_DIR
+#error "ZRN_GOLDEN_DIR names the folder of the golden files"
+#endif
+
+namespace zrn {
+namespace test {
+
+namespace {
+
+bool updating() {
+    char const* value = std::getenv("DATASTORE_UPDATE_GOLDEN");
+    return value && *value && std::string(value) != "0";
+}
+
+std::string unifiedDiff(std::string const& goldenPath, std::string const& actual) {
+    std::string const actualPath =
+        ::testing::TempDir() + "zrn-golden-actual-" + std::to_string(::getpid()) + ".txt";
+    writeFile(actualPath, actual);
+    std::string const command = "diff -u --label golden/" +
+                                std::filesystem::path(goldenPath).filename().string() +
+                                " --label actual '" + goldenPath + "' '" + actualPath + "' 2>&1";
+    std::string output;
+    if (FILE* pipe = ::popen(command.c_str(), "r")) {
+        char buffer[4096];
+        size_t n;
+        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
+        ::pclose(pipe);
+    }
+    std::remove(actualPath.c_str());
+    return output;
+}
+
+// Text of one cell for the schema dump.
+std::string cellText(sqlite3_stmt* statement, int column) {
+    if (sqlite3_column_type(statement, column) == SQLITE_NULL) return "<NULL>";
+    auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(statement, column));
+    return text ? text : "";
+}
+
+// One line per row, cells joined by " | ".
+std::string rowsText(sqlite3* db, std::string const& sql, std::string const& indent) {
+    std::string out;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+        return indent + "error: " + sqlite3_errmsg(db) + "\n";
+    }
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        out += indent;
+        for (int c = 0; c < sqlite3_column_count(statement); ++c) {
+            if (c) out += " | ";
+            out += cellText(statement, c);
+        }
+        out += "\n";
+    }
+    sqlite3_finalize(statement);
+    return out;
+}
+
+std::vector<std::string> column(sqlite3* db, std::string const& sql, int index) {
+    std::vector<std::string> values;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) return values;
+    while (sqlite3_step(statement) == SQLITE_ROW) values.push_back(cellText(statement, index));
+    sqlite3_finalize(statement);
+    return values;
+}
+
+// A name inside double quotes, for PRAGMA arguments and queries of the dump only.
+std::string quoted(std::string const& name) {
+    std::string out = "\"";
+    for (char c : name) {
+        if (c == '"') out += '"';
+        out += c;
+    }
+    return out + "\"";
+}
+
+}  // namespace
+
+void expectGolden(std::string const& name, std::string const& actual) {
+    std::string const path = std::string(ZRN_GOLDEN_DIR) + "/" + name;
+    if (updating()) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        writeFile(path, actual);
+        return;
+    }
+    if (!std::filesystem::exists(path)) {
+        ADD_FAILURE() << "no golden file " << path
+                      << " (run scripts/update-golden.sh to write it, then review it)";
+        return;
+    }
+    if (readFile(path) != actual) {
+        ADD_FAILURE() << "differs from the golden file " << path << ":\n"
+                      << unifiedDiff(path, actual)
+                      << "(a deliberate change: scripts/update-golden.sh, then review the diff)";
+    }
+}
+
+std::string schemaText(std::string const& path, std::vector<std::string> const& contentTables) {
+    RawDb db(path, true);
+    std::ostringstream out;
+    out << "# sqlite_master (type | name | tbl_name | sql)\n"
+        << rowsText(db.handle(),
+                    "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY rowid", "  ");
+    for (auto const& table :
+         column(db.handle(), "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY rowid",
+                0)) {
+        out << "# table " << table << "\n"
+            << "  table_info (cid | name | type | notnull | dflt_value | pk)\n"
+            << rowsText(db.handle(), "PRAGMA table_info(" + quoted(table) + ")", "    ")
+            << "  index_list (seq | name | unique | origin | partial)\n"
+            << rowsText(db.handle(), "PRAGMA index_list(" + quoted(table) + ")", "    ");
+        for (auto const& index :
+             column(db.handle(), "PRAGMA index_list(" + quoted(table) + ")", 1)) {
+            out << "  index_info " << index << " (seqno | cid | name)\n"
+                << rowsText(db.handle(), "PRAGMA index_info(" + quoted(index) + ")", "    ");
+        }
+    }
+    for (auto const& table : contentTables) {
+        out << "# rows of " << table << "\n"
+            << rowsText(db.handle(), "SELECT * FROM " + quoted(table) + " ORDER BY rowid", "  ");
+    }
+    return out.str();
+}
+
+// ---- Catalogue ------------------------------------------------------------------------------
+
+Catalogue::Catalogue() : m_log(1) {}
+
+void Catalogue::replace(std::string from, std::string to) {
+    collect();
+    m_replacements.emplace_back(std::move(from), std::move(to));
+}
+
+void Catalogue::rewrite(std::function<std::string(std::string)> rewrite) {
+    collect();
+    m_rewrites.push_back(std::move(rewrite));
+}
+
+std::string Catalogue::clean(std::string text) const {
+    for (auto const& [from, to] : m_replacements) {
+        if (from.empty()) continue;
+        for (size_t at = text.find(from); at != std::string::npos;
+             at = text.find(from, at + to.size())) {
+            text.replace(at, from.size(), to);
+        }
+    }
+    for (auto const& rewrite : m_rewrites) text = rewrite(std::move(text));
+    return text;
+}
+
+void Catalogue::collect() {
+    for (auto const& statement : m_trace.statements()) m_statements += clean(statement) + "\n";
+    m_trace.clear();
+    for (auto const& entry : m_log.entries()) {
+        m_messages += std::to_string(entry.priority) + " " + entry.logger + ": " +
+                      clean(entry.message) + "\n";
+    }
+    m_log.clear();
+}
+
+void Catalogue::step(std::string const& title) {
+    collect();
+    m_statements += "## " + title + "\n";
+    m_messages += "## " + title + "\n";
+}
+
+std::string Catalogue::statements() {
+    collect();
+    return m_statements;
+}
+
+std::string Catalogue::messages() {
+    collect();
+    return m_messages;
+}
+
+}  // namespace test
+}  // namespace zrn
