@@ -4,11 +4,19 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cxxabi.h>
+#include <libCommon/DateTime.h>
+#include <libCommon/Exception.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <regex>
 #include <sstream>
+#include <typeinfo>
 
 #ifndef ZRN_GOLDEN_DIR
 #error "ZRN_GOLDEN_DIR names the folder of the golden files"
@@ -87,6 +95,28 @@ std::string quoted(std::string const& name) {
     return out + "\"";
 }
 
+// Every match of `pattern` for which `isNow` holds becomes `placeholder`.
+std::string replaceMatches(std::string const& text, std::regex const& pattern,
+                           std::function<bool(std::string const&)> const& isNow,
+                           std::string const& placeholder) {
+    std::string out;
+    auto last = text.cbegin();
+    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) {
+        out.append(last, text.cbegin() + it->position(1));
+        out += isNow(it->str(1)) ? placeholder : it->str(1);
+        last = text.cbegin() + it->position(1) + it->length(1);
+    }
+    out.append(last, text.cend());
+    return out;
+}
+
+std::string demangled(char const* name) {
+    int status = 0;
+    std::unique_ptr<char, void (*)(void*)> text(
+        abi::__cxa_demangle(name, nullptr, nullptr, &status), std::free);
+    return status == 0 && text ? text.get() : name;
+}
+
 }  // namespace
 
 void expectGolden(std::string const& name, std::string const& actual) {
@@ -147,6 +177,39 @@ void Catalogue::replace(std::string from, std::string to) {
 void Catalogue::rewrite(std::function<std::string(std::string)> rewrite) {
     collect();
     m_rewrites.push_back(std::move(rewrite));
+}
+
+void Catalogue::replaceCurrentTimes() {
+    long long const start = static_cast<long long>(std::time(nullptr)) - 1;
+    auto const isNow = [start](long long seconds) {
+        return seconds >= start && seconds <= static_cast<long long>(std::time(nullptr)) + 1;
+    };
+    rewrite([isNow](std::string text) {
+        static std::regex const seconds("(?:^|[^0-9])([0-9]{10})(?![0-9])");
+        static std::regex const dateTime(
+            "([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[+-][0-9]{2}:[0-9]{2})");
+        text = replaceMatches(
+            text, dateTime,
+            [&](std::string const& t) { return isNow(DateTime(String(t)).unixTimeStamp()); },
+            "<now-text>");
+        return replaceMatches(
+            text, seconds, [&](std::string const& t) { return isNow(std::stoll(t)); }, "<now>");
+    });
+}
+
+void Catalogue::note(std::string const& text) {
+    collect();
+    m_messages += "> " + clean(text) + "\n";
+}
+
+void Catalogue::noteThrow(std::function<void()> const& action) {
+    try {
+        action();
+    } catch (Exception const& e) {
+        note("throws " + demangled(typeid(e).name()) + ": " + e.getMessage().str());
+        return;
+    }
+    note("returns");
 }
 
 std::string Catalogue::clean(std::string text) const {

@@ -46,6 +46,19 @@ public:
     void replace(std::string from, std::string to);
     // A general rewrite, applied after the plain replacements.
     void rewrite(std::function<std::string(std::string)> rewrite);
+    // From now on, the times that say when the workload ran become placeholders: Unix seconds
+    // (ten digits standing alone) become "<now>" and date-time texts such as
+    // "2026-11-25T10:46:36+01:00" become "<now-text>", but only those that fall between this
+    // call and the moment they are collected (a second of slack either side), so fixed times
+    // of the workload stay as they are.
+    void replaceCurrentTimes();
+
+    // A line of the workload's own ("> <text>") under the current heading of the messages:
+    // an error text or an exception message that the library returns instead of logging.
+    void note(std::string const& text);
+    // Runs `action` and notes "throws <type>: <message>" for a zrn::Exception, or "returns"
+    // when nothing is thrown. Anything else passes on.
+    void noteThrow(std::function<void()> const& action);
 
     // "<statement>\n" per statement, in the order SQLite ran them, under the headings.
     std::string statements();

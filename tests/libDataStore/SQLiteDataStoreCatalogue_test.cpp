@@ -1,0 +1,233 @@
+// Every statement, message and schema text of the table layer, compared whole with the golden
+// files under tests/golden/sqlitedatastore/.
+
+#include <gtest/gtest.h>
+#include <libDataStore/SQLiteDataStore.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "Golden.h"
+#include "TestSupport.h"
+
+namespace zrn {
+namespace {
+
+SQLiteDataStoreColumnSpec const kColumns[] = {
+    {"setID", "INTEGER"}, {"key", "TEXT"}, {"value", "TEXT"}, {nullptr, nullptr}};
+SQLiteDataStoreColumnSpec const kNone[] = {{nullptr, nullptr}};
+
+HashTable<String, String> row(std::initializer_list<std::pair<char const*, char const*>> cells) {
+    HashTable<String, String> result;
+    for (auto const& cell : cells) result.insert(cell.first, cell.second);
+    return result;
+}
+
+class SQLiteDataStoreCatalogueTest : public ::testing::Test {
+protected:
+    SQLiteDataStoreCatalogueTest() {
+        // Older shapes of a table, made before anything is recorded.
+        test::RawDb older(file("older.db"));
+        older.exec("CREATE TABLE t (value INTEGER, extra TEXT); INSERT INTO t VALUES (7, 'x');");
+        test::RawDb wider(file("wider.db"));
+        wider.exec(
+            "CREATE TABLE t (setID INTEGER, key TEXT, value TEXT, later TEXT);"
+            "INSERT INTO t VALUES (1, 'k', 'v', 'l');");
+        test::writeFile(file("garbage.db"), std::string(4096, 'G'));
+        m_catalogue = std::make_unique<test::Catalogue>();
+    }
+
+    std::string file(char const* name) const { return m_dir.file(name); }
+    // Settings in force for the connections opened from now on.
+    void settings(std::string const& lines) {
+        test::writeFile(m_settings, "[libDataStore]\n" + lines);
+    }
+    void step(char const* title) { m_catalogue->step(title); }
+    void note(std::string const& text) { m_catalogue->note(text); }
+    void noteThrow(std::function<void()> const& action) { m_catalogue->noteThrow(action); }
+
+    void rowOperations(SQLiteDataStore& store);
+    void readsAndIds(SQLiteDataStore& store);
+    void openings();
+    void connections();
+
+    test::TempDir m_dir;
+    std::string m_settings = m_dir.file("settings.ini");
+    test::ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
+    // Made once the older files are, so that only the workload is recorded.
+    std::unique_ptr<test::Catalogue> m_catalogue;
+};
+
+void SQLiteDataStoreCatalogueTest::rowOperations(SQLiteDataStore& store) {
+    step("append a full row");
+    store.append(row({{"setID", "1"}, {"key", "k"}, {"value", "O'Brien"}}));
+    step("append a row with fewer columns than declared");
+    store.append(row({{"key", "short"}}));
+    step("append a row with more columns than declared");
+    noteThrow([&] {
+        store.append(row({{"setID", "2"}, {"key", "k"}, {"value", "v"}, {"extra", "x"}}));
+    });
+    step("append a row naming an unknown column");
+    noteThrow([&] { store.append(row({{"nope", "x"}})); });
+    step("update");
+    store.update(row({{"value", "it's"}}), "key", "k");
+    step("update several columns of no matching row");
+    store.update(row({{"setID", "9"}, {"value", "v"}}), "key", "missing");
+    step("update with more columns than declared");
+    noteThrow([&] {
+        store.update(row({{"setID", "2"}, {"key", "k"}, {"value", "v"}, {"extra", "x"}}), "key",
+                     "k");
+    });
+    step("remove a missing row");
+    store.remove("key", "missing");
+}
+
+void SQLiteDataStoreCatalogueTest::readsAndIds(SQLiteDataStore& store) {
+    step("contains");
+    note(std::string("found: ") + (store.contains("key", "k") ? "yes" : "no"));
+    note(std::string("found: ") + (store.contains("key", "it's") ? "yes" : "no"));
+    step("cellData");
+    String cell("untouched");
+    note(std::string("found: ") + (store.cellData("value", cell, "key", "k") ? "yes" : "no"));
+    note(std::string("found: ") + (store.cellData("value", cell, "key", "missing") ? "yes" : "no"));
+    step("rowData");
+    Array<String> cells;
+    note(std::string("found: ") + (store.rowData(cells, "key", "k") ? "yes" : "no"));
+    note(std::string("found: ") + (store.rowData(cells, "key", "missing") ? "yes" : "no"));
+    step("count");
+    note("all: " + std::to_string(store.count("", "")));
+    note("non-null values: " + std::to_string(store.count("value", "")));
+    note("matching: " + std::to_string(store.count("key", "k")));
+    step("cellDataAtIndex");
+    store.cellDataAtIndex(0, cell, "key", "", "");
+    store.cellDataAtIndex(0, cell, "value", "key", "k");
+    step("cellDataAtIndex past the result");
+    noteThrow([&] { store.cellDataAtIndex(5, cell, "key", "key", "missing"); });
+    step("rowDataAtIndex");
+    store.rowDataAtIndex(0, cells, "", "");
+    store.rowDataAtIndex(0, cells, "key", "k");
+    step("remove");
+    store.remove("key", "short");
+    store.remove("key", "k");
+    step("getUniqueIdForColumn on an empty table");
+    note("id: " + std::to_string(store.getUniqueIdForColumn("setID")));
+    store.append(row({{"setID", "0"}}));
+    step("getUniqueIdForColumn after 0");
+    note("id: " + std::to_string(store.getUniqueIdForColumn("setID")));
+    store.append(row({{"setID", "16777214"}}));
+    step("getUniqueIdForColumn after 16777214");
+    note("id: " + std::to_string(store.getUniqueIdForColumn("setID")));
+    store.append(row({{"setID", "16777215"}}));
+    step("getUniqueIdForColumn after 16777215");
+    noteThrow([&] { store.getUniqueIdForColumn("setID"); });
+}
+
+void SQLiteDataStoreCatalogueTest::openings() {
+    step("open a file made by an older schema");
+    SQLiteDataStore older(String(file("older.db")), "t", kColumns);
+    step("open it again");
+    SQLiteDataStore again(String(file("older.db")), "t", kColumns);
+    step("read rows of a file with more columns than declared");
+    SQLiteDataStore wider(String(file("wider.db")), "t", kColumns);
+    Array<String> cells;
+    noteThrow([&] { wider.rowData(cells, "key", "k"); });
+    noteThrow([&] { wider.rowDataAtIndex(0, cells, "", ""); });
+    step("null column list");
+    noteThrow([&] { SQLiteDataStore s(String(file("t.db")), "z", nullptr); });
+    noteThrow([&] { SQLiteDataStore s(older.database(), "z", nullptr); });
+    step("empty column list for a missing table");
+    noteThrow([&] { SQLiteDataStore s(String(file("t.db")), "z", kNone); });
+    step("empty column list for an existing table");
+    noteThrow([&] { SQLiteDataStore s(older.database(), "t", kNone); });
+    step("reserved column name");
+    SQLiteDataStoreColumnSpec const reserved[] = {
+        {"id", "INTEGER"}, {"group", "TEXT"}, {nullptr, nullptr}};
+    noteThrow([&] { SQLiteDataStore s(older.database(), "g", reserved); });
+    step("a table name with a single quote, twice");
+    SQLiteDataStore quoted(older.database(), "it's", kColumns);
+    SQLiteDataStore quotedAgain(older.database(), "it's", kColumns);
+    step("a table name with a backquote");
+    noteThrow([&] { SQLiteDataStore s(older.database(), "bad`name", kColumns); });
+    step("a non-database file");
+    noteThrow([&] { SQLiteDataStore s(String(file("garbage.db")), "t", kColumns); });
+    step("a file in a missing folder");
+    noteThrow([&] { SQLiteDataStore s(String(file("missing/t.db")), "t", kColumns); });
+    step("a folder as the file");
+    noteThrow([&] { SQLiteDataStore s(String(m_dir.path()), "t", kColumns); });
+}
+
+void SQLiteDataStoreCatalogueTest::connections() {
+    step("copy and close shared connections");
+    SQLiteDataStore first(String(file("shared.db")), "t", kColumns);
+    SQLiteDataStore second(first.database(), "u", kColumns);
+    SQLiteDataStore copy(first);
+    String error;
+    note(std::string("valid: ") + (second.checkValidity(error) ? "yes" : "no"));
+    first.close();
+    second.close();
+    note(std::string("closed: ") + (copy.isClosed() ? "yes" : "no"));
+    note(std::string("valid: ") + (second.checkValidity(error) ? "yes" : "no"));
+    note("error: " + error.str());
+    step("operations on a closed connection");
+    noteThrow([&] { second.count("", ""); });
+    noteThrow([&] { second.append(row({{"key", "k"}})); });
+    step("validity of a deleted file and of an in-memory database");
+    ::unlink(file("shared.db").c_str());
+    note(std::string("valid: ") + (second.checkValidity(error) ? "yes" : "no"));
+    note("error: " + error.str());
+    SQLiteDataStore memory(String(":memory:"), "t", kColumns);
+    note(std::string("valid: ") + (memory.checkValidity(error) ? "yes" : "no"));
+    step("a moved-from store");
+    SQLiteDataStore target(std::move(memory));
+    noteThrow([&] { memory.count("", ""); });
+}
+
+TEST_F(SQLiteDataStoreCatalogueTest, EveryStatementMessageAndSchema) {
+    m_catalogue->replace(m_dir.path(), "<dir>");
+
+    step("open a new file");
+    SQLiteDataStore store(String(file("t.db")), "t", kColumns);
+    step("a second table on the same connection, with a repeated name and a null type");
+    SQLiteDataStoreColumnSpec const odd[] = {{"id", "INTEGER PRIMARY KEY"},
+                                             {"Group", "TEXT"},
+                                             {"id", "TEXT"},
+                                             {"cut", nullptr},
+                                             {"never", "TEXT"},
+                                             {nullptr, nullptr}};
+    SQLiteDataStore second(store.database(), "u", odd);
+    step("a table from an ordered column table");
+    OrderedHashTable<String, String> ordered;
+    ordered.insert("b", "TEXT");
+    ordered.insert("a", "INTEGER");
+    SQLiteDataStore third(String(file("t.db")), "v", ordered);
+
+    rowOperations(store);
+    readsAndIds(store);
+    openings();
+    connections();
+
+    step("SyncMode NORMAL, then OFF, then an unknown value");
+    for (char const* mode : {"normal", "OFF", "2"}) {
+        settings(std::string("SQLiteDataStore.SyncMode = ") + mode + "\n");
+        SQLiteDataStore s(String(file("t.db")), "t", kColumns);
+    }
+    step("JournalMode WAL, TRUNCATE, PERSIST, DELETE, an unknown value, and an in-memory file");
+    for (char const* mode : {"wal", "TRUNCATE", "Persist", "DELETE", "fast"}) {
+        settings(std::string("SQLiteDataStore.JournalMode = ") + mode + "\n");
+        SQLiteDataStore s(String(file(mode)), "t", kColumns);
+    }
+    settings("SQLiteDataStore.JournalMode = WAL\n");
+    SQLiteDataStore inMemory(String(":memory:"), "t", kColumns);
+    settings("");
+
+    test::expectGolden("sqlitedatastore/statements.txt", m_catalogue->statements());
+    test::expectGolden("sqlitedatastore/messages.txt", m_catalogue->messages());
+    test::expectGolden("sqlitedatastore/schema.txt",
+                       "## a new file with three tables\n" + test::schemaText(file("t.db"), {}) +
+                           "## a file made by an older schema, upgraded\n" +
+                           test::schemaText(file("older.db"), {"t"}));
+}
+
+}  // namespace
+}  // namespace zrn
