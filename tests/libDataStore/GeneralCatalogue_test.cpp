@@ -69,6 +69,14 @@ protected:
         refusing.exec(
             "CREATE TRIGGER refuse BEFORE INSERT ON KeyValues WHEN NEW.value = 'boom' "
             "BEGIN SELECT RAISE(ABORT, 'boom refused'); END;");
+        // An open store whose tables another program then narrowed: its rows read short. Its
+        // connection predates the catalogue, so only its messages are recorded.
+        m_narrowed = std::make_unique<GeneralDataStore>(String(file("narrowed.db")));
+        m_narrowed->logOrUpdate(GenericLog(kType, kGuid, "c", "s", 0u, keyValues({{"k", "v"}})));
+        test::RawDb narrowed(file("narrowed.db"));
+        narrowed.exec(
+            "ALTER TABLE GenericLog DROP COLUMN flags; ALTER TABLE GenericLog DROP COLUMN tracked;"
+            "ALTER TABLE KeyValues DROP COLUMN tracked;");
     }
 
     std::string file(char const* name) const { return m_dir.file(name); }
@@ -84,6 +92,7 @@ protected:
     test::TempDir m_dir;
     std::string m_settings = m_dir.file("settings.ini");
     test::ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
+    std::unique_ptr<GeneralDataStore> m_narrowed;
     // Made once the older files are, so that only the workload is recorded.
     std::unique_ptr<test::Catalogue> m_catalogue;
 };
@@ -181,11 +190,20 @@ void GeneralCatalogueTest::olderFiles() {
     {
         GeneralDataStore emptied{String(file("emptied.db"))};
         note("initialized: " + yesNo(emptied.isInitialized()));
+        note("version: " + std::to_string(emptied.getVersion()));
     }
     step("logOrUpdate refused by SQLite midway");
     GeneralDataStore refusing{String(file("refusing.db"))};
     note("logged: " + yesNo(refusing.logOrUpdate(GenericLog(
                           kType, kGuid, "", "", 0u, keyValues({{"a", "1"}, {"b", "boom"}})))));
+    step("logOrUpdate after the refusal");
+    note("logged: " + yesNo(refusing.logOrUpdate(
+                          GenericLog(kType, kGuid, "", "", 0u, keyValues({{"a", "1"}})))));
+    step("getLogs of short rows");
+    GenericLogList const narrowed = m_narrowed->getLogs(GenericLogFilter(kType, kGuid));
+    note("logs: " + std::to_string(narrowed.size()) + ", key/values: " +
+         std::to_string(narrowed.size() ? narrowed.get(0).keyValues().size() : 0u));
+    m_narrowed.reset();
     step("the default location");
     std::filesystem::create_directories(file("default"));
     DataStoreSettings::setGeneralDataStorePath(String(file("default")));

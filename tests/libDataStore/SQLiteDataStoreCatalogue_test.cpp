@@ -24,6 +24,13 @@ HashTable<String, String> row(std::initializer_list<std::pair<char const*, char 
     return result;
 }
 
+// The cells in brackets, in order.
+std::string joined(Array<String> const& cells) {
+    std::string text;
+    for (std::size_t i = 0; i < cells.size(); ++i) text += "[" + cells[i].str() + "]";
+    return text;
+}
+
 class SQLiteDataStoreCatalogueTest : public ::testing::Test {
 protected:
     SQLiteDataStoreCatalogueTest() {
@@ -33,7 +40,8 @@ protected:
         test::RawDb wider(file("wider.db"));
         wider.exec(
             "CREATE TABLE t (setID INTEGER, key TEXT, value TEXT, later TEXT);"
-            "INSERT INTO t VALUES (1, 'k', 'v', 'l');");
+            "INSERT INTO t VALUES (1, 'k', 'v', 'l');"
+            "CREATE INDEX idx ON t (key);");
         test::writeFile(file("garbage.db"), std::string(4096, 'G'));
         m_catalogue = std::make_unique<test::Catalogue>();
     }
@@ -90,23 +98,30 @@ void SQLiteDataStoreCatalogueTest::readsAndIds(SQLiteDataStore& store) {
     step("cellData");
     String cell("untouched");
     note(std::string("found: ") + (store.cellData("value", cell, "key", "k") ? "yes" : "no"));
+    note("cell: " + cell.str());
     note(std::string("found: ") + (store.cellData("value", cell, "key", "missing") ? "yes" : "no"));
+    note("cell: " + cell.str());
     step("rowData");
-    Array<String> cells;
+    Array<String> cells{"kept"};
     note(std::string("found: ") + (store.rowData(cells, "key", "k") ? "yes" : "no"));
     note(std::string("found: ") + (store.rowData(cells, "key", "missing") ? "yes" : "no"));
+    note("cells: " + joined(cells));
     step("count");
     note("all: " + std::to_string(store.count("", "")));
     note("non-null values: " + std::to_string(store.count("value", "")));
     note("matching: " + std::to_string(store.count("key", "k")));
     step("cellDataAtIndex");
     store.cellDataAtIndex(0, cell, "key", "", "");
+    note("cell: " + cell.str());
     store.cellDataAtIndex(0, cell, "value", "key", "k");
+    note("cell: " + cell.str());
     step("cellDataAtIndex past the result");
     noteThrow([&] { store.cellDataAtIndex(5, cell, "key", "key", "missing"); });
     step("rowDataAtIndex");
+    cells = Array<String>();
     store.rowDataAtIndex(0, cells, "", "");
     store.rowDataAtIndex(0, cells, "key", "k");
+    note("cells: " + joined(cells));
     step("remove");
     store.remove("key", "short");
     store.remove("key", "k");
@@ -149,6 +164,8 @@ void SQLiteDataStoreCatalogueTest::openings() {
     SQLiteDataStore quotedAgain(older.database(), "it's", kColumns);
     step("a table name with a backquote");
     noteThrow([&] { SQLiteDataStore s(older.database(), "bad`name", kColumns); });
+    step("a table name that names an index");
+    noteThrow([&] { SQLiteDataStore s(wider.database(), "idx", kColumns); });
     step("a non-database file");
     noteThrow([&] { SQLiteDataStore s(String(file("garbage.db")), "t", kColumns); });
     step("a file in a missing folder");
