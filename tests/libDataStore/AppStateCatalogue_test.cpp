@@ -32,6 +32,15 @@ protected:
             "CREATE TABLE `AppState` (`key` TEXT,`data` TEXT,`filterGroup` TEXT,`dateTime` "
             "TEXT)");
         test::writeFile(file("garbage.db"), std::string(4096, 'G'));
+        // A table holding the index's name: the opening fails after making the table.
+        test::RawDb(file("failing.db")).exec("CREATE TABLE `AppState-key` (x)");
+        // An index of the store's name that another program made without UNIQUE.
+        test::RawDb nonUnique(file("nonunique.db"));
+        nonUnique.exec(
+            "CREATE TABLE `AppState` (`key` TEXT,`data` TEXT,`filterGroup` TEXT,`dateTime` "
+            "TEXT);"
+            "INSERT INTO AppState VALUES ('k', 'first', 'g1', '2020-05-06T10:00:00+02:00');"
+            "CREATE INDEX 'AppState-key' ON AppState (key);");
         m_catalogue = std::make_unique<test::Catalogue>();
         m_catalogue->replace(m_dir.path(), "<dir>");
         // Entry times are the local time of insertion.
@@ -111,7 +120,14 @@ void AppStateCatalogueTest::olderFiles() {
     AppStateDataStore again{String(file("appstate.db"))};
     step("open a non-database file");
     AppStateDataStore garbage{String(file("garbage.db"))};
+    note("unchanged: " + yesNo(test::readFile(file("garbage.db")) == std::string(4096, 'G')));
     failures(garbage, "every operation of a store whose opening failed");
+    step("open a file where a table holds the index's name");
+    AppStateDataStore failing{String(file("failing.db"))};
+    step("insert an existing key where the index is not unique");
+    AppStateDataStore nonUnique{String(file("nonunique.db"))};
+    note("inserted: " + yesNo(nonUnique.insert("k", "second", "g2")));
+    note("entryTime: " + std::to_string(nonUnique.entryTime("k")->time_since_epoch().count()));
     step("open a file in a missing folder");
     AppStateDataStore missing{String(file("missing/appstate.db"))};
     step("create with a path");
@@ -122,6 +138,7 @@ void AppStateCatalogueTest::olderFiles() {
     note("created: " + yesNo(AppStateDataStore::create() != nullptr));
     AppStateDataStore byDefault;
     note("contains: " + yesNo(byDefault.contains("k")));
+    note("file: " + yesNo(std::filesystem::exists(file("default/appstate.db"))));
 }
 
 void AppStateCatalogueTest::optIns() {
@@ -175,7 +192,11 @@ TEST_F(AppStateCatalogueTest, EveryStatementMessageAndSchema) {
     test::expectGolden("appstate/schema.txt",
                        "## a new file\n" + test::schemaText(file("appstate.db"), {}) +
                            "## a file whose table lacked columns and the index, upgraded\n" +
-                           test::schemaText(file("older.db"), {}));
+                           test::schemaText(file("older.db"), {}) +
+                           "## a file whose opening failed\n" +
+                           test::schemaText(file("failing.db"), {}) +
+                           "## a file whose index is not unique, after a refused insert\n" +
+                           test::schemaText(file("nonunique.db"), {"AppState"}));
 }
 
 }  // namespace

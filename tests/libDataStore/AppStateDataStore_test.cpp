@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <libDataStore/AppStateDataStore.h>
-#include <libDataStore/DataStoreSettings.h>
 
 #include <ctime>
 #include <string>
@@ -44,60 +43,6 @@ TEST(AppStateDataStoreTest, KeepsValuesIntact) {
     EXPECT_EQ(raw.scalar("SELECT data FROM AppState WHERE key='" + nonAscii + "'"), nonAscii);
 }
 
-TEST(AppStateDataStoreTest, DuplicateKeyIsRefusedAndKeepsTheFirstValue) {
-    test::TempDir dir;
-    std::string const path = dir.file("appstate.db");
-    AppStateDataStore store{String(path)};
-    ASSERT_TRUE(store.insert("k", "first", "g1"));
-
-    EXPECT_FALSE(store.insert("k", "second", "g2"));
-    EXPECT_EQ(store.data("k").str(), "first");
-    EXPECT_EQ(store.group("k").str(), "g1");
-
-    // An index dropped behind the store's back still does not let a duplicate in.
-    test::RawDb raw(path);
-    raw.exec("DROP INDEX 'AppState-key'");
-    EXPECT_FALSE(store.insert("k", "third", "g3"));
-    EXPECT_EQ(raw.scalar("SELECT count(*) FROM AppState WHERE key='k'"), "1");
-    EXPECT_EQ(raw.scalar("SELECT data FROM AppState WHERE key='k'"), "first");
-    EXPECT_EQ(raw.scalar("SELECT count(*) FROM sqlite_master WHERE name='AppState-key'"), "1");
-
-    // An index of that name made by another program without UNIQUE: still nothing is written.
-    raw.exec("DROP INDEX 'AppState-key'; CREATE INDEX 'AppState-key' ON AppState (key)");
-    test::LogCapture log;
-    EXPECT_FALSE(store.insert("k", "fifth", "g5"));
-    EXPECT_EQ(raw.scalar("SELECT group_concat(data) FROM AppState WHERE key='k'"), "first");
-    EXPECT_EQ(log.messagesStartingWith(kLogger, "158 Failure attempting to insert: ").size(), 1u);
-    raw.exec("DROP INDEX 'AppState-key'");
-    EXPECT_FALSE(store.insert("k", "sixth", "g6"));  // and the unique one is made again
-
-    // After a removal the key can be used again.
-    EXPECT_TRUE(store.remove("k"));
-    EXPECT_TRUE(store.insert("k", "fourth", "g4"));
-    EXPECT_EQ(store.data("k").str(), "fourth");
-}
-
-TEST(AppStateDataStoreTest, AFailedOpeningLeavesNoTableWithoutItsIndex) {
-    test::TempDir dir;
-    std::string const path = dir.file("appstate.db");
-    {
-        test::RawDb raw(path);  // a table holding the index's name makes the index fail
-        raw.exec("CREATE TABLE `AppState-key` (x)");
-    }
-    test::LogCapture log;
-    AppStateDataStore store{String(path)};
-    EXPECT_EQ(log.messagesStartingWith(kLogger, "122 ").size(), 1u);
-    test::RawDb raw(path, true);
-    EXPECT_EQ(raw.query("SELECT name FROM sqlite_master"), (test::RawDb::Rows{{"AppState-key"}}));
-
-    // A file that is not a database is left as it was.
-    std::string const garbage = dir.file("garbage.db");
-    test::writeFile(garbage, std::string(4096, 'G'));
-    AppStateDataStore refused{String(garbage)};
-    EXPECT_FALSE(refused.contains("k"));
-    EXPECT_EQ(test::readFile(garbage), std::string(4096, 'G'));
-}
-
 TEST(AppStateDataStoreTest, EntryTimeIsUnixSecondsOfTheStoredLocalTimeInNanoseconds) {
     test::ScopedEnv tz("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
     test::TempDir dir;
@@ -121,18 +66,6 @@ TEST(AppStateDataStoreTest, EntryTimeIsUnixSecondsOfTheStoredLocalTimeInNanoseco
     EXPECT_EQ(store.entryTime("fixed")->time_since_epoch().count(), 1588752000LL * 1000000000LL);
     raw.exec("UPDATE AppState SET dateTime='2020-05-06 10:00:00' WHERE key='fixed'");
     EXPECT_EQ(store.entryTime("fixed")->time_since_epoch().count(), 1588752000LL * 1000000000LL);
-}
-
-TEST(AppStateDataStoreTest, DefaultLocationComesFromTheSettings) {
-    test::TempDir dir;
-    DataStoreSettings::setAppStateDataStorePath(String(dir.path()));
-    std::shared_ptr<AppStateDataStore> store = AppStateDataStore::create();
-    ASSERT_TRUE(store);
-    ASSERT_TRUE(store->insert("k", "v", ""));
-    AppStateDataStore second;
-    EXPECT_EQ(second.data("k").str(), "v");
-    test::RawDb raw(dir.file("appstate.db"));
-    EXPECT_EQ(raw.scalar("SELECT data FROM AppState"), "v");
 }
 
 TEST(AppStateDataStoreTest, ConcurrentInsertsOfOneKeyLetExactlyOneThrough) {

@@ -198,6 +198,15 @@ void SQLiteDataStoreCatalogueTest::connections() {
     step("a moved-from store");
     SQLiteDataStore target(std::move(memory));
     noteThrow([&] { memory.count("", ""); });
+    noteThrow([&] { memory.append(row({{"key", "k"}})); });
+    noteThrow([&] { memory.remove("key", "k"); });
+    noteThrow([&] { memory.dbFilePath(); });
+    noteThrow([&] { memory.close(); });
+    noteThrow([&] { memory.isClosed(); });
+    noteThrow([&] { memory.checkValidity(error); });
+    step("a moved-from store assigned again");
+    memory = target;
+    note("count: " + std::to_string(memory.count("", "")));
 }
 
 TEST_F(SQLiteDataStoreCatalogueTest, EveryStatementMessageAndSchema) {
