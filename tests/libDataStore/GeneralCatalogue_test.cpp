@@ -83,6 +83,8 @@ protected:
     void step(char const* title) { m_catalogue->step(title); }
     void note(std::string const& text) { m_catalogue->note(text); }
 
+    // Notes each log the filter selects: its guid, category, flags and key/values.
+    void noteLogs(GeneralDataStore const& store, GenericLogFilter const& filter);
     void logging(GeneralDataStore& store);
     void queries(GeneralDataStore& store);
     void closedAndUnopened(std::unique_ptr<GeneralDataStore> store);
@@ -96,6 +98,23 @@ protected:
     // Made once the older files are, so that only the workload is recorded.
     std::unique_ptr<test::Catalogue> m_catalogue;
 };
+
+void GeneralCatalogueTest::noteLogs(GeneralDataStore const& store, GenericLogFilter const& filter) {
+    GenericLogList const logs = store.getLogs(filter);
+    std::string text = "logs:";
+    for (unsigned int i = 0; i < logs.size(); ++i) {
+        GenericLog const& log = logs.get(i);
+        text += " " + log.guid().str() + " " + log.category().str() + " " +
+                std::to_string(log.flags()) + " {";
+        for (unsigned int k = 0; k < log.keyValues().size(); ++k) {
+            LogKeyValue const& kv = log.keyValues().get(k);
+            text += (k ? "," : "") + kv.key().str() + "=" + kv.value().str() +
+                    (kv.tracked() ? "*" : "");
+        }
+        text += "}";
+    }
+    note(text);
+}
 
 void GeneralCatalogueTest::logging(GeneralDataStore& store) {
     step("logOrUpdate a new log with two key/values");
@@ -120,13 +139,13 @@ void GeneralCatalogueTest::logging(GeneralDataStore& store) {
 
 void GeneralCatalogueTest::queries(GeneralDataStore& store) {
     step("getLogs with a default filter");
-    note("logs: " + std::to_string(store.getLogs(GenericLogFilter()).size()));
+    noteLogs(store, GenericLogFilter());
     step("getLogs with a type, a lower date bound, a key/value and a limit");
     GenericLogFilter example(kType, "");
     example.setDateFilter(TimeStamp::fromUnixTimeStamp(kFrom), TimeStamp());
     example.addKeyValueRequirement("a", "1");
     example.setResultLimit(10);
-    note("logs: " + std::to_string(store.getLogs(example).size()));
+    noteLogs(store, example);
     step("getLogs with every field set, quotes and two key/values");
     GenericLogFilter everything(kType, "g'2");
     everything.setCategoryFilter("it's", "s");
@@ -136,12 +155,25 @@ void GeneralCatalogueTest::queries(GeneralDataStore& store) {
     everything.addKeyValueRequirement("a", "1");
     everything.addKeyValueRequirement("a", "second on the same key: ignored");
     everything.addKeyValueRequirement("b", "it's");
-    note("logs: " + std::to_string(store.getLogs(everything).size()));
+    noteLogs(store, everything);
     step("getLogs with only an upper date bound and a limit of one");
     GenericLogFilter upper;
     upper.setDateFilter(TimeStamp(), TimeStamp::fromUnixTimeStamp(kTo));
     upper.setResultLimit(1);
-    note("logs: " + std::to_string(store.getLogs(upper).size()));
+    noteLogs(store, upper);
+    step("getLogs by a guid with a quote, by two key/values, by a value like a pattern");
+    noteLogs(store, GenericLogFilter("", "g'2"));
+    GenericLogFilter both;
+    both.addKeyValueRequirement("a", "1");
+    both.addKeyValueRequirement("b", "3");
+    noteLogs(store, both);
+    GenericLogFilter pattern;
+    pattern.addKeyValueRequirement("a", "%");
+    noteLogs(store, pattern);
+    step("getLogs in a date range before the logs");
+    GenericLogFilter before;
+    before.setDateFilter(TimeStamp::fromUnixTimeStamp(kFrom), TimeStamp::fromUnixTimeStamp(kFrom));
+    noteLogs(store, before);
     step("getVersion, isInitialized, getDBFilePath, checkValidity");
     note("version: " + std::to_string(store.getVersion()));
     note("initialized: " + yesNo(store.isInitialized()));

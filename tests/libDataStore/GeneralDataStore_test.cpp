@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <libDataStore/GeneralDataStore.h>
 
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -49,66 +48,6 @@ TEST_F(GeneralDataStoreTest, ValuesRoundTripIntact) {
     EXPECT_EQ(value.str(), "");
     EXPECT_TRUE(log.keyValues().getKeyValue("big", value));
     EXPECT_EQ(value.str(), big);
-}
-
-// Four logs with known creation times (seconds 1000, 2000, 3000, 4000).
-class GetLogsTest : public GeneralDataStoreTest {
-protected:
-    GetLogsTest() {
-        store.logOrUpdate(
-            GenericLog("T1", "g1", "it's", "s", 0u, keyValues({{"k", "v"}, {"x", "1"}})));
-        store.logOrUpdate(
-            GenericLog("T1", "g2", "c", "s", 0u, keyValues({{"k", "v"}, {"x", "2"}})));
-        store.logOrUpdate(GenericLog("T1", "g3", "c", "t", 0u, keyValues({{"k", "v%"}})));
-        store.logOrUpdate(GenericLog("T2", "g1", "c", "s", 0u, LogKeyValueSet()));
-        raw.exec("UPDATE GenericLog SET creationTimeStamp = rowid * 1000");
-    }
-
-    std::set<std::string> select(GenericLogFilter const& filter) {
-        std::set<std::string> found;
-        GenericLogList const logs = store.getLogs(filter);
-        for (unsigned int i = 0; i < logs.size(); ++i) {
-            found.insert(logs.get(i).typeUUID().str() + "/" + logs.get(i).guid().str());
-        }
-        return found;
-    }
-
-    GeneralDataStore store{String(path)};
-    test::RawDb raw{path};
-};
-
-TEST_F(GetLogsTest, SelectsExactlyTheMatchingLogsWithAllTheirKeyValues) {
-    EXPECT_EQ(select(GenericLogFilter()),
-              (std::set<std::string>{"T1/g1", "T1/g2", "T1/g3", "T2/g1"}));
-    GenericLogList const all = store.getLogs(GenericLogFilter());
-    ASSERT_EQ(all.size(), 4u);
-    EXPECT_EQ(all.get(0).keyValues().size(), 2u);
-    EXPECT_EQ(all.get(3).keyValues().size(), 0u);
-
-    GenericLogFilter quoted;
-    quoted.setCategoryFilter("it's", "");
-    EXPECT_EQ(select(quoted), (std::set<std::string>{"T1/g1"}));
-
-    GenericLogFilter both;
-    both.addKeyValueRequirement("k", "v");
-    both.addKeyValueRequirement("x", "2");
-    EXPECT_EQ(select(both), (std::set<std::string>{"T1/g2"}));
-    GenericLogFilter exact;
-    exact.addKeyValueRequirement("k", "v%");  // no pattern matching either way
-    EXPECT_EQ(select(exact), (std::set<std::string>{"T1/g3"}));
-
-    GenericLogFilter range;
-    range.setDateFilter(TimeStamp::fromUnixTimeStamp(2000), TimeStamp::fromUnixTimeStamp(3000));
-    EXPECT_EQ(select(range), (std::set<std::string>{"T1/g2", "T1/g3"}));
-
-    GenericLogFilter guid("", "g1");
-    EXPECT_EQ(select(guid), (std::set<std::string>{"T1/g1", "T2/g1"}));
-
-    GenericLogFilter limited("T1", "");
-    limited.setResultLimit(1);
-    EXPECT_EQ(store.getLogs(limited).size(), 1u);
-    limited.setResultLimit(0);
-    EXPECT_EQ(store.getLogs(limited).size(), 3u);
 }
 
 TEST_F(GeneralDataStoreTest, TwoProcessesLoggingOneLogEndWithTheUnionOfTheirKeyValues) {
