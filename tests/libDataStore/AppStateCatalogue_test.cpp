@@ -16,9 +16,7 @@
 namespace zrn {
 namespace {
 
-std::string yesNo(bool value) { return value ? "yes" : "no"; }
-
-class AppStateCatalogueTest : public ::testing::Test {
+class AppStateCatalogueTest : public test::CatalogueTest {
 protected:
     AppStateCatalogueTest() {
         // Older shapes of the file, made before anything is recorded: a table of two columns
@@ -41,26 +39,15 @@ protected:
             "TEXT);"
             "INSERT INTO AppState VALUES ('k', 'first', 'g1', '2020-05-06T10:00:00+02:00');"
             "CREATE INDEX 'AppState-key' ON AppState (key);");
-        m_catalogue = std::make_unique<test::Catalogue>();
-        m_catalogue->replace(m_dir.path(), "<dir>");
+        start();
         // Entry times are the local time of insertion.
         m_catalogue->replaceCurrentTimes();
     }
-
-    std::string file(char const* name) const { return m_dir.file(name); }
-    void step(char const* title) { m_catalogue->step(title); }
-    void note(std::string const& text) { m_catalogue->note(text); }
 
     void items(AppStateDataStore& store);
     void failures(AppStateDataStore& store, char const* title);
     void olderFiles();
     void optIns();
-
-    test::TempDir m_dir;
-    std::string m_settings = m_dir.file("settings.ini");
-    test::ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
-    // Made once the older files are, so that only the workload is recorded.
-    std::unique_ptr<test::Catalogue> m_catalogue;
 };
 
 void AppStateCatalogueTest::items(AppStateDataStore& store) {
@@ -82,7 +69,10 @@ void AppStateCatalogueTest::items(AppStateDataStore& store) {
         note("count: " + std::to_string(store.count(group)));
     step("getItems of all and of a group with a quote");
     for (char const* group : {"", "it's"}) {
-        note("items: " + std::to_string(store.getItems(group).size()));
+        std::string text = "items:";
+        for (auto const& [key, data] : store.getItems(group))
+            text += " " + key.str() + "=" + data.str();
+        note(text);
     }
     step("checkValidity");
     String error;
@@ -168,9 +158,9 @@ void AppStateCatalogueTest::optIns() {
         store.insert("d", "4", "batch");
     }
     step("JournalMode WAL on a new file");
-    test::writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = WAL\n");
+    settings("SQLiteDataStore.JournalMode = WAL\n");
     AppStateDataStore wal{String(file("wal.db"))};
-    test::writeFile(m_settings, "");
+    settings("");
 }
 
 TEST_F(AppStateCatalogueTest, EveryStatementMessageAndSchema) {

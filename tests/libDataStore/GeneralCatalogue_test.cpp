@@ -23,21 +23,18 @@ long long const kFrom = 1588000000;    // 2020-04-27
 long long const kTo = 1893456000;      // 2030-01-01
 long long const kFuture = 4102444800;  // 2100-01-01
 
-std::string yesNo(bool value) { return value ? "yes" : "no"; }
-
 LogKeyValueSet keyValues(std::initializer_list<std::pair<char const*, char const*>> pairs) {
     LogKeyValueSet set;
     for (auto const& p : pairs) set.append(LogKeyValue(p.first, p.second));
     return set;
 }
 
-class GeneralCatalogueTest : public ::testing::Test {
+class GeneralCatalogueTest : public test::CatalogueTest {
 protected:
     GeneralCatalogueTest() {
         makeOlderFiles();
         test::writeFile(file("garbage.db"), std::string(4096, 'G'));
-        m_catalogue = std::make_unique<test::Catalogue>();
-        m_catalogue->replace(m_dir.path(), "<dir>");
+        start();
         // Creation and update times are the moment of logging.
         m_catalogue->replaceCurrentTimes();
         m_catalogue->rewrite([](std::string text) {
@@ -79,10 +76,6 @@ protected:
             "ALTER TABLE KeyValues DROP COLUMN tracked;");
     }
 
-    std::string file(char const* name) const { return m_dir.file(name); }
-    void step(char const* title) { m_catalogue->step(title); }
-    void note(std::string const& text) { m_catalogue->note(text); }
-
     // Notes each log the filter selects: its guid, category, flags and key/values.
     void noteLogs(GeneralDataStore const& store, GenericLogFilter const& filter);
     void logging(GeneralDataStore& store);
@@ -91,12 +84,7 @@ protected:
     void olderFiles();
     void optIns();
 
-    test::TempDir m_dir;
-    std::string m_settings = m_dir.file("settings.ini");
-    test::ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
     std::unique_ptr<GeneralDataStore> m_narrowed;
-    // Made once the older files are, so that only the workload is recorded.
-    std::unique_ptr<test::Catalogue> m_catalogue;
 };
 
 void GeneralCatalogueTest::noteLogs(GeneralDataStore const& store, GenericLogFilter const& filter) {
@@ -192,7 +180,7 @@ void GeneralCatalogueTest::closedAndUnopened(std::unique_ptr<GeneralDataStore> s
     String error;
     note("valid: " + yesNo(store->checkValidity(error)));
     note("error: " + error.str());
-    m_catalogue->noteThrow([&] { store->getVersion(); });
+    noteThrow([&] { store->getVersion(); });
     step("destroy");
     store.reset();
 
@@ -257,10 +245,10 @@ void GeneralCatalogueTest::optIns() {
         note("logged: " +
              yesNo(reader.logOrUpdate(GenericLog(kType, kGuid, "", "", 0u, LogKeyValueSet()))));
         note("prunable: " + std::to_string(reader.prunableBefore(TimeStamp(kFuture)).total()));
-        m_catalogue->noteThrow([&] { reader.pruneBefore(TimeStamp(kFuture)); });
+        noteThrow([&] { reader.pruneBefore(TimeStamp(kFuture)); });
     }
     step("read-only: a missing file");
-    m_catalogue->noteThrow([&] { GeneralDataStore reader(String(file("absent.db")), ReadOnly{}); });
+    noteThrow([&] { GeneralDataStore reader(String(file("absent.db")), ReadOnly{}); });
     step("open the file for batches");
     GeneralDataStore store{String(file("genstore.db"))};
     step("a batch of two logs, committed");
@@ -281,9 +269,9 @@ void GeneralCatalogueTest::optIns() {
     note("prunable: " + std::to_string(store.prunableBefore(TimeStamp(kFuture)).total()));
     note("pruned: " + std::to_string(store.pruneBefore(TimeStamp(kFuture), vacuum).total()));
     step("JournalMode WAL on a new file");
-    test::writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = WAL\n");
+    settings("SQLiteDataStore.JournalMode = WAL\n");
     GeneralDataStore wal{String(file("wal.db"))};
-    test::writeFile(m_settings, "");
+    settings("");
 }
 
 TEST_F(GeneralCatalogueTest, EveryStatementMessageAndSchema) {

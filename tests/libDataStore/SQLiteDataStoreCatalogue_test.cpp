@@ -31,7 +31,7 @@ std::string joined(Array<String> const& cells) {
     return text;
 }
 
-class SQLiteDataStoreCatalogueTest : public ::testing::Test {
+class SQLiteDataStoreCatalogueTest : public test::CatalogueTest {
 protected:
     SQLiteDataStoreCatalogueTest() {
         // Older shapes of a table, made before anything is recorded.
@@ -43,28 +43,13 @@ protected:
             "INSERT INTO t VALUES (1, 'k', 'v', 'l');"
             "CREATE INDEX idx ON t (key);");
         test::writeFile(file("garbage.db"), std::string(4096, 'G'));
-        m_catalogue = std::make_unique<test::Catalogue>();
+        start();
     }
-
-    std::string file(char const* name) const { return m_dir.file(name); }
-    // Settings in force for the connections opened from now on.
-    void settings(std::string const& lines) {
-        test::writeFile(m_settings, "[libDataStore]\n" + lines);
-    }
-    void step(char const* title) { m_catalogue->step(title); }
-    void note(std::string const& text) { m_catalogue->note(text); }
-    void noteThrow(std::function<void()> const& action) { m_catalogue->noteThrow(action); }
 
     void rowOperations(SQLiteDataStore& store);
     void readsAndIds(SQLiteDataStore& store);
     void openings();
     void connections();
-
-    test::TempDir m_dir;
-    std::string m_settings = m_dir.file("settings.ini");
-    test::ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
-    // Made once the older files are, so that only the workload is recorded.
-    std::unique_ptr<test::Catalogue> m_catalogue;
 };
 
 void SQLiteDataStoreCatalogueTest::rowOperations(SQLiteDataStore& store) {
@@ -210,8 +195,6 @@ void SQLiteDataStoreCatalogueTest::connections() {
 }
 
 TEST_F(SQLiteDataStoreCatalogueTest, EveryStatementMessageAndSchema) {
-    m_catalogue->replace(m_dir.path(), "<dir>");
-
     step("open a new file");
     SQLiteDataStore store(String(file("t.db")), "t", kColumns);
     step("a second table on the same connection, with a repeated name and a null type");
