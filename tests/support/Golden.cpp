@@ -177,6 +177,18 @@ void Catalogue::step(std::string const& title) {
     m_messages += "## " + title + "\n";
 }
 
+void Catalogue::note(std::string const& text) {
+    collect();
+    m_messages += "= " + clean(text) + "\n";
+}
+
+void Catalogue::unrecorded(std::function<void()> const& work) {
+    collect();
+    work();
+    m_trace.clear();
+    m_log.clear();
+}
+
 std::string Catalogue::statements() {
     collect();
     return m_statements;

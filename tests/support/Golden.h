@@ -47,6 +47,13 @@ public:
     // A general rewrite, applied after the plain replacements.
     void rewrite(std::function<std::string(std::string)> rewrite);
 
+    // Adds a line of the workload's own to the messages text, in order with what the library
+    // logged: "= <text>" (a returned value, or the message of an exception the library threw).
+    void note(std::string const& text);
+    // Runs `work` (preparing an old file, dumping a schema) without recording what SQLite runs
+    // or what is logged meanwhile: statements of the test itself are not the library's.
+    void unrecorded(std::function<void()> const& work);
+
     // "<statement>\n" per statement, in the order SQLite ran them, under the headings.
     std::string statements();
     // "<priority> <logger>: <message>\n" per message, in order, under the headings.
