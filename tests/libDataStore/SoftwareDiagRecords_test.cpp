@@ -2,7 +2,6 @@
 #include <libCommon/ResultSet.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -69,52 +68,21 @@ TEST(SoftwareDiagRecordsTest, FullRowsConvertByPositionWithoutDefects) {
     EXPECT_TRUE(log.messages("DEFECT.GENERIC").empty());
 }
 
-TEST(SoftwareDiagRecordsTest, ShortRowsAreLoggedAndStillConverted) {
-    struct Case {
-        std::vector<String> cells;  // one column fewer than required
-        std::function<void(ResultSetRow const&)> convert;
-        std::string message;
-    };
-    std::vector<Case> const cases = {
-        {{"1", "5"},
-         [](ResultSetRow const& r) {
-             SessionLog const s = SessionLog::fromDbRow(r);
-             EXPECT_EQ(s.sessionId(), 1);
-             EXPECT_EQ(s.startTimeStamp().getUnixTimeStamp(), 5);
-             EXPECT_EQ(s.endTimeStamp().getUnixTimeStamp(), 0);  // missing column
-         },
-         "SessionLog::fromDbRow() row column count is less than 3: 2"},
-        {{"1", "2", "5"},
-         [](ResultSetRow const& r) { EXPECT_EQ(RunTransactionLog::fromDbRow(r).sessionId(), 2); },
-         "RunTransactionLog::fromDbRow() row column count is less than 4: 3"},
-        {{"1", "2", "rp", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(FixTransactionLog::fromDbRow(r).restorePointUuid(), "rp");
-         },
-         "FixTransactionLog::fromDbRow() row column count is less than 5: 4"},
-        {{"1", "2", "3", "u", "n", "r", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(SoftwareDiagnosticLog::fromDbRow(r).diagnosticResult(), "r");
-         },
-         "SoftwareDiagnosticLog::fromDbRow() row column count is less than 8: 7"},
-        {{"1", "2", "3", "n", "d"},
-         [](ResultSetRow const& r) { EXPECT_EQ(IssueLog::fromDbRow(r).issueDescription(), "d"); },
-         "IssueLog::fromDbRow() row column count is less than 6: 5"},
-        {{"1", "2", "3", "t", "s", "r", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(FixActionLog::fromDbRow(r).fixState(), static_cast<FixActionState>(3));
-         },
-         "FixActionLog::fromDbRow() row column count is less than 8: 7"},
-    };
-    for (Case const& c : cases) {
-        test::LogCapture log;
-        c.convert(makeRow(c.cells));
-        auto const entries = log.entries();
-        ASSERT_EQ(entries.size(), 1u) << c.message;
-        EXPECT_EQ(entries[0].logger, "DEFECT.GENERIC");
-        EXPECT_EQ(entries[0].priority, 4);
-        EXPECT_EQ(entries[0].message, c.message);
-    }
+// The defect each short row logs is pinned by SoftwareDiagCatalogue_test; here, the values.
+TEST(SoftwareDiagRecordsTest, ShortRowsStillConvert) {
+    SessionLog const s = SessionLog::fromDbRow(makeRow({"1", "5"}));
+    EXPECT_EQ(s.sessionId(), 1);
+    EXPECT_EQ(s.startTimeStamp().getUnixTimeStamp(), 5);
+    EXPECT_EQ(s.endTimeStamp().getUnixTimeStamp(), 0);  // missing column
+    EXPECT_EQ(RunTransactionLog::fromDbRow(makeRow({"1", "2", "5"})).sessionId(), 2);
+    EXPECT_EQ(FixTransactionLog::fromDbRow(makeRow({"1", "2", "rp", "5"})).restorePointUuid(),
+              "rp");
+    EXPECT_EQ(SoftwareDiagnosticLog::fromDbRow(makeRow({"1", "2", "3", "u", "n", "r", "5"}))
+                  .diagnosticResult(),
+              "r");
+    EXPECT_EQ(IssueLog::fromDbRow(makeRow({"1", "2", "3", "n", "d"})).issueDescription(), "d");
+    EXPECT_EQ(FixActionLog::fromDbRow(makeRow({"1", "2", "3", "t", "s", "r", "5"})).fixState(),
+              static_cast<FixActionState>(3));
 
     // An empty row is the extreme case: everything reads as 0 or the empty text.
     test::LogCapture log;
@@ -122,9 +90,7 @@ TEST(SoftwareDiagRecordsTest, ShortRowsAreLoggedAndStillConverted) {
     EXPECT_EQ(empty.fixActionId(), 0);
     EXPECT_EQ(empty.fixState(), FIX_ACTION_STATE_NONE);
     EXPECT_TRUE(empty.fixResult().empty());
-    EXPECT_EQ(
-        log.messages("DEFECT.GENERIC"),
-        std::vector<std::string>{"FixActionLog::fromDbRow() row column count is less than 8: 0"});
+    EXPECT_EQ(log.messages("DEFECT.GENERIC").size(), 1u);
 }
 
 TEST(SoftwareDiagRecordsTest, NumbersUseTheUnsigned32BitConversions) {

@@ -1,6 +1,7 @@
 #include "Golden.h"
 
 #include <gtest/gtest.h>
+#include <libCommon/Exception.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -180,6 +181,21 @@ void Catalogue::step(std::string const& title) {
 void Catalogue::note(std::string const& text) {
     collect();
     m_messages += "= " + clean(text) + "\n";
+}
+
+void Catalogue::note(std::string const& what, long long value) {
+    note(what + " = " + std::to_string(value));
+}
+
+void Catalogue::noteThrow(std::string const& what, std::function<void()> const& work) {
+    try {
+        work();
+        ADD_FAILURE() << what << " did not throw";
+    } catch (DatabaseError const& e) {
+        note(what + " threw DatabaseError: " + e.getMessage().str());
+    } catch (Exception const& e) {
+        note(what + " threw Exception: " + e.getMessage().str());
+    }
 }
 
 void Catalogue::unrecorded(std::function<void()> const& work) {

@@ -50,6 +50,11 @@ public:
     // Adds a line of the workload's own to the messages text, in order with what the library
     // logged: "= <text>" (a returned value, or the message of an exception the library threw).
     void note(std::string const& text);
+    // "= <what> = <value>": a number, count or truth value the workload was given back.
+    void note(std::string const& what, long long value);
+    // Runs `work`, which must throw zrn::Exception, and notes "<what> threw DatabaseError:
+    // <message>" (or "Exception: "); a `work` that does not throw fails the test.
+    void noteThrow(std::string const& what, std::function<void()> const& work);
     // Runs `work` (preparing an old file, dumping a schema) without recording what SQLite runs
     // or what is logged meanwhile: statements of the test itself are not the library's.
     void unrecorded(std::function<void()> const& work);
