@@ -494,6 +494,13 @@ void EventCatalogueTest::readOnlyOpenings() {
         note("alertExists", store->alertExists("{a1e7-0001}"));
         note("prunableBefore", store->prunableBefore(at(kDay + 1)).total());
     }
+    step("ReadOnly: open while a writer holds the file");
+    whileLocked(m_path, [&] {
+        Store store(m_catalogue, "blocked");
+        noteThrow("EventDataStore(path, ReadOnly)", [&] {
+            store.emplace(String(m_path), ReadOnly{std::chrono::milliseconds(0), false});
+        });
+    });
     std::string const other = file("versioning-only.db");
     prepare(other, "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);");
     for (auto const& path : {file("absent.db"), other}) {

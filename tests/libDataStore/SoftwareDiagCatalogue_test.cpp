@@ -396,6 +396,13 @@ void SoftwareDiagCatalogueTest::readOnlyOpenings() {
         noteList("getSession", store->getSession(1));
         note("prunableBefore", store->prunableBefore(TimeStamp(kTo)).total());
     }
+    step("ReadOnly: open while a writer holds the file");
+    whileLocked(m_path, [&] {
+        Store store(m_catalogue, "blocked");
+        noteThrow("SoftwareDiagEventDataStore(path, ReadOnly)", [&] {
+            store.emplace(String(m_path), ReadOnly{std::chrono::milliseconds(0), false});
+        });
+    });
     std::string const other = file("versioning-only.db");
     prepare(other,
             "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL);");

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -49,6 +50,19 @@ protected:
         m_catalogue.unrecorded([&] {
             RawDb raw(path);
             raw.exec(sql);
+        });
+    }
+    // Runs `work` while another connection holds an exclusive lock on `path` (unrecorded).
+    void whileLocked(std::string const& path, std::function<void()> const& work) {
+        std::unique_ptr<RawDb> writer;
+        m_catalogue.unrecorded([&] {
+            writer = std::make_unique<RawDb>(path);
+            writer->exec("BEGIN EXCLUSIVE");
+        });
+        work();
+        m_catalogue.unrecorded([&] {
+            writer->exec("ROLLBACK");
+            writer.reset();
         });
     }
     // statements.txt, messages.txt and schema.txt of tests/golden/<store>/.
