@@ -1,5 +1,5 @@
-// EventDataStore: alerts, scriptlet results and measurements, for what the catalogue
-// (EventCatalogue_test) does not show: which rows repeated calls leave and what reads back.
+// EventDataStore: alerts and scriptlet results, for what the catalogue (EventCatalogue_test)
+// does not show: the earliest alert of several, and which rows repeated scriptlet results leave.
 
 #include <gtest/gtest.h>
 #include <libCommon/Exception.h>
@@ -65,22 +65,6 @@ TEST_F(EventAlertsTest, ScriptletResultIsRecordedOnlyWhenItChanges) {
     // The key enters the look-up unquoted: one with a quote cannot be looked up.
     EXPECT_THROW(m_store.logScriptletResult(1, "it's", "c", "PASS", "s", at(17)), DatabaseError);
     EXPECT_EQ(count("ScriptletRuns"), "4");
-}
-
-TEST_F(EventAlertsTest, MeasurementsReadBackFieldForField) {
-    m_store.logMeasurement("cpu 'load'", 100, 150, 200, 97.5, 0.1, 33.25, -4, 42);
-    // What is written reads back into the record field for field.
-    std::vector<MeasurementLog> const read = m_store.measurementLogs({}, {}, "", 0);
-    ASSERT_EQ(read.size(), 1u);
-    EXPECT_EQ(read[0].type(), "cpu 'load'");
-    EXPECT_EQ(read[0].spanStart(), at(100));
-    EXPECT_EQ(read[0].spanMiddle(), at(150));
-    EXPECT_EQ(read[0].spanEnd(), at(200));
-    EXPECT_EQ(read[0].maximum(), 97.5);
-    EXPECT_EQ(read[0].minimum(), 0.1);
-    EXPECT_EQ(read[0].average(), 33.25);
-    EXPECT_EQ(read[0].median(), -4.0);
-    EXPECT_EQ(read[0].numberOfSamples(), 42u);
 }
 
 }  // namespace

@@ -9,8 +9,11 @@
 
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
+#include <locale>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -45,6 +48,56 @@ EventDataStore::AlertData alert(char const* guid, long long time,
                                      std::move(keyValues)};
 }
 
+// One record as a line of the messages text, fields in declaration order.
+std::string join(std::initializer_list<std::string> cells) {
+    std::string out;
+    for (auto const& cell : cells) out += (out.empty() ? "" : " | ") + cell;
+    return out;
+}
+std::string n(long long value) { return std::to_string(value); }
+std::string t(EventTimePoint time) { return n(time.time_since_epoch().count()); }
+std::string d(double value) {
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << value;
+    return out.str();
+}
+std::string text(ScriptResultLog const& r) {
+    return join({n(r.scriptId()), r.name().str(), r.result().str(), t(r.startTime()),
+                 t(r.endTime()), n(r.totalPasses()), r.scriptXml().str(), r.guid().str()});
+}
+std::string text(TestRunResultLog const& r) {
+    return join({n(r.testId()), r.testName().str(), r.deviceName().str(), r.testGuid().str(),
+                 r.deviceGuid().str(), r.deviceType().str(), r.errorCode().str(), r.result().str(),
+                 t(r.timeStamp()), n(r.pass())});
+}
+std::string text(TestRunEventResultLog const& r) {
+    return join({r.message().str(), r.type().str(), r.eventCode().str(),
+                 r.customerEventCode().str(), t(r.timeStamp())});
+}
+std::string text(TipResultLog const& r) {
+    return join({r.key().str(), r.type().str(), r.title().str(), r.text().str(),
+                 r.extendedText().str(), t(r.timeStamp())});
+}
+std::string text(AlertResultLog const& r) {
+    return join({n(r.alertId()), r.guid().str(), r.key().str(), r.type().str(), r.title().str(),
+                 r.message().str(), r.deviceName().str(), t(r.timeStamp())});
+}
+std::string text(AlertKeyValueResultLog const& r) { return join({r.key().str(), r.value().str()}); }
+std::string text(ScriptletResultLog const& r) {
+    return join(
+        {r.key().str(), r.category().str(), r.status().str(), r.result().str(), t(r.timeStamp())});
+}
+std::string text(MeasurementLog const& r) {
+    return join({r.type().str(), t(r.spanStart()), t(r.spanMiddle()), t(r.spanEnd()),
+                 d(r.maximum()), d(r.minimum()), d(r.average()), d(r.median()),
+                 n(r.numberOfSamples())});
+}
+std::string text(ProfilerDiffLog const& r) {
+    return join(
+        {r.category().str(), t(r.timeStamp()), n(r.changesCount()), r.serializedDiff().str()});
+}
+
 std::vector<std::string> const kTables = {
     "Versioning",    "ApplicationRuns", "ScriptRuns",  "ScriptSpecs",    "TestRuns",
     "TestRunEvents", "TestRunTips",     "AlertTips",   "AlertKeyValues", "ScriptletRuns",
@@ -67,6 +120,13 @@ protected:
         bool const set = create() != nullptr;
         note(what + " is set", set);
         m_created = false;
+    }
+
+    // The number of records, then each of them on a line of its own.
+    template <class Record>
+    void noteRecords(std::string const& what, std::vector<Record> const& records) {
+        note(what, records.size());
+        for (Record const& record : records) note("  " + text(record));
     }
 
     void openAndAsk(Store& store);
@@ -253,76 +313,75 @@ void EventCatalogueTest::applicationRunQuestions(EventDataStore& store) {
 void EventCatalogueTest::keyedReaders(EventDataStore const& store) {
     EventTimePoint const none;
     step("keyed readers without bounds");
-    note("scriptRunEventResultLogs", store.scriptRunEventResultLogs(1, none, none, 0).size());
-    note("testRunResultLogs", store.testRunResultLogs(1, none, none, 0).size());
-    note("testRunEventResultLogs", store.testRunEventResultLogs(1, none, none, 0).size());
-    note("scriptRunTipResultLogs", store.scriptRunTipResultLogs(1, none, none, 0).size());
-    note("testRunTipResultLogs", store.testRunTipResultLogs(1, none, none, 0).size());
-    note("alertTipResultLogs", store.alertTipResultLogs(1, none, none, 0).size());
-    note("alertKeyValueResultLogs", store.alertKeyValueResultLogs(1).size());
+    noteRecords("scriptRunEventResultLogs", store.scriptRunEventResultLogs(1, none, none, 0));
+    noteRecords("testRunResultLogs", store.testRunResultLogs(1, none, none, 0));
+    noteRecords("testRunEventResultLogs", store.testRunEventResultLogs(1, none, none, 0));
+    noteRecords("scriptRunTipResultLogs", store.scriptRunTipResultLogs(1, none, none, 0));
+    noteRecords("testRunTipResultLogs", store.testRunTipResultLogs(1, none, none, 0));
+    noteRecords("alertTipResultLogs", store.alertTipResultLogs(1, none, none, 0));
+    noteRecords("alertKeyValueResultLogs", store.alertKeyValueResultLogs(1));
     step("keyed readers with both bounds and a limit");
     EventTimePoint const from = at(kDay), to = at(kDay + 86400);
-    note("scriptRunEventResultLogs", store.scriptRunEventResultLogs(1, from, to, 5).size());
-    note("testRunResultLogs", store.testRunResultLogs(1, from, to, 5).size());
-    note("testRunEventResultLogs", store.testRunEventResultLogs(1, from, to, 5).size());
-    note("scriptRunTipResultLogs", store.scriptRunTipResultLogs(1, from, to, 5).size());
-    note("testRunTipResultLogs", store.testRunTipResultLogs(1, from, to, 5).size());
-    note("alertTipResultLogs", store.alertTipResultLogs(1, from, to, 5).size());
+    noteRecords("scriptRunEventResultLogs", store.scriptRunEventResultLogs(1, from, to, 5));
+    noteRecords("testRunResultLogs", store.testRunResultLogs(1, from, to, 5));
+    noteRecords("testRunEventResultLogs", store.testRunEventResultLogs(1, from, to, 5));
+    noteRecords("scriptRunTipResultLogs", store.scriptRunTipResultLogs(1, from, to, 5));
+    noteRecords("testRunTipResultLogs", store.testRunTipResultLogs(1, from, to, 5));
+    noteRecords("alertTipResultLogs", store.alertTipResultLogs(1, from, to, 5));
     step("keyed readers with one bound each");
-    note("testRunResultLogs", store.testRunResultLogs(1, from, none, 0).size());
-    note("testRunEventResultLogs", store.testRunEventResultLogs(1, none, to, 0).size());
+    noteRecords("testRunResultLogs", store.testRunResultLogs(1, from, none, 0));
+    noteRecords("testRunEventResultLogs", store.testRunEventResultLogs(1, none, to, 0));
     step("scriptResultLogs without and with every filter");
-    note("scriptResultLogs", store.scriptResultLogs({}, {}, {}, {}, {}, 0).size());
-    note("scriptResultLogs",
-         store
-             .scriptResultLogs(from, to, String("Interactive"), String("Morning check (full)"),
-                               String("{5c0f6e1a-0001-4b2c-9d3e-1f2a3b4c5d6e}"), 3)
-             .size());
-    note("scriptResultLogs, empty texts",
-         store.scriptResultLogs({}, {}, String(""), String("O'Brien"), {}, 0).size());
+    noteRecords("scriptResultLogs", store.scriptResultLogs({}, {}, {}, {}, {}, 0));
+    noteRecords(
+        "scriptResultLogs",
+        store.scriptResultLogs(from, to, String("Interactive"), String("Morning check (full)"),
+                               String("{5c0f6e1a-0001-4b2c-9d3e-1f2a3b4c5d6e}"), 3));
+    noteRecords("scriptResultLogs, empty texts",
+                store.scriptResultLogs({}, {}, String(""), String("O'Brien"), {}, 0));
 }
 
 void EventCatalogueTest::unkeyedReaders(EventDataStore const& store) {
     EventTimePoint const none, from = at(kDay), to = at(kDay + 86400);
     step("unkeyed readers without filters");
-    note("alertResultLogs", store.alertResultLogs(none, none, "", false, 0).size());
-    note("profilerDiffLogs", store.profilerDiffLogs(none, none, "", 0).size());
-    note("scriptletResultLogs", store.scriptletResultLogs(none, none, "", "", "", 0).size());
-    note("measurementLogs", store.measurementLogs(none, none, "", 0).size());
+    noteRecords("alertResultLogs", store.alertResultLogs(none, none, "", false, 0));
+    noteRecords("profilerDiffLogs", store.profilerDiffLogs(none, none, "", 0));
+    noteRecords("scriptletResultLogs", store.scriptletResultLogs(none, none, "", "", "", 0));
+    noteRecords("measurementLogs", store.measurementLogs(none, none, "", 0));
     step("unkeyed readers with every filter");
-    note("alertResultLogs", store.alertResultLogs(from, to, "Warning", true, 2).size());
-    note("profilerDiffLogs", store.profilerDiffLogs(from, to, "Drivers", 2).size());
-    note("scriptletResultLogs",
-         store.scriptletResultLogs(from, to, "alice", "Security", "Done", 2).size());
-    note("measurementLogs", store.measurementLogs(from, to, "cpu.temperature", 2).size());
+    noteRecords("alertResultLogs", store.alertResultLogs(from, to, "Warning", true, 2));
+    noteRecords("profilerDiffLogs", store.profilerDiffLogs(from, to, "Drivers", 2));
+    noteRecords("scriptletResultLogs",
+                store.scriptletResultLogs(from, to, "alice", "Security", "Done", 2));
+    noteRecords("measurementLogs", store.measurementLogs(from, to, "cpu.temperature", 2));
     step("unkeyed readers with one filter each");
-    note("alertResultLogs", store.alertResultLogs(none, to, "", false, 0).size());
-    note("alertResultLogs", store.alertResultLogs(none, none, "Warning", false, 0).size());
-    note("alertResultLogs", store.alertResultLogs(none, none, "", true, 0).size());
-    note("profilerDiffLogs", store.profilerDiffLogs(from, none, "", 0).size());
-    note("profilerDiffLogs", store.profilerDiffLogs(none, none, "Drivers", 0).size());
-    note("scriptletResultLogs", store.scriptletResultLogs(none, to, "", "", "", 0).size());
-    note("scriptletResultLogs",
-         store.scriptletResultLogs(none, none, "", "Security", "", 0).size());
-    note("scriptletResultLogs", store.scriptletResultLogs(none, none, "", "", "Done", 0).size());
-    note("measurementLogs", store.measurementLogs(from, none, "", 0).size());
-    note("measurementLogs", store.measurementLogs(none, none, "cpu.load", 0).size());
+    noteRecords("alertResultLogs", store.alertResultLogs(none, to, "", false, 0));
+    noteRecords("alertResultLogs", store.alertResultLogs(none, none, "Warning", false, 0));
+    noteRecords("alertResultLogs", store.alertResultLogs(none, none, "", true, 0));
+    noteRecords("profilerDiffLogs", store.profilerDiffLogs(from, none, "", 0));
+    noteRecords("profilerDiffLogs", store.profilerDiffLogs(none, none, "Drivers", 0));
+    noteRecords("scriptletResultLogs", store.scriptletResultLogs(none, to, "", "", "", 0));
+    noteRecords("scriptletResultLogs",
+                store.scriptletResultLogs(none, none, "", "Security", "", 0));
+    noteRecords("scriptletResultLogs", store.scriptletResultLogs(none, none, "", "", "Done", 0));
+    noteRecords("measurementLogs", store.measurementLogs(from, none, "", 0));
+    noteRecords("measurementLogs", store.measurementLogs(none, none, "cpu.load", 0));
 }
 
 void EventCatalogueTest::fails(EventDataStore const& store) {
     String const device("{9a8b7c6d-0001-4e5f-a0b1-c2d3e4f5a6b7}");
     step("getAllFails");
-    note("getAllFails", store.getAllFails({}, {}).size());
-    note("getAllFails", store.getAllFails(at(kDay), at(kDay + 86400)).size());
+    noteRecords("getAllFails", store.getAllFails({}, {}));
+    noteRecords("getAllFails", store.getAllFails(at(kDay), at(kDay + 86400)));
     step("getRecentFails without lists");
-    note("getRecentFails", store.getRecentFails(device, nullptr, nullptr, at(kDay + 86400)).size());
+    noteRecords("getRecentFails", store.getRecentFails(device, nullptr, nullptr, at(kDay + 86400)));
     step("getRecentFails with lists");
     std::vector<String> const failures = {"FAIL", "ERR'OR"}, passes = {"PASS", "WARN"};
-    note("getRecentFails",
-         store.getRecentFails(device, &failures, &passes, at(kDay + 86400)).size());
+    noteRecords("getRecentFails",
+                store.getRecentFails(device, &failures, &passes, at(kDay + 86400)));
     step("getRecentFails with an empty failure list");
     std::vector<String> const empty;
-    note("getRecentFails", store.getRecentFails(device, &empty, &empty, at(kDay + 86400)).size());
+    noteRecords("getRecentFails", store.getRecentFails(device, &empty, &empty, at(kDay + 86400)));
 }
 
 void EventCatalogueTest::batches(EventDataStore& store) {
@@ -481,7 +540,7 @@ void EventCatalogueTest::readOnlyOpenings() {
         store.emplace(String(m_path), ReadOnly{});
         note("getVersion()", store->getVersion());
         note("alertTracked", store->alertTracked("{a1e7-0001}"));
-        note("testRunResultLogs", store->testRunResultLogs(1, {}, {}, 0).size());
+        noteRecords("testRunResultLogs", store->testRunResultLogs(1, {}, {}, 0));
         note("logAlert", store->logAlert(alert("{a1e7-0009}", kDay, {})));
         noteThrow("logAppStart", [&] { store->logAppStart("a", "b", "c", at(kDay)); });
         noteThrow("StoreBatch", [&] { StoreBatch batch(*store); });

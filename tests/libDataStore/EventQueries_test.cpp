@@ -177,25 +177,6 @@ TEST_F(EventQueriesTest, AlertsNewestFirstThenLaterStoredFirst) {
     EXPECT_EQ(kvs[0].value(), "b");
 }
 
-TEST_F(EventQueriesTest, AlertTipsByAlert) {
-    ASSERT_TRUE(m_store.logAlert(
-        EventDataStore::AlertData{1,
-                                  "g",
-                                  "k",
-                                  "t",
-                                  "title",
-                                  "msg",
-                                  "dev",
-                                  at(1),
-                                  {TipResultLog("old", "t", "ti", "te", "x", at(10)),
-                                   TipResultLog("new", "t", "ti", "te", "x", at(30)),
-                                   TipResultLog("mid", "t", "ti", "te", "x", at(20))},
-                                  {}}));
-    EXPECT_EQ(fieldOf(m_store.alertTipResultLogs(1, at(11), {}, 0), &TipResultLog::key),
-              (Strings{"new", "mid"}));
-    EXPECT_TRUE(m_store.alertTipResultLogs(2, {}, {}, 0).empty());
-}
-
 TEST_F(EventQueriesTest, ProfilerDiffsScriptletsAndMeasurements) {
     m_store.logProfilerDiff(1, "Drivers", 100, 3, "d1");
     m_store.logProfilerDiff(1, "Soft'ware", 300, 5, "d2");
