@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-#include "Golden.h"
+#include "CatalogueTest.h"
 #include "TestSupport.h"
 
 namespace zrn {
@@ -41,7 +41,7 @@ protected:
             "CREATE INDEX 'AppState-key' ON AppState (key);");
         start();
         // Entry times are the local time of insertion.
-        m_catalogue->replaceCurrentTimes();
+        m_catalogue.replaceCurrentTimes();
     }
 
     void items(AppStateDataStore& store);
@@ -177,8 +177,8 @@ TEST_F(AppStateCatalogueTest, EveryStatementMessageAndSchema) {
     olderFiles();
     optIns();
 
-    test::expectGolden("appstate/statements.txt", m_catalogue->statements());
-    test::expectGolden("appstate/messages.txt", m_catalogue->messages());
+    test::expectGolden("appstate/statements.txt", m_catalogue.statements());
+    test::expectGolden("appstate/messages.txt", m_catalogue.messages());
     test::expectGolden("appstate/schema.txt",
                        "## a new file\n" + test::schemaText(file("appstate.db"), {}) +
                            "## a file whose table lacked columns and the index, upgraded\n" +

@@ -11,7 +11,7 @@
 #include <regex>
 #include <string>
 
-#include "Golden.h"
+#include "CatalogueTest.h"
 #include "TestSupport.h"
 
 namespace zrn {
@@ -36,8 +36,8 @@ protected:
         test::writeFile(file("garbage.db"), std::string(4096, 'G'));
         start();
         // Creation and update times are the moment of logging.
-        m_catalogue->replaceCurrentTimes();
-        m_catalogue->rewrite([](std::string text) {
+        m_catalogue.replaceCurrentTimes();
+        m_catalogue.rewrite([](std::string text) {
             static std::regex const address("this: 0x[0-9a-f]+");
             return std::regex_replace(text, address, "this: <address>");
         });
@@ -283,8 +283,8 @@ TEST_F(GeneralCatalogueTest, EveryStatementMessageAndSchema) {
     olderFiles();
     optIns();
 
-    test::expectGolden("general/statements.txt", m_catalogue->statements());
-    test::expectGolden("general/messages.txt", m_catalogue->messages());
+    test::expectGolden("general/statements.txt", m_catalogue.statements());
+    test::expectGolden("general/messages.txt", m_catalogue.messages());
     test::expectGolden(
         "general/schema.txt",
         "## a new file\n" + test::schemaText(file("genstore.db"), {"Version"}) +

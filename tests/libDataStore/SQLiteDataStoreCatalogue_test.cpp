@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "Golden.h"
+#include "CatalogueTest.h"
 #include "TestSupport.h"
 
 namespace zrn {
@@ -230,8 +230,8 @@ TEST_F(SQLiteDataStoreCatalogueTest, EveryStatementMessageAndSchema) {
     SQLiteDataStore inMemory(String(":memory:"), "t", kColumns);
     settings("");
 
-    test::expectGolden("sqlitedatastore/statements.txt", m_catalogue->statements());
-    test::expectGolden("sqlitedatastore/messages.txt", m_catalogue->messages());
+    test::expectGolden("sqlitedatastore/statements.txt", m_catalogue.statements());
+    test::expectGolden("sqlitedatastore/messages.txt", m_catalogue.messages());
     test::expectGolden("sqlitedatastore/schema.txt",
                        "## a new file with three tables\n" + test::schemaText(file("t.db"), {}) +
                            "## a file made by an older schema, upgraded\n" +

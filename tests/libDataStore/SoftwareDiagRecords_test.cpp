@@ -2,7 +2,6 @@
 #include <libCommon/ResultSet.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,103 +17,22 @@ struct TestSessionList : SessionList {
     explicit TestSessionList(LogList<SessionLog> const& logs) : SessionList(logs) {}
 };
 
-TEST(SoftwareDiagRecordsTest, FullRowsConvertByPositionWithoutDefects) {
-    test::LogCapture log;
-
-    SessionLog const session = SessionLog::fromDbRow(makeRow({"12", "1600000000", "1600000060"}));
-    EXPECT_EQ(session.sessionId(), 12);
-    EXPECT_EQ(session.startTimeStamp().getUnixTimeStamp(), 1600000000);
-    EXPECT_EQ(session.endTimeStamp().getUnixTimeStamp(), 1600000060);
-
-    RunTransactionLog const run = RunTransactionLog::fromDbRow(makeRow({"3", "12", "10", "20"}));
-    EXPECT_EQ(run.runTransactionId(), 3);
-    EXPECT_EQ(run.sessionId(), 12);
-    EXPECT_EQ(run.startTimeStamp().getUnixTimeStamp(), 10);
-    EXPECT_EQ(run.endTimeStamp().getUnixTimeStamp(), 20);
-
-    FixTransactionLog const fix =
-        FixTransactionLog::fromDbRow(makeRow({"4", "12", "rp-'1'", "30", "40"}));
-    EXPECT_EQ(fix.fixTransactionId(), 4);
-    EXPECT_EQ(fix.restorePointUuid(), "rp-'1'");
-    EXPECT_EQ(fix.endTimeStamp().getUnixTimeStamp(), 40);
-
-    SoftwareDiagnosticLog const diagnostic = SoftwareDiagnosticLog::fromDbRow(
-        makeRow({"5", "12", "3", "uuid", "Disk check", "ok", "50", "60"}));
-    EXPECT_EQ(diagnostic.softwareDiagnosticId(), 5);
-    EXPECT_EQ(diagnostic.runTransactionId(), 3);
-    EXPECT_EQ(diagnostic.diagnosticUuid(), "uuid");
-    EXPECT_EQ(diagnostic.diagnosticName(), "Disk check");
-    EXPECT_EQ(diagnostic.diagnosticResult(), "ok");
-    EXPECT_EQ(diagnostic.startTimeStamp().getUnixTimeStamp(), 50);
-    EXPECT_EQ(diagnostic.endTimeStamp().getUnixTimeStamp(), 60);
-
-    IssueLog const issue =
-        IssueLog::fromDbRow(makeRow({"6", "12", "5", "Größe", "zu \"klein\"", "70"}));
-    EXPECT_EQ(issue.issueId(), 6);
-    EXPECT_EQ(issue.softwareDiagnosticId(), 5);
-    EXPECT_EQ(issue.issueName(), "Größe");
-    EXPECT_EQ(issue.issueDescription(), "zu \"klein\"");
-    EXPECT_EQ(issue.timeStamp().getUnixTimeStamp(), 70);
-
-    FixActionLog const action =
-        FixActionLog::fromDbRow(makeRow({"7", "12", "2", "type", "summary", "done", "80", "90"}));
-    EXPECT_EQ(action.fixActionId(), 7);
-    EXPECT_EQ(action.fixState(), static_cast<FixActionState>(2));
-    EXPECT_EQ(action.fixTypeUuid(), "type");
-    EXPECT_EQ(action.fixSummary(), "summary");
-    EXPECT_EQ(action.fixResult(), "done");
-    EXPECT_EQ(action.startTimeStamp().getUnixTimeStamp(), 80);
-    EXPECT_EQ(action.endTimeStamp().getUnixTimeStamp(), 90);
-
-    EXPECT_TRUE(log.messages("DEFECT.GENERIC").empty());
-}
-
-TEST(SoftwareDiagRecordsTest, ShortRowsAreLoggedAndStillConverted) {
-    struct Case {
-        std::vector<String> cells;  // one column fewer than required
-        std::function<void(ResultSetRow const&)> convert;
-        std::string message;
-    };
-    std::vector<Case> const cases = {
-        {{"1", "5"},
-         [](ResultSetRow const& r) {
-             SessionLog const s = SessionLog::fromDbRow(r);
-             EXPECT_EQ(s.sessionId(), 1);
-             EXPECT_EQ(s.startTimeStamp().getUnixTimeStamp(), 5);
-             EXPECT_EQ(s.endTimeStamp().getUnixTimeStamp(), 0);  // missing column
-         },
-         "SessionLog::fromDbRow() row column count is less than 3: 2"},
-        {{"1", "2", "5"},
-         [](ResultSetRow const& r) { EXPECT_EQ(RunTransactionLog::fromDbRow(r).sessionId(), 2); },
-         "RunTransactionLog::fromDbRow() row column count is less than 4: 3"},
-        {{"1", "2", "rp", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(FixTransactionLog::fromDbRow(r).restorePointUuid(), "rp");
-         },
-         "FixTransactionLog::fromDbRow() row column count is less than 5: 4"},
-        {{"1", "2", "3", "u", "n", "r", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(SoftwareDiagnosticLog::fromDbRow(r).diagnosticResult(), "r");
-         },
-         "SoftwareDiagnosticLog::fromDbRow() row column count is less than 8: 7"},
-        {{"1", "2", "3", "n", "d"},
-         [](ResultSetRow const& r) { EXPECT_EQ(IssueLog::fromDbRow(r).issueDescription(), "d"); },
-         "IssueLog::fromDbRow() row column count is less than 6: 5"},
-        {{"1", "2", "3", "t", "s", "r", "5"},
-         [](ResultSetRow const& r) {
-             EXPECT_EQ(FixActionLog::fromDbRow(r).fixState(), static_cast<FixActionState>(3));
-         },
-         "FixActionLog::fromDbRow() row column count is less than 8: 7"},
-    };
-    for (Case const& c : cases) {
-        test::LogCapture log;
-        c.convert(makeRow(c.cells));
-        auto const entries = log.entries();
-        ASSERT_EQ(entries.size(), 1u) << c.message;
-        EXPECT_EQ(entries[0].logger, "DEFECT.GENERIC");
-        EXPECT_EQ(entries[0].priority, 4);
-        EXPECT_EQ(entries[0].message, c.message);
-    }
+// Full rows, read from a store, and the defect each short row logs are pinned by
+// SoftwareDiagCatalogue_test; here, the values short rows still give.
+TEST(SoftwareDiagRecordsTest, ShortRowsStillConvert) {
+    SessionLog const s = SessionLog::fromDbRow(makeRow({"1", "5"}));
+    EXPECT_EQ(s.sessionId(), 1);
+    EXPECT_EQ(s.startTimeStamp().getUnixTimeStamp(), 5);
+    EXPECT_EQ(s.endTimeStamp().getUnixTimeStamp(), 0);  // missing column
+    EXPECT_EQ(RunTransactionLog::fromDbRow(makeRow({"1", "2", "5"})).sessionId(), 2);
+    EXPECT_EQ(FixTransactionLog::fromDbRow(makeRow({"1", "2", "rp", "5"})).restorePointUuid(),
+              "rp");
+    EXPECT_EQ(SoftwareDiagnosticLog::fromDbRow(makeRow({"1", "2", "3", "u", "n", "r", "5"}))
+                  .diagnosticResult(),
+              "r");
+    EXPECT_EQ(IssueLog::fromDbRow(makeRow({"1", "2", "3", "n", "d"})).issueDescription(), "d");
+    EXPECT_EQ(FixActionLog::fromDbRow(makeRow({"1", "2", "3", "t", "s", "r", "5"})).fixState(),
+              static_cast<FixActionState>(3));
 
     // An empty row is the extreme case: everything reads as 0 or the empty text.
     test::LogCapture log;
@@ -122,9 +40,7 @@ TEST(SoftwareDiagRecordsTest, ShortRowsAreLoggedAndStillConverted) {
     EXPECT_EQ(empty.fixActionId(), 0);
     EXPECT_EQ(empty.fixState(), FIX_ACTION_STATE_NONE);
     EXPECT_TRUE(empty.fixResult().empty());
-    EXPECT_EQ(
-        log.messages("DEFECT.GENERIC"),
-        std::vector<std::string>{"FixActionLog::fromDbRow() row column count is less than 8: 0"});
+    EXPECT_EQ(log.messages("DEFECT.GENERIC").size(), 1u);
 }
 
 TEST(SoftwareDiagRecordsTest, NumbersUseTheUnsigned32BitConversions) {

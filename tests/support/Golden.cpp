@@ -1,6 +1,7 @@
 #include "Golden.h"
 
 #include <gtest/gtest.h>
+#include <libCommon/Exception.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -238,6 +239,34 @@ void Catalogue::step(std::string const& title) {
     collect();
     m_statements += "## " + title + "\n";
     m_messages += "## " + title + "\n";
+}
+
+void Catalogue::note(std::string const& what, long long value) {
+    note(what + " = " + std::to_string(value));
+}
+
+void Catalogue::noteThrow(std::string const& what, std::function<void()> const& work) {
+    try {
+        work();
+        ADD_FAILURE() << what << " did not throw";
+    } catch (DatabaseError const& e) {
+        note(what + " threw DatabaseError: " + e.getMessage().str());
+    } catch (Exception const& e) {
+        note(what + " threw Exception: " + e.getMessage().str());
+    }
+}
+
+void Catalogue::discard() {
+    collect();
+    m_statements.clear();
+    m_messages.clear();
+}
+
+void Catalogue::unrecorded(std::function<void()> const& work) {
+    collect();
+    work();
+    m_trace.clear();
+    m_log.clear();
 }
 
 std::string Catalogue::statements() {

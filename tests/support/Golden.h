@@ -5,13 +5,10 @@
 // a unified diff. Setting DATASTORE_UPDATE_GOLDEN=1 (scripts/update-golden.sh) rewrites the files
 // instead, so that a deliberate change shows up in the golden file's own diff for review.
 
-#include <gtest/gtest.h>
-
 #include "SqlTrace.h"
 #include "TestSupport.h"
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,6 +60,17 @@ public:
     // when nothing is thrown. Anything else passes on.
     void noteThrow(std::function<void()> const& action);
 
+    // "> <what> = <value>": a number, count or truth value the workload was given back.
+    void note(std::string const& what, long long value);
+    // Runs `work`, which must throw zrn::Exception, and notes "<what> threw DatabaseError:
+    // <message>" (or "Exception: "); a `work` that does not throw fails the test.
+    void noteThrow(std::string const& what, std::function<void()> const& work);
+    // Runs `work` (preparing an old file, dumping a schema) without recording what SQLite runs
+    // or what is logged meanwhile: statements of the test itself are not the library's.
+    void unrecorded(std::function<void()> const& work);
+    // Forgets everything recorded so far (the test's own preparation of files).
+    void discard();
+
     // "<statement>\n" per statement, in the order SQLite ran them, under the headings.
     std::string statements();
     // "<priority> <logger>: <message>\n" per message, in order, under the headings.
@@ -78,29 +86,6 @@ private:
     std::vector<std::function<std::string(std::string)>> m_rewrites;
     std::string m_statements;
     std::string m_messages;
-};
-
-// A fixture for a catalogue test: a temporary folder with a settings file of its own, and the
-// catalogue, which start() begins once the fixture has made the files the workload needs (so
-// that making them is not recorded), with the folder written as "<dir>".
-class CatalogueTest : public ::testing::Test {
-protected:
-    void start() {
-        m_catalogue = std::make_unique<Catalogue>();
-        m_catalogue->replace(m_dir.path(), "<dir>");
-    }
-    std::string file(char const* name) const { return m_dir.file(name); }
-    // Lines of the section "libDataStore" in force for the connections opened from now on.
-    void settings(std::string const& lines) { writeFile(m_settings, "[libDataStore]\n" + lines); }
-    void step(char const* title) { m_catalogue->step(title); }
-    void note(std::string const& text) { m_catalogue->note(text); }
-    void noteThrow(std::function<void()> const& action) { m_catalogue->noteThrow(action); }
-    static std::string yesNo(bool value) { return value ? "yes" : "no"; }
-
-    TempDir m_dir;
-    std::string m_settings = m_dir.file("settings.ini");
-    ScopedEnv m_settingsFile{"ZRN_SETTINGS_FILE", m_settings.c_str()};
-    std::unique_ptr<Catalogue> m_catalogue;
 };
 
 }  // namespace test

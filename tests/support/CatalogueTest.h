@@ -1,0 +1,91 @@
+#pragma once
+
+// The fixture of a store's catalogue test: a private folder (written <dir> in the texts), an
+// empty settings file of its own, a Catalogue recording from the start (or from start(), once
+// the test has made the files its workload needs), and the schema dumps the workload takes
+// along the way, compared at the end with tests/golden/<store>/.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Golden.h"
+#include "TestSupport.h"
+
+namespace zrn {
+namespace test {
+
+class CatalogueTest : public ::testing::Test {
+protected:
+    CatalogueTest() {
+        writeFile(m_settings, "");
+        m_catalogue.replace(m_dir.path(), "<dir>");
+    }
+
+    // Starts the record afresh: what the test did to prepare its files is not the library's.
+    void start() { m_catalogue.discard(); }
+    // Lines of the section "libDataStore" in force for the connections opened from now on.
+    void settings(std::string const& lines) { writeFile(m_settings, "[libDataStore]\n" + lines); }
+    static std::string yesNo(bool value) { return value ? "yes" : "no"; }
+
+    void step(std::string const& title) { m_catalogue.step(title); }
+    template <class... Args>
+    void note(Args&&... args) {
+        m_catalogue.note(std::forward<Args>(args)...);
+    }
+    void noteThrow(std::string const& what, std::function<void()> const& work) {
+        m_catalogue.noteThrow(what, work);
+    }
+    void noteThrow(std::function<void()> const& action) { m_catalogue.noteThrow(action); }
+    std::string file(std::string const& name) const { return m_dir.file(name); }
+    // A file of the folder by its name alone, for step titles.
+    std::string nameOf(std::string const& path) const {
+        return path.substr(m_dir.path().size() + 1);
+    }
+
+    // Adds the schema of `path`, with the rows of `tables`, under a heading.
+    void dumpSchema(std::string const& title, std::string const& path,
+                    std::vector<std::string> const& tables = {"Versioning"}) {
+        m_catalogue.unrecorded(
+            [&] { m_schema += "## " + title + "\n" + schemaText(path, tables); });
+    }
+    // Runs the test's own `sql` on `path` (making an old file, say), unrecorded.
+    void prepare(std::string const& path, std::string const& sql) {
+        m_catalogue.unrecorded([&] {
+            RawDb raw(path);
+            raw.exec(sql);
+        });
+    }
+    // Runs `work` while another connection holds an exclusive lock on `path` (unrecorded).
+    void whileLocked(std::string const& path, std::function<void()> const& work) {
+        std::unique_ptr<RawDb> writer;
+        m_catalogue.unrecorded([&] {
+            writer = std::make_unique<RawDb>(path);
+            writer->exec("BEGIN EXCLUSIVE");
+        });
+        work();
+        m_catalogue.unrecorded([&] {
+            writer->exec("ROLLBACK");
+            writer.reset();
+        });
+    }
+    // statements.txt, messages.txt and schema.txt of tests/golden/<store>/.
+    void expectGoldens(std::string const& store, std::string const& schema) {
+        expectGolden(store + "/statements.txt", m_catalogue.statements());
+        expectGolden(store + "/messages.txt", m_catalogue.messages());
+        expectGolden(store + "/schema.txt", schema);
+    }
+
+    TempDir m_dir;
+    std::string const m_settings = m_dir.file("settings.ini");
+    ScopedEnv m_env{"ZRN_SETTINGS_FILE", m_settings.c_str()};
+    Catalogue m_catalogue;
+    std::string m_schema;
+};
+
+}  // namespace test
+}  // namespace zrn
