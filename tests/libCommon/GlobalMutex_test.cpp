@@ -116,6 +116,17 @@ TEST_F(GlobalMutexTest, LockFilesGoToTheTemporaryFolderUnderTheirOwnName) {
                             std::filesystem::directory_iterator()),
               6);
     EXPECT_FALSE(std::filesystem::exists(m_lockDir));
+
+    std::string const unreachable = m_dir.file("missing") + "/locks";
+    test::ScopedEnv lockDir("ZRN_LOCK_DIR", unreachable.c_str());
+    GlobalMutex mutex("nowhere");
+    try {
+        mutex.lock();
+        ADD_FAILURE() << "locked in a folder that cannot exist";
+    } catch (Exception const& e) {
+        EXPECT_EQ(e.getMessage().str(), "GlobalMutex: cannot create the lock directory '" +
+                                            unreachable + "': No such file or directory");
+    }
 }
 
 TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {

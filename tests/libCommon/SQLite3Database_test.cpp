@@ -43,7 +43,16 @@ TEST(SQLite3DatabaseTest, ResultsArriveAsTextByIndexAndByName) {
     EXPECT_EQ(result.row(1).columnValue("name").str(), "");     // NULL
     EXPECT_EQ(result.row(1).columnValue("missing").str(), "");  // no such column
     EXPECT_EQ(result.row(1).columnValue(99).str(), "");
-    EXPECT_THROW(result.row(2), Exception);
+    for (int index : {2, -1}) {
+        try {
+            result.row(index);
+            ADD_FAILURE() << index;
+        } catch (Exception const& e) {
+            EXPECT_EQ(e.getMessage().str(), "ResultSet: row index " + std::to_string(index) +
+                                                " is out of range (row count 2)");
+        }
+    }
+    EXPECT_TRUE(ResultSet().columnNames().empty());
 
     // A statement without rows still resets the result.
     db.execute("SELECT * FROM t WHERE 0", &result);
