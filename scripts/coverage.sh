@@ -20,7 +20,10 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DDATASTORE_BUILD_TESTS=ON \
 cmake --build "$build" -j "$jobs"
 # Counters of an earlier run would add up with this one.
 find "$build" -name '*.gcda' -delete
-ctest --test-dir "$build" -j "$jobs" --output-on-failure || echo "coverage: some tests failed"
+# One test runs the tool as an unprivileged user and wants its standard error empty; that user
+# cannot write the counters, and gcov says so on standard error. It is left out here.
+ctest --test-dir "$build" -j "$jobs" --output-on-failure \
+    -E 'InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock' || echo "coverage: some tests failed"
 
 summary=$build/coverage-summary.json
 gcovr --root "$root" \
