@@ -2,16 +2,13 @@
 // writing to a damaged file.
 
 #include <libCommon/FileSystem.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
+#include <algorithm>
 #include <iostream>
-#include <set>
-#include <sstream>
 #include <type_traits>
 
 #include "Commands.h"
@@ -20,33 +17,6 @@
 namespace datastore {
 
 namespace {
-
-struct Schema {
-    char const* versionTable;  // nullptr: the store keeps no version
-    int version;
-    std::vector<char const*> tables;
-};
-
-Schema schemaOf(Store store) {
-    switch (store) {
-        case Store::AppState:
-            return {nullptr, -1, {"AppState"}};
-        case Store::General:
-            return {"Version", 1, {"Version", "GenericLog", "KeyValues"}};
-        case Store::Event:
-            return {"Versioning",
-                    3,
-                    {"Versioning", "ApplicationRuns", "ScriptRuns", "ScriptSpecs", "TestRuns",
-                     "TestRunEvents", "TestRunTips", "AlertTips", "AlertKeyValues", "ScriptletRuns",
-                     "Alerts", "ProfilerDiffs", "Measurements"}};
-        case Store::SoftwareDiag:
-            return {"Versioning",
-                    1,
-                    {"Versioning", "Sessions", "RunTransactions", "FixTransactions",
-                     "SoftwareDiagnostics", "Issues", "FixActions", "Issues_FixActions"}};
-    }
-    return {nullptr, -1, {}};
-}
 
 template <class StoreClass>
 std::string askStore(std::string const& path, zrn::ReadOnly const& reader, int& version) {
@@ -87,50 +57,50 @@ std::string storeValidity(std::string const& path, Store store, zrn::ReadOnly co
     return "";
 }
 
+namespace {
+
+// The first three findings name the damage well enough for a message on one line; the count
+// says how much more there is.
+void addIntegrity(std::vector<std::string>& damage, std::vector<std::string> const& findings) {
+    for (std::size_t i = 0; i < findings.size() && i < 3; ++i)
+        damage.push_back("integrity: " + findings[i]);
+    if (findings.size() > 3)
+        damage.push_back(std::to_string(findings.size() - 3) + " more integrity findings");
+}
+
+// What the library's own description of the store says is missing or different.
+void addSchema(std::vector<std::string>& damage, zrn::StoreIdentity const& identity,
+               zrn::StoreFacts const& facts) {
+    for (std::string const& table : identity.missingTables)
+        damage.push_back("missing table " + table);
+    bool const versionTablePresent =
+        facts.versionTable &&
+        std::find(identity.missingTables.begin(), identity.missingTables.end(),
+                  facts.versionTable) == identity.missingTables.end();
+    if (versionTablePresent && identity.version != facts.schemaVersion) {
+        damage.push_back(
+            "schema version " +
+            (identity.version < 0 ? std::string("missing") : std::to_string(identity.version)) +
+            ", expected " + std::to_string(facts.schemaVersion));
+    }
+}
+
+}  // namespace
+
 std::vector<std::string> storeDamage(std::string const& path, Store store,
                                      zrn::ReadOnly const& reader) {
     std::vector<std::string> damage;
+    zrn::StoreFacts const& facts = zrn::factsOf(store);
     try {
-        auto const database = openReadOnly(path, reader);
-        zrn::ResultSet rows;
-        database->execute("PRAGMA integrity_check", &rows);
-        // SQLite may answer in one row of many lines: the first three findings name the
-        // damage well enough for a message on one line, the count says how much more there is.
-        std::vector<std::string> findings;
-        for (unsigned i = 0; i < rows.rowCount(); ++i) {
-            std::istringstream lines(rows.row(static_cast<int>(i)).columnValue(0).str());
-            for (std::string line; std::getline(lines, line);) {
-                if (line != "ok" && line.rfind("*** in database", 0) != 0) findings.push_back(line);
-            }
+        zrn::StoreReader file(path, reader);
+        addIntegrity(damage, file.integrityCheck());
+        zrn::StoreIdentity identity = file.identify();
+        if (!identity.kind || *identity.kind != store) {
+            // Not this store at all: every table of it is missing.
+            identity.missingTables.assign(facts.tables.begin(), facts.tables.end());
         }
-        for (std::size_t i = 0; i < findings.size() && i < 3; ++i)
-            damage.push_back("integrity: " + findings[i]);
-        if (findings.size() > 3)
-            damage.push_back(std::to_string(findings.size() - 3) + " more integrity findings");
-        zrn::ResultSet names;
-        database->execute("SELECT `name` FROM `sqlite_master` WHERE `type` = 'table'", &names);
-        std::set<std::string> present;
-        for (unsigned i = 0; i < names.rowCount(); ++i)
-            present.insert(names.row(static_cast<int>(i)).columnValue(0).str());
-        Schema const schema = schemaOf(store);
-        for (char const* table : schema.tables) {
-            if (!present.count(table)) damage.push_back(std::string("missing table ") + table);
-        }
-        if (schema.versionTable && present.count(schema.versionTable)) {
-            zrn::ResultSet version;
-            database->execute(
-                zrn::String(std::string("SELECT `version` FROM `") + schema.versionTable + "`"),
-                &version);
-            std::string const found =
-                version.rowCount() > 0 ? version.row(0).columnValue(0).str() : "";
-            if (found != std::to_string(schema.version)) {
-                damage.push_back("schema version " + (found.empty() ? "missing" : found) +
-                                 ", expected " + std::to_string(schema.version));
-            }
-        }
-    } catch (ToolError const& e) {
-        damage.push_back(e.what());
-    } catch (zrn::Exception const& e) {
+        addSchema(damage, identity, facts);
+    } catch (zrn::StoreReadError const& e) {
         damage.push_back(e.getMessage().str());
     }
     QuietLog::takeFirstError();

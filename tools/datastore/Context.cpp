@@ -5,8 +5,6 @@
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 
 #include <algorithm>
 #include <cctype>
@@ -24,19 +22,7 @@ namespace datastore {
 
 // ---- Store locations
 
-char const* fileNameOf(Store store) {
-    switch (store) {
-        case Store::AppState:
-            return "appstate.db";
-        case Store::General:
-            return "genstore.db";
-        case Store::Event:
-            return "event.db";
-        case Store::SoftwareDiag:
-            return "softwarediagevent.db";
-    }
-    return "";
-}
+char const* fileNameOf(Store store) { return zrn::factsOf(store).fileName; }
 
 std::string storeNameOf(Store store) {
     std::string const name = fileNameOf(store);
@@ -113,30 +99,9 @@ zrn::ReadOnly readOnly(Options const& options) {
 
 std::string notThisStore(std::string const& path, Store store, zrn::ReadOnly const& options) {
     // The table every file of the store has; a database without it belongs to something else.
-    char const* table = "";
-    char const* kind = "";
-    switch (store) {
-        case Store::AppState:
-            table = "AppState", kind = "an application-state store";
-            break;
-        case Store::General:
-            table = "GenericLog", kind = "a general store";
-            break;
-        case Store::Event:
-            table = "ApplicationRuns", kind = "an event store";
-            break;
-        case Store::SoftwareDiag:
-            table = "Sessions", kind = "a software-diagnostics store";
-            break;
-    }
-    auto const database = openReadOnly(path, options);
-    zrn::ResultSet rows;
-    database->execute(zrn::String(std::string("SELECT count(*) FROM `sqlite_master` WHERE `type` = "
-                                              "'table' AND `name` = '") +
-                                  table + "'"),
-                      &rows);
-    if (rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0") return "";
-    return std::string("not ") + kind + " (it has no " + table + " table)";
+    zrn::StoreFacts const& facts = zrn::factsOf(store);
+    if (zrn::StoreReader(path, options).hasTable(facts.markerTable)) return "";
+    return std::string("not ") + facts.description + " (it has no " + facts.markerTable + " table)";
 }
 
 std::string existingStorePath(Options const& options, Store store) {
@@ -192,17 +157,6 @@ std::string recordingStorePath(Options const& options, Store store) {
         if (!mismatch.empty()) throw ToolError(STORE, path + ": " + mismatch);
     }
     return path;
-}
-
-std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
-                                                   zrn::ReadOnly const& options) {
-    return openOrFail(path, [&] {
-        zrn::SQLite3Database::ReaderOptions reader;
-        reader.busyTimeoutMs =
-            static_cast<int>(std::clamp<long long>(options.wait.count(), 0, INT_MAX));
-        reader.immutable = options.immutable;
-        return std::make_unique<zrn::SQLite3Database>(zrn::String(path), reader);
-    });
 }
 
 // ---- Times
@@ -491,6 +445,14 @@ void libraryFailure(std::string const& path, std::string const& what, zrn::Excep
                                    "SECONDS waits longer)");
     }
     storeFailure(path, what + message);
+}
+
+void readFailure(zrn::StoreReadError const& e) {
+    QuietLog::takeFirstError();
+    std::string message = e.getMessage().str();
+    if (e.cause() == zrn::StoreReadError::Cause::Locked)
+        message += " (gave up waiting; --wait SECONDS waits longer)";
+    throw ToolError(STORE, message);
 }
 
 void storeFailure(std::string const& path, std::string const& what) {
