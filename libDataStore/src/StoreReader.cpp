@@ -382,6 +382,10 @@ bool scriptRunExists(StoreReader& reader, long long scriptId) {
     return anyRow(reader, "ScriptRuns", "scriptId", scriptId);
 }
 
+bool testRunExists(StoreReader& reader, long long testId) {
+    return anyRow(reader, "TestRuns", "testId", testId);
+}
+
 bool alertExists(StoreReader& reader, long long alertId) {
     return anyRow(reader, "Alerts", "rowid", alertId);
 }

@@ -179,6 +179,7 @@ TEST_F(StoreReaderTest, TypedReadersOfTheEventStore) {
         std::stoll(test::RawDb(m_events).scalar("SELECT scriptId FROM ScriptRuns"));
     EXPECT_TRUE(scriptRunExists(reader, script));
     EXPECT_FALSE(scriptRunExists(reader, script + 1));
+    EXPECT_FALSE(testRunExists(reader, 1));
     EXPECT_TRUE(alertExists(reader, 1));
     EXPECT_FALSE(alertExists(reader, 2));
 }

@@ -8,6 +8,7 @@
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <type_traits>
 
@@ -109,6 +110,51 @@ std::vector<std::string> storeDamage(std::string const& path, Store store,
 
 namespace {
 
+// One store file's record; its problems, if any, are added to `damaged`.
+Json checkOne(Options const& options, Store store, std::string const& path,
+              std::vector<std::string>& damaged) {
+    Json record{{"store", fileNameOf(store)}, {"path", path}};
+    if (!zrn::FileSystem::exists(path)) {
+        record["status"] = "absent";
+        record["version"] = nullptr;
+        return record;
+    }
+    std::vector<std::string> problems = storeDamage(path, store, readOnly(options));
+    int version = -1;
+    // The store itself is asked only about a file that is whole: a store's own checks
+    // assume the pages they read are sound.
+    if (problems.empty()) {
+        std::string const invalid = storeValidity(path, store, readOnly(options), version);
+        if (!invalid.empty()) problems.push_back("invalid: " + invalid);
+    }
+    std::string joined;
+    for (auto const& problem : problems) joined += (joined.empty() ? "" : "; ") + problem;
+    record["status"] = problems.empty() ? "ok" : "damaged";
+    record["version"] = version >= 0 ? Json(version) : Json();
+    if (!problems.empty()) {
+        record["problem"] = joined;
+        damaged.push_back(path + ": damaged: " + joined);
+    }
+    return record;
+}
+
+// The store a --file is: the one whose tables it has, else (too damaged to tell) the one
+// whose file name it has. Neither: ToolError(STORE).
+Store storeOfFile(Options const& options, std::string const& path) {
+    if (!zrn::FileSystem::exists(path)) throw ToolError(STORE, path + ": no such store file");
+    try {
+        zrn::StoreReader reader(path, readOnly(options));
+        if (auto const kind = reader.identify().kind) return *kind;
+    } catch (zrn::StoreReadError const& e) {
+        if (e.cause() == zrn::StoreReadError::Cause::Locked) readFailure(e);
+    }
+    std::string const name = std::filesystem::path(path).filename().string();
+    for (zrn::StoreFacts const& facts : zrn::storeFamily()) {
+        if (name == facts.fileName) return facts.kind;
+    }
+    throw ToolError(STORE, path + ": not a store file (it has the tables of none of the stores)");
+}
+
 void check(Options const& options) {
     RecordPrinter printer({{"store", "STORE"},
                            {"status", "STATUS"},
@@ -117,32 +163,17 @@ void check(Options const& options) {
                            {"problem", "PROBLEM"}},
                           options.json);
     std::vector<std::string> damaged;
-    for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag}) {
-        std::string const path = storePath(options, store);
-        Json record{{"store", fileNameOf(store)}, {"path", path}};
-        if (!zrn::FileSystem::exists(path)) {
-            record["status"] = "absent";
-            record["version"] = nullptr;
-            printer.add(std::move(record));
-            continue;
-        }
-        std::vector<std::string> problems = storeDamage(path, store, readOnly(options));
-        int version = -1;
-        // The store itself is asked only about a file that is whole: a store's own checks
-        // assume the pages they read are sound.
-        if (problems.empty()) {
-            std::string const invalid = storeValidity(path, store, readOnly(options), version);
-            if (!invalid.empty()) problems.push_back("invalid: " + invalid);
-        }
-        std::string joined;
-        for (auto const& problem : problems) joined += (joined.empty() ? "" : "; ") + problem;
-        record["status"] = problems.empty() ? "ok" : "damaged";
-        record["version"] = version >= 0 ? Json(version) : Json();
-        if (!problems.empty()) {
-            record["problem"] = joined;
-            damaged.push_back(path + ": damaged: " + joined);
-        }
-        printer.add(std::move(record));
+    if (!options.file.empty()) {
+        std::string const path = storePath(options, Store::Event);
+        printer.add(checkOne(options, storeOfFile(options, path), path, damaged));
+    } else {
+        // A folder that is not there holds no healthy stores.
+        std::string const folder = options.dir.empty() ? defaultFolder(Store::Event) : options.dir;
+        if (!std::filesystem::is_directory(folder))
+            throw ToolError(STORE,
+                            folder + ": no such folder (give the stores' folder with --dir)");
+        for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag})
+            printer.add(checkOne(options, store, storePath(options, store), damaged));
     }
     printer.print(std::cout);
     if (damaged.empty()) return;
@@ -157,8 +188,9 @@ void check(Options const& options) {
 void addCheckCommand(CLI::App& app, Options& options) {
     CLI::App* c = app.add_subcommand(
         "check",
-        "Each store file's integrity, validity, schema version and tables; exit 3 when any "
-        "store is damaged (never creates or repairs a store)");
+        "Each store file's integrity, validity, schema version and tables (with --file, the "
+        "store that file is); exit 3 when any store is damaged, 2 when the folder or file is "
+        "not there (never creates or repairs a store)");
     addLocationOptions(*c, options);
     addJsonOption(*c, options);
     c->footer("Example: datastore check --dir /var/lib/diagnostics/datastore && echo healthy");

@@ -288,8 +288,11 @@ TimeRange timeRange(Options const& options) {
 // ---- Options
 
 void addDirOption(CLI::App& command, Options& options) {
+    // The help names the rule, not the folder it gives here: the manual page is made from it
+    // on the build machine.
     command.add_option("--dir", options.dir,
-                       "Folder of all stores (default: " + defaultFolder(Store::Event) + ")");
+                       "Folder of all stores (default: $DATASTORE_DIR, else "
+                       "$XDG_DATA_HOME/datastore, else ~/.local/share/datastore)");
 }
 
 void addLocationOptions(CLI::App& command, Options& options) {

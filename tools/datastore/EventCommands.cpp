@@ -158,6 +158,20 @@ bool scriptRunExists(Options const& options, std::string const& path, long long 
     });
 }
 
+// The run or alert whose records a command lists must be there: an empty list cannot tell one
+// without records from a mistyped id. Otherwise ToolError(NOT_FOUND).
+void requireOwner(Options const& options, std::string const& path, EventArgs const& args) {
+    readOrFail([&] {
+        zrn::StoreReader reader(path, readOnly(options));
+        if (args.testId > 0 && !zrn::testRunExists(reader, args.testId))
+            throw ToolError(NOT_FOUND, path + ": no test run " + std::to_string(args.testId));
+        if (args.scriptId > 0 && !zrn::scriptRunExists(reader, args.scriptId))
+            throw ToolError(NOT_FOUND, path + ": no script run " + std::to_string(args.scriptId));
+        if (args.alertId > 0 && !zrn::alertExists(reader, args.alertId))
+            throw ToolError(NOT_FOUND, path + ": no alert " + std::to_string(args.alertId));
+    });
+}
+
 Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
     return Json{{"testId", log.testId()},
                 {"testName", log.testName().str()},
@@ -211,6 +225,7 @@ void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owner
 
 void events(Options const& options, EventArgs const& args) {
     requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}});
+    requireOwner(options, existingStorePath(options, Store::Event), args);
     if (args.follow) return followEvents(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
@@ -258,6 +273,7 @@ void tips(Options const& options, EventArgs const& args) {
         {{"--test", args.testId}, {"--script", args.scriptId}, {"--alert", args.alertId}});
     TimeRange const range = timeRange(options);
     EventStore store(options);
+    requireOwner(options, store.path(), args);
     EventTimePoint const from = at(range.since);
     EventTimePoint const to = at(range.until);
     std::vector<zrn::TipResultLog> const logs =

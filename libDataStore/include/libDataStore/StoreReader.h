@@ -196,6 +196,8 @@ ZRN_DATASTORE_API std::vector<ApplicationRunRow> applicationRuns(StoreReader& re
                                                                  long long afterId = 0);
 // Whether the event store has the script run `scriptId`.
 ZRN_DATASTORE_API bool scriptRunExists(StoreReader& reader, long long scriptId);
+// Whether the event store has the test run `testId`.
+ZRN_DATASTORE_API bool testRunExists(StoreReader& reader, long long testId);
 // Whether the event store has the alert `alertId` (an alert's id is its rowid).
 ZRN_DATASTORE_API bool alertExists(StoreReader& reader, long long alertId);
 
