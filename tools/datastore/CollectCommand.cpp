@@ -111,13 +111,34 @@ std::string copyStore(std::string const& path, std::string const& target,
     return "bytes";
 }
 
+// The archive a bundle's name asks for.
+enum class Bundle { TarGz, Tar, Zip };
+
+bool endsWith(std::string const& text, char const* end) {
+    std::string const tail = end;
+    return text.size() > tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// A name that asks for something else is refused before anything is copied.
+Bundle bundleOf(std::string const& name) {
+    if (endsWith(name, ".tar.gz") || endsWith(name, ".tgz")) return Bundle::TarGz;
+    if (endsWith(name, ".tar")) return Bundle::Tar;
+    if (endsWith(name, ".zip")) return Bundle::Zip;
+    throw ToolError(USAGE, "--out " + name + ": a bundle is a .tar.gz, .tgz, .tar or .zip");
+}
+
 class ArchiveWriter {
 public:
-    explicit ArchiveWriter(std::string const& path) : m_path(path), m_archive(archive_write_new()) {
+    ArchiveWriter(std::string const& path, Bundle kind)
+        : m_path(path), m_archive(archive_write_new()) {
         // pax: long names and exact sizes; gzip: what a support ticket takes.
-        if (archive_write_set_format_pax_restricted(m_archive) != ARCHIVE_OK ||
-            archive_write_add_filter_gzip(m_archive) != ARCHIVE_OK ||
-            archive_write_open_filename(m_archive, path.c_str()) != ARCHIVE_OK)
+        bool const ready = kind == Bundle::Zip
+                               ? archive_write_set_format_zip(m_archive) == ARCHIVE_OK
+                               : archive_write_set_format_pax_restricted(m_archive) == ARCHIVE_OK &&
+                                     (kind == Bundle::Tar ||
+                                      archive_write_add_filter_gzip(m_archive) == ARCHIVE_OK);
+        if (!ready || archive_write_open_filename(m_archive, path.c_str()) != ARCHIVE_OK)
             fail("cannot write: ");
     }
     ~ArchiveWriter() { archive_write_free(m_archive); }
@@ -173,6 +194,7 @@ void collectStore(Options const& options, Store store, ScratchFolder const& scra
 }
 
 void collect(Options const& options, CollectArgs const& args) {
+    Bundle const kind = bundleOf(args.out);
     ScratchFolder scratch;
     std::time_t const now = std::time(nullptr);
     Collected collected;
@@ -202,7 +224,7 @@ void collect(Options const& options, CollectArgs const& args) {
     // Written beside the target and renamed: a bundle that exists is always a whole one.
     std::string const partial = args.out + ".partial";
     try {
-        ArchiveWriter archive(partial);
+        ArchiveWriter archive(partial, kind);
         for (auto const& [name, bytes] : contents) archive.add(name, bytes, now);
         archive.add("manifest.json", manifest.dump(2) + "\n", now);
         archive.close();
@@ -231,7 +253,7 @@ void addCollectCommand(CLI::App& app, Options& options) {
         "Writes a support bundle: consistent copies of the stores (SQLite's online backup, "
         "safe while the suite records; a damaged file as it is) and manifest.json (each "
         "file's size, sha256, integrity, schema version and rows per table, the tool's "
-        "version, host and time) in one .tar.gz");
+        "version, host and time) in one .tar.gz (or .tgz, .tar, .zip, as --out's name asks)");
     addDirOption(*c, options);
     addJsonOption(*c, options);
     addWaitOption(*c, options);
