@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -223,6 +224,55 @@ TEST_F(DamagedStoresTest, AMissingRecordExits4FromEveryCommand) {
     // The ones that are there still list.
     EXPECT_EQ(tool({"tips", "--alert", "1", "--dir", m_stores}).code, 0);
     EXPECT_EQ(tool({"events", "--test", "1", "--dir", m_stores}).code, 0);
+}
+
+// journalctl's time forms select what the tool's own forms for the same moment select.
+TEST_F(DamagedStoresTest, JournalctlTimeFormsMeanWhatTheyDoThere) {
+    std::vector<std::pair<std::string, std::string>> const same = {
+        {"00:00", "today"},       {"0:00:00", "today"},   {"yesterday 00:00", "yesterday"},
+        {"today 00:00", "today"}, {"3 days ago", "-3d"},  {"3days ago", "-3d"},
+        {"36 hours ago", "-36h"}, {"90 min ago", "-90m"}, {"2 weeks ago", "-2w"},
+    };
+    std::string const all = tool({"alerts", "--dir", m_stores, "-o", "ndjson"}).out;
+    ASSERT_FALSE(all.empty());
+    for (auto const& [spoken, own] : same) {
+        ToolRun const a = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", spoken});
+        ToolRun const b = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", own});
+        EXPECT_EQ(a.code, 0) << spoken << ": " << a.err;
+        EXPECT_EQ(a.out, b.out) << spoken;
+    }
+    // As upper bounds too, where a wrong moment would cut the day's records elsewhere.
+    std::time_t const now = std::time(nullptr);
+    std::tm today{};
+    localtime_r(&now, &today);
+    char date[16];
+    std::strftime(date, sizeof date, "%Y-%m-%d", &today);
+    std::vector<std::pair<std::string, std::string>> const bounds = {
+        {"10:00", std::string(date) + "T10:00"},
+        {"today 06:30:15", std::string(date) + "T06:30:15"},
+        {"23:59", std::string(date) + "T23:59"},
+        {"yesterday 23:59:59", "yesterday"},
+        {"90 min ago", "-90m"},
+        {"5 hours ago", "-5h"},
+        {"3 days ago", "-3d"},
+    };
+    for (auto const& [spoken, own] : bounds) {
+        ToolRun const a = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", spoken});
+        ToolRun const b = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", own});
+        EXPECT_EQ(a.code, 0) << spoken << ": " << a.err;
+        EXPECT_EQ(a.out, b.out) << spoken;
+    }
+    // A moment later than every record selects none, an earlier one all.
+    EXPECT_EQ(tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", "tomorrow 00:00"}).out,
+              "");
+    EXPECT_EQ(tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", "tomorrow 00:00"}).out,
+              all);
+    for (char const* wrong : {"24:00", "10:60", "3 days", "ago", "yesterday 9"}) {
+        ToolRun const run = tool({"alerts", "--dir", m_stores, "--since", wrong});
+        EXPECT_EQ(run.code, 1) << wrong;
+        EXPECT_EQ(run.err.rfind(std::string("datastore: --since: '") + wrong + "' ", 0), 0u)
+            << run.err;
+    }
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include <system_error>
 
 #include "Output.h"
+#include "TimeForms.h"
 
 namespace datastore {
 
@@ -209,6 +210,7 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay) 
     if (text == "now") return now;
     if (text == "today") return day(localMidnight(0), 0);
     if (text == "yesterday") return day(localMidnight(1), 1);
+    if (auto const spoken = spokenTime(text, now)) return *spoken;
 
     std::smatch m;
     static std::regex const relative("-([0-9]{1,9})([smhdw])");
@@ -363,7 +365,8 @@ void addLimitOption(CLI::App& command, Options& options) {
 void addRangeOptions(CLI::App& command, Options& options) {
     command.add_option("--since", options.since,
                        "From this time: 2026-11-23, 2026-11-23T14:05[:00][+01:00|Z], now, "
-                       "today, yesterday, -30m, -12h, -7d, -2w, Unix seconds (9+ digits or @N)");
+                       "today, yesterday, -30m, -12h, -7d, -2w, 10:00, \"yesterday 14:00\", "
+                       "\"3 days ago\", Unix seconds (9+ digits or @N)");
     command.add_option("--until", options.until,
                        "Up to this time (a date: the whole day); the forms of --since");
 }

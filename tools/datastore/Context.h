@@ -104,7 +104,8 @@ auto readOrFail(Read&& read) -> decltype(read()) {
 
 // --since / --until as Unix seconds, 0 for a bound not given. Accepts ISO 8601 dates
 // ("2026-11-23": local midnight for --since, the day's last second for --until), date-times
-// with or without an offset, now, today, yesterday, relative times (-30m, -12h, -7d, -2w) and
+// with or without an offset, now, today, yesterday, relative times (-30m, -12h, -7d, -2w),
+// journalctl's forms ("10:00", "yesterday 14:00", "3 days ago") and
 // Unix seconds (9 or more digits, or any number after '@'). Bad text, impossible dates or
 // offsets, or --since after --until: ToolError(USAGE).
 struct TimeRange {
