@@ -36,6 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         unsetenv("ZRN_LOG_LEVEL");
         unsetenv("ZRN_LOG_FILE");
         zrn::LogFactory::setSink(&discard);
+        std::atexit([] {
+            std::remove(settingsFile(false).c_str());
+            std::remove(settingsFile(true).c_str());
+        });
         return true;
     }();
     (void)once;

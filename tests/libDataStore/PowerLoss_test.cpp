@@ -4,9 +4,10 @@
 // must open, pass integrity_check and hold a whole prefix of the operations; at FULL, every
 // operation that had returned.
 //
-// The model: a write reaches the disk only through an xSync of its file; creating and deleting
-// files is durable when done (as SQLite's own crash simulation takes it). Discarding every
-// unsynced write is the harshest case for what the sync calls order.
+// The model: a write is sure to be on disk only once an xSync of its file returned; a cut
+// loses every other write, or, as a disk may write in any order, keeps those of one file and
+// loses the rest. Creating and deleting files is durable when done (as SQLite's own crash
+// simulation takes it).
 
 #include <gtest/gtest.h>
 #include <libDataStore/DataStore.h>
@@ -36,6 +37,7 @@ std::string contentOf(std::string const& path) {
 struct DurableState {
     std::map<std::string, std::string> files;  // path -> bytes a power cut would leave
     int operationsReturned = 0;                // when this state began
+    bool leaked = false;  // a moment's state: the operations returned are the ones above
 };
 
 struct Recorder {
@@ -48,7 +50,37 @@ struct Recorder {
     bool recorded(char const* path) const {
         return path && std::string(path).rfind(folder + "/", 0) == 0;
     }
-    void pushState() { states.push_back({durable, operationsReturned}); }
+    void pushState() { states.push_back({durable, operationsReturned, false}); }
+    // The disk may also have written some unsynced data already, in any order: for each file
+    // with writes since its last sync, the state of this moment with only its first of them
+    // on disk (a torn transaction), and with all of them, the other files' lost.
+    void pushLeaks() {
+        for (auto const& file : pending) {
+            for (std::size_t count : {std::size_t(1), file.second.size()}) {
+                DurableState state{durable, operationsReturned, true};
+                std::string& bytes = state.files[file.first];
+                for (std::size_t i = 0; i < count; ++i) file.second[i].applyTo(bytes);
+                states.push_back(std::move(state));
+            }
+        }
+    }
+
+    // Writes and truncations since the last sync, per file.
+    struct Write {
+        sqlite3_int64 offset;
+        std::string bytes;
+        bool truncation;
+        void applyTo(std::string& content) const {
+            auto const at = static_cast<std::size_t>(offset);
+            if (truncation) {
+                content.resize(std::min(content.size(), at));
+            } else {
+                if (content.size() < at + bytes.size()) content.resize(at + bytes.size());
+                content.replace(at, bytes.size(), bytes);
+            }
+        }
+    };
+    std::map<std::string, std::vector<Write>> pending;
 };
 
 Recorder recorder;
@@ -62,13 +94,30 @@ struct RecordedFile {
 sqlite3_file* realOf(sqlite3_file* file) { return reinterpret_cast<RecordedFile*>(file)->real; }
 
 int recordedSync(sqlite3_file* file, int flags) {
+    recorder.pushLeaks();
     int const rc = realOf(file)->pMethods->xSync(realOf(file), flags);
     auto* const recorded = reinterpret_cast<RecordedFile*>(file);
     if (rc == SQLITE_OK && recorded->path) {
+        recorder.pending.erase(*recorded->path);
         recorder.durable[*recorded->path] = contentOf(*recorded->path);
         recorder.pushState();
     }
     return rc;
+}
+
+int recordedWrite(sqlite3_file* file, void const* bytes, int count, sqlite3_int64 offset) {
+    auto* const recorded = reinterpret_cast<RecordedFile*>(file);
+    if (recorded->path) {
+        recorder.pending[*recorded->path].push_back(
+            {offset, std::string(static_cast<char const*>(bytes), count), false});
+    }
+    return realOf(file)->pMethods->xWrite(realOf(file), bytes, count, offset);
+}
+
+int recordedTruncate(sqlite3_file* file, sqlite3_int64 size) {
+    auto* const recorded = reinterpret_cast<RecordedFile*>(file);
+    if (recorded->path) recorder.pending[*recorded->path].push_back({size, "", true});
+    return realOf(file)->pMethods->xTruncate(realOf(file), size);
 }
 
 int recordedClose(sqlite3_file* file) {
@@ -86,10 +135,8 @@ sqlite3_io_methods const kMethods = {
     [](sqlite3_file* f, void* b, int n, sqlite3_int64 o) {
         return realOf(f)->pMethods->xRead(realOf(f), b, n, o);
     },
-    [](sqlite3_file* f, void const* b, int n, sqlite3_int64 o) {
-        return realOf(f)->pMethods->xWrite(realOf(f), b, n, o);
-    },
-    [](sqlite3_file* f, sqlite3_int64 s) { return realOf(f)->pMethods->xTruncate(realOf(f), s); },
+    recordedWrite,
+    recordedTruncate,
     recordedSync,
     [](sqlite3_file* f, sqlite3_int64* s) { return realOf(f)->pMethods->xFileSize(realOf(f), s); },
     [](sqlite3_file* f, int l) { return realOf(f)->pMethods->xLock(realOf(f), l); },
@@ -136,7 +183,9 @@ int recordedOpen(sqlite3_vfs*, char const* name, sqlite3_file* file, int flags, 
 }
 
 int recordedDelete(sqlite3_vfs*, char const* name, int syncDir) {
+    if (recorder.recorded(name)) recorder.pushLeaks();
     int const rc = recorder.real->xDelete(recorder.real, name, syncDir);
+    recorder.pending.erase(name);
     if (rc == SQLITE_OK && recorder.recorded(name) && recorder.durable.erase(name))
         recorder.pushState();
     return rc;
@@ -183,7 +232,7 @@ std::string contentsOf(std::string const& path, std::string* integrity = nullptr
         std::vector<std::string> out;
         sqlite3_stmt* statement = nullptr;
         if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
-            return std::vector<std::string>{"error: " + std::string(sqlite3_errmsg(db))};
+            return std::vector<std::string>{"error: " + std::string(sqlite3_errmsg(db)) + "|"};
         while (sqlite3_step(statement) == SQLITE_ROW) {
             std::string row;
             for (int i = 0; i < sqlite3_column_count(statement); ++i) {
@@ -268,6 +317,7 @@ protected:
         return state;
     }
     void returned() {
+        recorder.pushLeaks();
         ++recorder.operationsReturned;
         m_boundaries.push_back(current());
     }
@@ -398,9 +448,12 @@ void PowerLossTest::checkEveryState() {
     auto const& states = recorder.states;
     std::set<std::pair<std::map<std::string, std::string>, int>> seen;
     for (std::size_t i = 0; i < states.size(); ++i) {
-        // The latest moment this state lasts: just before the next durable change.
-        int const returned =
-            i + 1 < states.size() ? states[i + 1].operationsReturned : recorder.operationsReturned;
+        // The latest moment a durable state lasts: just before the next durable change.
+        std::size_t next = i + 1;
+        while (next < states.size() && states[next].leaked) ++next;
+        int const returned = states[i].leaked       ? states[i].operationsReturned
+                             : next < states.size() ? states[next].operationsReturned
+                                                    : recorder.operationsReturned;
         if (seen.insert({states[i].files, returned}).second) checkState(states[i], returned);
         if (HasFatalFailure()) return;
     }
