@@ -36,6 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         unsetenv("ZRN_LOG_LEVEL");
         unsetenv("ZRN_LOG_FILE");
         zrn::LogFactory::setSink(&discard);
+        // The names made first, so that they outlive the handler that removes the files.
+        settingsFile(false);
         std::atexit([] {
             std::remove(settingsFile(false).c_str());
             std::remove(settingsFile(true).c_str());

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -282,6 +283,8 @@ struct Mode {
     char const* settings;
     bool full;  // every operation that returned survives
 };
+
+void PrintTo(Mode const& mode, std::ostream* out) { *out << mode.name; }
 
 class PowerLossTest : public testing::TestWithParam<Mode> {
 protected:
