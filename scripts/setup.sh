@@ -14,6 +14,7 @@ packages=(
     libarchive-dev libssl-dev
     libjs-chart.js chromium
     python3 gcovr
+    clang libclang-rt-dev llvm
 )
 
 missing=()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test twice: a normal build, then one under
 # AddressSanitizer + UndefinedBehaviorSanitizer that halts on the first report; then the
-# threaded tests once more under ThreadSanitizer.
+# threaded tests once more under ThreadSanitizer; last, every fuzz target explores from its
+# corpus for a bounded time (scripts/fuzz.sh).
 # The normal phase also installs into a fresh prefix and builds and runs an outside project
 # (examples/consumer) against it, through CMake's package, through pkg-config and from the build
 # tree, and builds the API reference. Then the Debian packages are built, unpacked into a scratch
@@ -108,3 +109,8 @@ cmake --build build-tsan -j "$jobs" \
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir build-tsan --output-on-failure -j "$jobs" \
     -R '^(DataStoreSettingsTest|SQLite3DatabaseTest|GlobalMutexTest|SharedResourceTest)\.'
+
+# ---- Phase 4: the fuzz targets, built with clang (libFuzzer, ASan + UBSan), each run from its
+# committed corpus for FUZZ_SECONDS (40 by default; about 6 minutes in all on two cores, the
+# build included). A finding fails the run and names its reproducer under build-fuzz/findings/.
+scripts/fuzz.sh

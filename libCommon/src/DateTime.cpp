@@ -43,6 +43,17 @@ int localOffsetAt(long long seconds) {
     return brokenDown(seconds, DateTime::LOCAL, tm) ? static_cast<int>(tm.tm_gmtoff) : 0;
 }
 
+// Whether the instant's text has a four-digit year in both kinds: the text constructor makes
+// no value whose toString() it could not read back (9999-12-31T23:59:59-01:00 is in 10000).
+bool writable(long long seconds) {
+    for (DateTime::Kind kind : {DateTime::UTC, DateTime::LOCAL}) {
+        std::tm tm{};
+        if (!brokenDown(seconds, kind, tm) || tm.tm_year + 1900 < 0 || tm.tm_year + 1900 > 9999)
+            return false;
+    }
+    return true;
+}
+
 // Reads exactly `count` digits at `pos`.
 bool digits(std::string const& text, std::size_t& pos, int count, int& value) {
     value = 0;
@@ -120,12 +131,15 @@ bool parseOffset(std::string const& text, std::size_t& pos, int& offset, bool& z
     ++pos;
     int hours = 0;
     int minutes = 0;
+    int seconds = 0;
     if (!digits(text, pos, 2, hours)) return false;
     if (pos < text.size()) {
         expect(text, pos, ':');
         if (!digits(text, pos, 2, minutes)) return false;
     }
-    offset = (hours * 3600 + minutes * 60) * (sign == '-' ? -1 : 1);
+    // Seconds, as toString() writes them for the local mean times of old dates (+00:53:28).
+    if (expect(text, pos, ':') && !digits(text, pos, 2, seconds)) return false;
+    offset = (hours * 3600 + minutes * 60 + seconds) * (sign == '-' ? -1 : 1);
     return pos == text.size();
 }
 
@@ -150,6 +164,7 @@ DateTime::DateTime(String const& input) {
         std::time_t const t = std::mktime(&tm);
         if (t == static_cast<std::time_t>(-1) && !(f.year == 1969 && f.month == 12 && f.day == 31))
             return;
+        if (!writable(static_cast<long long>(t))) return;
         *this = DateTime(static_cast<long long>(t), LOCAL);
         return;
     }
@@ -158,6 +173,7 @@ DateTime::DateTime(String const& input) {
     bool zulu = false;
     if (!parseOffset(text, pos, offset, zulu)) return;
     long long const seconds = static_cast<long long>(timegm(&tm)) - offset;
+    if (!writable(seconds)) return;
     // The two kinds cannot carry a foreign offset: text written in this machine's zone reads
     // back as local time, any other offset (and Z) as UTC (the instant is kept either way).
     Kind const kind = !zulu && localOffsetAt(seconds) == offset ? LOCAL : UTC;
@@ -202,9 +218,13 @@ String DateTime::toString() const {
     Fields const f = fields();
     int const offset = f.offset < 0 ? -f.offset : f.offset;
     char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d%c%02d:%02d", f.year, f.month,
-                  f.day, f.hour, f.minute, f.second, f.offset < 0 ? '-' : '+', offset / 3600,
-                  (offset % 3600) / 60);
+    int const written = std::snprintf(
+        text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d%c%02d:%02d", f.year, f.month, f.day,
+        f.hour, f.minute, f.second, f.offset < 0 ? '-' : '+', offset / 3600, (offset % 3600) / 60);
+    // Zones have whole-minute offsets since about 1970; before, some had local mean time, whose
+    // seconds the text keeps so that it reads back to the same instant.
+    if (offset % 60 != 0 && written > 0 && static_cast<std::size_t>(written) < sizeof text)
+        std::snprintf(text + written, sizeof text - written, ":%02d", offset % 60);
     return String(text);
 }
 

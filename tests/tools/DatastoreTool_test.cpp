@@ -705,6 +705,10 @@ TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
               1,
               "--since: '20261122' is neither a date (2026-11-22) nor Unix seconds (9 or more "
               "digits, or @20261122)"},
+             // Once a stack overflow: 60000 digits read by a regex that recursed per digit.
+             {{"alerts", "--since", "@" + std::string(60000, '1')},
+              1,
+              "' is too large for Unix seconds"},
              {{"alerts", "--since", "2026-02-30"},
               1,
               "--since: '2026-02-30' is not a date: 2026-02 has 28 days"},

@@ -220,15 +220,19 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay) 
         return now - std::stoll(m[1]) * seconds[units.find(m[2].str()[0])];
     }
     // Unix seconds need 9 digits (from 1973 on) or an '@': "20261122" is a mistyped date far
-    // more often than a second of 1970.
-    static std::regex const unix("(@)?([0-9]+)");
-    if (std::regex_match(text, m, unix)) {
-        if (!m[1].matched && m[2].length() < 9) {
+    // more often than a second of 1970. Read without a regex: std::regex recurses once per
+    // character of an unbounded run, and a long run of digits overflowed the stack.
+    bool const at = text[0] == '@';
+    std::string const digits = text.substr(at ? 1 : 0);
+    if (!digits.empty() && std::all_of(digits.begin(), digits.end(), [](char c) {
+            return std::isdigit(static_cast<unsigned char>(c));
+        })) {
+        if (!at && digits.size() < 9) {
             throw bad("is neither a date (2026-11-22) nor Unix seconds (9 or more digits, or @" +
                       text + ")");
         }
-        if (m[2].length() > 12) throw bad("is too large for Unix seconds");
-        return std::stoll(m[2]);
+        if (digits.size() > 12) throw bad("is too large for Unix seconds");
+        return std::stoll(digits);
     }
 
     static std::regex const iso(

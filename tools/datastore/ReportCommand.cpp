@@ -17,6 +17,7 @@
 #include <sstream>
 
 #include "Commands.h"
+#include "Html.h"
 #include "Output.h"
 
 #ifndef DATASTORE_CHARTJS
@@ -35,52 +36,6 @@ struct ReportArgs {
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
-
-// Text from a store inside HTML: every character that could open markup or end an
-// attribute is written as an entity; invalid UTF-8 becomes U+FFFD.
-std::string html(std::string const& text) {
-    std::string out;
-    for (char c : validUtf8(text)) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            case '\'':
-                out += "&#39;";
-                break;
-            default:
-                out += c;
-        }
-    }
-    return out;
-}
-
-// JSON inside a <script> element: no "<" may appear, or a "</script>" in a store's text
-// would end the element. \u003c means the same to JSON.parse.
-std::string scriptJson(Json const& value) {
-    std::string const text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-    std::string out;
-    for (char c : text) {
-        if (c == '<')
-            out += "\\u003c";
-        else if (c == '>')
-            out += "\\u003e";
-        else if (c == '&')
-            out += "\\u0026";
-        else
-            out += c;
-    }
-    return out;
-}
 
 std::string chartLibrary() {
     char const* chosen = std::getenv("DATASTORE_CHARTJS");

@@ -12,10 +12,12 @@ namespace zrn {
 // instants.
 //
 // Text form (toString): ISO 8601 with a numeric offset, "2020-05-06T10:00:00+02:00"; UTC
-// values carry "+00:00". The text constructor reads that form back to the same instant, also
+// values carry "+00:00"; an offset with seconds, as the local mean time of old dates has, is
+// written "+00:53:28". The text constructor reads that form back to the same instant, also
 // across daylight-saving changes. It also accepts "Z" for UTC, a blank instead of "T",
 // fractional seconds (dropped) and text without an offset, which is taken as local wall-clock
-// time. Text it cannot read gives an uninitialised value.
+// time. Text it cannot read gives an uninitialised value, and so does text of an instant that
+// is outside the years 0000 to 9999 in UTC or in local time (its text could not be read back).
 class ZRN_COMMON_API DateTime {
 public:
     enum Kind { LOCAL, UTC };
