@@ -13,6 +13,7 @@ packages=(
     libutf8proc-dev
     libarchive-dev libssl-dev
     libjs-chart.js chromium
+    python3 gcovr
     clang libclang-rt-dev llvm
 )
 

@@ -88,8 +88,46 @@ TEST(DateTimeTest, KindsFieldsAndEquality) {
     EXPECT_EQ(DateTime("2020-05-06T13:30:00+05:30").kind(), DateTime::UTC);  // foreign offset
     EXPECT_EQ(DateTime("2020-05-06").unixTimeStamp(), 1588716000);           // local midnight
 
-    for (char const* bad : {"", "yesterday", "2020-13-01", "2020-05-06T25:00:00",
-                            "2020-05-06T10:00:00+xx", "2020-05-06T10:00:00 trailing"}) {
+    // Every accepted spelling, at the edges of every field.
+    struct Accepted {
+        char const* text;
+        long long seconds;
+    };
+    for (Accepted const& ok : std::initializer_list<Accepted>{
+             {"2020-05-06t08:00:00z", 1588752000},
+             {"2020-05-06T08:00:00,5Z", 1588752000},
+             {"2020-05-06T13:30+0530", 1588752000},
+             {"2020-05-06T03:00:00-05", 1588752000},
+             {"2020-05-06 03:00-05:00", 1588752000},
+             {"2020-12-31T23:59:60Z", 1609459200},
+             {"2020-01-31T00:00:00Z", 1580428800},
+             {"2020-12-01T00:00:00Z", 1606780800},
+         }) {
+        DateTime const parsed(ok.text);
+        EXPECT_TRUE(parsed.isInitialized()) << ok.text;
+        EXPECT_EQ(parsed.unixTimeStamp(), ok.seconds) << ok.text;
+    }
+    for (char const* bad : {"",
+                            "yesterday",
+                            "2020-13-01",
+                            "2020-05-06T25:00:00",
+                            "2020-05-06T10:00:00+xx",
+                            "2020-05-06T10:00:00 trailing",
+                            "2020-05-06X08:00",
+                            "2020-05-06T08:00:00.",
+                            "2020-05-06T08",
+                            "2020-05-06T08:00:00+05:3",
+                            "2020-00-06",
+                            "2020-05-00",
+                            "2020-05-32",
+                            "2020-05-06T24:00",
+                            "2020-05-06T08:60",
+                            "2020-05-06T08:00:61",
+                            "2020-05-06T08:00:00Zx",
+                            "2020-05-06T08:00:00+",
+                            "20-05-06",
+                            "2020-05-06T08:00:0",
+                            "2020/05/06"}) {
         EXPECT_FALSE(DateTime(bad).isInitialized()) << bad;
     }
     DateTime const none;

@@ -90,6 +90,45 @@ TEST_F(GlobalMutexTest, PlantedLockFilesAreRefusedOrLeftAsTheyAre) {
     }
 }
 
+// Without ZRN_LOCK_DIR (or with it empty) the folder is zrn-locks in the temporary folder; any
+// name becomes one plain file name inside it.
+TEST_F(GlobalMutexTest, LockFilesGoToTheTemporaryFolderUnderTheirOwnName) {
+    std::string const temp = m_dir.file("temp");
+    ASSERT_EQ(::mkdir(temp.c_str(), 0700), 0);
+    test::ScopedEnv tmpdir("TMPDIR", (temp + "//").c_str());
+    struct Case {
+        char const* lockDir;
+        char const* name;
+        char const* file;
+    };
+    for (Case const& c : std::initializer_list<Case>{{nullptr, "plain", "plain.lock"},
+                                                     {"", "a/b\\c", "a_b_c.lock"},
+                                                     {nullptr, "", "_.lock"},
+                                                     {nullptr, ".", "_..lock"},
+                                                     {nullptr, "..", "_...lock"},
+                                                     {nullptr, "...", "....lock"}}) {
+        test::ScopedEnv lockDir("ZRN_LOCK_DIR", c.lockDir);
+        GlobalMutex mutex(c.name);
+        AutoGlobalMutex lock(mutex);
+        EXPECT_TRUE(std::filesystem::is_regular_file(temp + "/zrn-locks/" + c.file)) << c.name;
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(temp + "/zrn-locks"),
+                            std::filesystem::directory_iterator()),
+              6);
+    EXPECT_FALSE(std::filesystem::exists(m_lockDir));
+
+    std::string const unreachable = m_dir.file("missing") + "/locks";
+    test::ScopedEnv lockDir("ZRN_LOCK_DIR", unreachable.c_str());
+    GlobalMutex mutex("nowhere");
+    try {
+        mutex.lock();
+        ADD_FAILURE() << "locked in a folder that cannot exist";
+    } catch (Exception const& e) {
+        EXPECT_EQ(e.getMessage().str(), "GlobalMutex: cannot create the lock directory '" +
+                                            unreachable + "': No such file or directory");
+    }
+}
+
 TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {
     std::string const counter = m_dir.file("counter");
     test::writeFile(counter, "0");

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <libCommon/Assert.h>
 #include <libCommon/Logger.h>
 
 #include "TestSupport.h"
@@ -65,9 +66,28 @@ TEST(LoggerTest, StreamFormatsNumbersAndPointers) {
     LoggerStream stream;
     stream + "n=" + 42u + " " + -7 + " " + 9000000000LL + " " + String("ü");
     EXPECT_EQ(stream.str(), "n=42 -7 9000000000 ü");
+    LoggerStream every;
+    every + 'c' + -5L + " " + 6UL + " " + 18446744073709551615ULL + " " + 0.1 + " " + -2.5;
+    EXPECT_EQ(every.str(), "c-5 6 18446744073709551615 0.10000000000000001 -2.5");
     LoggerStream pointer;
     pointer + static_cast<void const*>(reinterpret_cast<void*>(0x1234));
     EXPECT_EQ(pointer.str(), "0x1234");
+}
+
+// The report goes out once: through the log, or on standard error alone when the log drops it.
+TEST(LoggerTest, AFailedAssertionIsReportedOnceThenAborts) {
+    std::string const logged = "^[^\n]+ ERROR libCommon\\.Assert: Assertion failed: ";
+    EXPECT_DEATH(ZRN_ASSERT(1 + 1 == 3, "libCommon\\Test"),
+                 logged + "1 \\+ 1 == 3 \\(libCommon\\\\Test, line [1-9][0-9]*\\)\n$");
+    EXPECT_DEATH(assertionFailed("x", "src"), logged + "x \\(src\\)\n$");
+    auto silenced = [](auto fail) {
+        LogFactory::setPriority(5);
+        fail();
+    };
+    EXPECT_DEATH(silenced([] { ZRN_ASSERT(false, "src"); }),
+                 "^Assertion failed: false \\(src, line [1-9][0-9]*\\)\n$");
+    EXPECT_DEATH(silenced([] { assertionFailed("x", "src"); }),
+                 "^Assertion failed: x \\(src, line 0\\)\n$");
 }
 
 // The default sink is configured once per process, so each configuration runs in a child.
@@ -84,14 +104,33 @@ TEST(LoggerTest, DefaultSinkWritesOneFlushedLinePerMessageWhereConfigured) {
             test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "1", "159 it's \"verbatim\""}),
             0);
         ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "4", "second"}), 0);
+        ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "2", "third"}), 0);
+        ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "libDataStore.X", "3", "fourth"}), 0);
     }
     std::string const content = test::readFile(logFile);
-    // <ISO time with milliseconds and offset> <PRIORITY> <logger>: <message>
-    EXPECT_TRUE(testing::internal::RE::PartialMatch(
-        content, testing::internal::RE("^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+[+-][0-9]{2}:[0-9]{2} "
-                                       "TRACE libDataStore.X: 159 it's \"verbatim\"\n")))
+    // <ISO time with milliseconds and offset> <PRIORITY> <logger>: <message>, nothing else.
+    std::string const stamp =
+        "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3}([+-][0-9]{2}:[0-9]{2}|Z)"
+        " ";
+    EXPECT_TRUE(testing::internal::RE::FullMatch(
+        content, testing::internal::RE(stamp + "TRACE libDataStore.X: 159 it's \"verbatim\"\n" +
+                                       stamp + "ERROR libDataStore.X: second\n" + stamp +
+                                       "NOTICE libDataStore.X: third\n" + stamp +
+                                       "WARNING libDataStore.X: fourth\n")))
         << content;
-    EXPECT_NE(content.find(" ERROR libDataStore.X: second\n"), std::string::npos) << content;
+
+    // A level by name in any case, or by number: warnings and errors only.
+    for (char const* warnings : {"Warning", "3"}) {
+        std::string const levelled = dir.file(std::string("level-") + warnings + ".log");
+        test::ScopedEnv file("ZRN_LOG_FILE", levelled.c_str());
+        test::ScopedEnv level("ZRN_LOG_LEVEL", warnings);
+        test::ScopedEnv noSettings("ZRN_SETTINGS_FILE", dir.file("none.ini").c_str());
+        ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "b", "2", "dropped"}), 0);
+        ASSERT_EQ(test::runProcess({ZRN_CHILD, "log", "b", "3", "kept"}), 0);
+        std::string const written = test::readFile(levelled);
+        EXPECT_EQ(written.find("dropped"), std::string::npos) << warnings << ": " << written;
+        EXPECT_NE(written.find(" WARNING b: kept\n"), std::string::npos) << warnings;
+    }
 
     // The settings file sets level and file; the environment wins over it.
     test::writeFile(settings,

@@ -49,6 +49,14 @@ TEST(StringTest, EqualNoCaseFoldsLettersOfSeveralScripts) {
     EXPECT_FALSE(String("OFF").equalNoCase("OF"));
     EXPECT_FALSE(String("FULL").equalNoCase("FULL "));
     EXPECT_FALSE(String("×").equalNoCase("÷"));  // not a letter pair
+    EXPECT_TRUE(String("ЁЖЏ").equalNoCase("ёжџ"));
+    // Three- and four-byte characters compare whole; a cut sequence is bytes of its own.
+    EXPECT_TRUE(String("€uro 😀x").equalNoCase("€URO 😀X"));
+    EXPECT_FALSE(String("€").equalNoCase("₭"));
+    EXPECT_FALSE(String("😀").equalNoCase("😁"));
+    EXPECT_FALSE(String("\xE2\x82").equalNoCase("\xE2\x83"));
+    EXPECT_TRUE(String("\xE2\x82").equalNoCase("\xE2\x82"));
+    EXPECT_FALSE(String("\xC3").equalNoCase("\xC4"));
     EXPECT_FALSE(String("2").equalNoCase("FULL"));
 }
 

@@ -85,6 +85,20 @@ TEST(DataStoreSettingsTest, FoldersDefaultToTheApplicationDirectoryAndChangeOneB
     EXPECT_EQ(DataStoreSettings::generalDataStoreFilePath().str(), "/var/lib/zrn/genstore.db");
     EXPECT_EQ(general.str(), "/var/lib/zrn/genstore.db");  // the earlier reference follows
     EXPECT_EQ(DataStoreSettings::eventDataStoreFilePath().str(), folder + "/event.db");
+
+    EXPECT_EQ(DataStoreSettings::generalDataStorePath().str(), "/var/lib/zrn");
+    for (auto getter :
+         {DataStoreSettings::softwareDiagEventDataStorePath,
+          DataStoreSettings::appStateDataStorePath, DataStoreSettings::profilerDataStorePath}) {
+        EXPECT_EQ(getter().str(), folder);
+    }
+    DataStoreSettings::setProfilerDataStorePath("/srv/profiles");
+    DataStoreSettings::setSoftwareDiagEventDataStorePath("/srv/diag/");
+    EXPECT_EQ(DataStoreSettings::profilerDataStorePath().str(), "/srv/profiles");
+    EXPECT_EQ(DataStoreSettings::profilerDataStoreFilePath().str(), "/srv/profiles/profiler.db");
+    EXPECT_EQ(DataStoreSettings::softwareDiagEventDataStoreFilePath().str(),
+              "/srv/diag/softwarediagevent.db");
+    EXPECT_EQ(DataStoreSettings::appStateDataStoreFilePath().str(), folder + "/appstate.db");
 }
 
 // Default openings on some threads while others move the folders: every store opens a file in
