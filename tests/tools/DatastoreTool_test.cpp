@@ -709,6 +709,13 @@ TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
              {{"alerts", "--since", "@" + std::string(60000, '1')},
               1,
               "' is too large for Unix seconds"},
+             // And so were long blank runs in the spoken forms.
+             {{"alerts", "--since", "yesterday" + std::string(60000, ' ') + "10:00"},
+              1,
+              "' is not a time: give a date"},
+             {{"alerts", "--until", "5" + std::string(60000, ' ') + "days ago"},
+              1,
+              "' is not a time: give a date"},
              {{"alerts", "--since", "2026-02-30"},
               1,
               "--since: '2026-02-30' is not a date: 2026-02 has 28 days"},

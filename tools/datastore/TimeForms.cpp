@@ -51,6 +51,9 @@ std::optional<long long> spanAgo(std::string const& text, long long now) {
 }  // namespace
 
 std::optional<long long> spokenTime(std::string const& text, long long now) {
+    // Every form fits in a few dozen characters. The regexes' blank runs are unbounded, and
+    // std::regex recurses once per character of such a run: a long one overflowed the stack.
+    if (text.size() > 64) return std::nullopt;
     if (auto const at = clockTime(text, now)) return at;
     return spanAgo(text, now);
 }
