@@ -5,6 +5,9 @@
 #include <libCommon/ZRNValue.h>
 #include <libDataStore/TimeStamp.h>
 
+#include <charconv>
+#include <cstring>
+
 #include "ModuleState.h"
 
 namespace zrn {
@@ -20,18 +23,29 @@ void appendIdentifier(std::string& out, String const& name) {
 
 void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
-    out.reserve(out.size() + text.byteSize() + 2);
-    out += quote;
-    // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
     std::string const& in = text.str();
-    std::size_t start = 0;
-    for (std::size_t at = in.find(quote); at != std::string::npos; at = in.find(quote, start)) {
-        out.append(in, start, at + 1 - start);
-        out += quote;
-        start = at + 1;
+    std::size_t quotes = 0;
+    for (char const* at = in.data();
+         (at = static_cast<char const*>(std::memchr(at, quote, in.data() + in.size() - at))) !=
+         nullptr;
+         ++at) {
+        ++quotes;
     }
-    out.append(in, start, std::string::npos);
-    out += quote;
+    // One growth to the final size, then one pass: a plain copy when there is nothing to double.
+    std::size_t const start = out.size();
+    out.resize(start + in.size() + quotes + 2);
+    char* to = &out[start];
+    *to++ = quote;
+    if (quotes == 0) {
+        std::memcpy(to, in.data(), in.size());
+        to += in.size();
+    } else {
+        for (char c : in) {
+            *to++ = c;
+            if (c == quote) *to++ = quote;
+        }
+    }
+    *to = quote;
 }
 
 String identifier(String const& name) {
@@ -95,11 +109,25 @@ void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> v
 // ---- Statements and clauses --------------------------------------------------------------
 
 String insert(String const& table, String const& columns, String const& values) {
-    return "INSERT INTO " + table + " (" + columns + ") VALUES(" + values + ");";
+    std::string out;
+    out.reserve(24 + table.byteSize() + columns.byteSize() + values.byteSize());
+    out.append("INSERT INTO ").append(table.str()).append(" (").append(columns.str());
+    out.append(") VALUES(").append(values.str()).append(");");
+    return String(std::move(out));
 }
 
 String insert(char const* table, char const* columns, std::initializer_list<String> values) {
-    return insert(String(table), String(columns), joined(values));
+    std::size_t const tableBytes = std::strlen(table);
+    std::size_t const columnBytes = std::strlen(columns);
+    std::size_t bytes = 24 + tableBytes + columnBytes;
+    for (String const& value : values) bytes += value.byteSize() + 1;
+    std::string out;
+    out.reserve(bytes);
+    out.append("INSERT INTO ").append(table, tableBytes).append(" (").append(columns, columnBytes);
+    out.append(") VALUES(");
+    join(out, values, ",", [](std::string& o, String const& value) { o += value.str(); });
+    out.append(");");
+    return String(std::move(out));
 }
 
 String index(char const* table, char const* column, char const* direction) {
@@ -146,7 +174,11 @@ std::string limit(long long limit) {
 
 // ---- Numbers and times -------------------------------------------------------------------
 
-String number(long long n) { return String(std::to_string(n)); }
+String number(long long n) {
+    char text[24];
+    auto const written = std::to_chars(text, text + sizeof text, n);
+    return String(text, static_cast<std::size_t>(written.ptr - text));
+}
 
 String real(double n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
 
