@@ -5,6 +5,7 @@
 #include <libCommon/ZRNValue.h>
 #include <libDataStore/TimeStamp.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -15,37 +16,38 @@ namespace sql {
 
 // ---- Quoting -----------------------------------------------------------------------------
 
+// The quote characters are one byte each: appended as characters, they need no call.
 void appendIdentifier(std::string& out, String const& name) {
-    out += module::backquote().str();
-    out += name.str();
-    out += module::backquote().str();
+    char const backquote = module::backquote().str()[0];
+    out.push_back(backquote);
+    out.append(name.str());
+    out.push_back(backquote);
 }
 
 void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
     std::string const& in = text.str();
-    std::size_t quotes = 0;
-    for (char const* at = in.data();
-         (at = static_cast<char const*>(std::memchr(at, quote, in.data() + in.size() - at))) !=
-         nullptr;
-         ++at) {
-        ++quotes;
-    }
-    // One growth to the final size, then one pass: a plain copy when there is nothing to double.
-    std::size_t const start = out.size();
-    out.resize(start + in.size() + quotes + 2);
-    char* to = &out[start];
-    *to++ = quote;
-    if (quotes == 0) {
-        std::memcpy(to, in.data(), in.size());
-        to += in.size();
+    char const* const first = in.data();
+    char const* const last = first + in.size();
+    char const* at = static_cast<char const*>(std::memchr(first, quote, in.size()));
+    // Grows once at most (geometrically, as appends do), when the caller did not reserve.
+    std::size_t const needed = out.size() + in.size() + 2;
+    if (needed > out.capacity()) out.reserve(std::max(needed + 8, 2 * out.capacity()));
+    out.push_back(quote);
+    if (!at) {
+        out.append(first, in.size());  // nothing to double: one copy
     } else {
-        for (char c : in) {
-            *to++ = c;
-            if (c == quote) *to++ = quote;
+        // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
+        char const* run = first;
+        for (; at; at = static_cast<char const*>(
+                       std::memchr(run, quote, static_cast<std::size_t>(last - run)))) {
+            out.append(run, static_cast<std::size_t>(at + 1 - run));
+            out.push_back(quote);
+            run = at + 1;
         }
+        out.append(run, static_cast<std::size_t>(last - run));
     }
-    *to = quote;
+    out.push_back(quote);
 }
 
 String identifier(String const& name) {
@@ -78,8 +80,8 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
                          std::string& values) {
     for (auto const& entry : row) {
         if (!names.empty()) {
-            names += module::comma().str();
-            values += module::comma().str();
+            names.push_back(module::comma().str()[0]);
+            values.push_back(module::comma().str()[0]);
         }
         appendIdentifier(names, entry.first);
         appendValue(values, entry.second);
@@ -101,7 +103,7 @@ void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> v
     ZRN_ASSERT(values.size() == m_order.size(), "sql::ColumnOrder");
     String const* const first = values.begin();
     for (std::size_t i = 0; i < m_order.size(); ++i) {
-        if (i) out += module::comma().str();
+        if (i) out.push_back(module::comma().str()[0]);
         appendValue(out, first[m_order[i]]);
     }
 }
