@@ -7,9 +7,11 @@
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -168,46 +171,100 @@ inline long peakMemoryKiB(std::function<void()> const& work) {
     return peak;
 }
 
+// CPU time of the calling thread, in microseconds: unlike the wall clock, neither the other
+// programs sharing the machine nor waits for the disk count.
+inline double threadCpuMicros() {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+}
+
+// Wall and thread CPU time of one call, added to the running totals.
+struct Spent {
+    double wall = 0;
+    double cpu = 0;
+    template <class Op>
+    void run(Op& op, long long i) {
+        using Clock = std::chrono::steady_clock;
+        double const cpu0 = threadCpuMicros();
+        auto const t0 = Clock::now();
+        op(i);
+        auto const t1 = Clock::now();
+        cpu += threadCpuMicros() - cpu0;
+        wall += std::chrono::duration<double, std::micro>(t1 - t0).count();
+    }
+};
+
+// The bytes of the C++ heap in use and their peak, counted by the replacement operator new and
+// delete that a program gets by defining ZRN_BENCH_COUNT_HEAP before including this header (in
+// its one source file). SQLite's own allocations (malloc) are not counted: both sides of a case
+// make them alike, and what a reader adds on top is its C++ objects.
+struct HeapCount {
+    static inline std::atomic<long long> inUse{0};
+    static inline std::atomic<long long> peak{0};
+    static inline bool counting = false;
+
+    static void add(void* block) {
+        if (!block) return;
+        long long const now = inUse += static_cast<long long>(::malloc_usable_size(block));
+        long long seen = peak.load(std::memory_order_relaxed);
+        while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+        }
+    }
+    static void remove(void* block) {
+        if (block) inUse -= static_cast<long long>(::malloc_usable_size(block));
+    }
+    // The peak bytes `work` held on top of what was in use when it started, in KiB.
+    template <class Work>
+    static double peakKiB(Work&& work) {
+        long long const base = inUse.load();
+        peak = base;
+        work();
+        return static_cast<double>(peak.load() - base) / 1024.0;
+    }
+};
+
 // Times `storeOp(i)` and `rawOp(i)` in the same loop: every iteration runs each once, alternating
-// which goes first, so drift in the machine's load hits both alike. Reports the mean times per
-// operation (store_us, raw_us) and ratio = store/raw. With `memory`, also runs each once more in a
-// child process and reports its peak memory (store_kib, raw_kib, memory = store/raw).
+// which goes first, so drift in the machine's load hits both alike. Reports the mean wall times
+// per operation (store_us, raw_us), ratio = store/raw, and the same for the thread's CPU time
+// (store_cpu_us, raw_cpu_us, cpu_ratio). With `memory`, also runs each once more in a child
+// process and reports its peak memory (store_kib, raw_kib, memory = store/raw).
 template <class StoreOp, class RawOp>
 void paired(benchmark::State& state, StoreOp storeOp, RawOp rawOp, bool memory = false) {
-    using Clock = std::chrono::steady_clock;
-    Clock::duration storeTime{};
-    Clock::duration rawTime{};
+    Spent store;
+    Spent raw;
     long long i = 0;
     for (auto _ : state) {
         if (i % 2 == 0) {
-            auto const t0 = Clock::now();
-            storeOp(i);
-            auto const t1 = Clock::now();
-            rawOp(i);
-            rawTime += Clock::now() - t1;
-            storeTime += t1 - t0;
+            store.run(storeOp, i);
+            raw.run(rawOp, i);
         } else {
-            auto const t0 = Clock::now();
-            rawOp(i);
-            auto const t1 = Clock::now();
-            storeOp(i);
-            storeTime += Clock::now() - t1;
-            rawTime += t1 - t0;
+            raw.run(rawOp, i);
+            store.run(storeOp, i);
         }
         ++i;
     }
     if (i == 0) return;
-    double const s = std::chrono::duration<double, std::micro>(storeTime).count();
-    double const r = std::chrono::duration<double, std::micro>(rawTime).count();
-    state.counters["store_us"] = s / static_cast<double>(i);
-    state.counters["raw_us"] = r / static_cast<double>(i);
-    state.counters["ratio"] = s / r;
+    double const n = static_cast<double>(i);
+    state.counters["store_us"] = store.wall / n;
+    state.counters["raw_us"] = raw.wall / n;
+    state.counters["ratio"] = store.wall / raw.wall;
+    state.counters["store_cpu_us"] = store.cpu / n;
+    state.counters["raw_cpu_us"] = raw.cpu / n;
+    state.counters["cpu_ratio"] = raw.cpu > 0 ? store.cpu / raw.cpu : 0;
     if (memory) {
         double const storeKiB = static_cast<double>(peakMemoryKiB([&] { storeOp(i); }));
         double const rawKiB = static_cast<double>(peakMemoryKiB([&] { rawOp(i); }));
         state.counters["store_kib"] = storeKiB;
         state.counters["raw_kib"] = rawKiB;
         state.counters["memory"] = rawKiB > 0 ? storeKiB / rawKiB : 0;
+        if (HeapCount::counting) {
+            double const storeHeap = HeapCount::peakKiB([&] { storeOp(i); });
+            double const rawHeap = HeapCount::peakKiB([&] { rawOp(i); });
+            state.counters["store_heap_kib"] = storeHeap;
+            state.counters["raw_heap_kib"] = rawHeap;
+            state.counters["heap"] = rawHeap > 0 ? storeHeap / rawHeap : 0;
+        }
     }
 }
 
@@ -229,17 +286,26 @@ public:
         }
     }
 
+    // Wall time, thread CPU time and, where measured, the peak resident memory of a child
+    // (KiB) and the peak heap bytes in use (heap KiB, counted by the program's allocator).
     void Finalize() override {
         ConsoleReporter::Finalize();
-        std::printf("\n%-46s %11s %11s %7s %11s %11s %7s\n", "case (median of repetitions)",
-                    "store us", "raw us", "ratio", "store KiB", "raw KiB", "memory");
+        std::printf("\n%-38s %10s %10s %6s %10s %10s %6s %9s %9s %6s %9s %9s %6s\n",
+                    "case (median of repetitions)", "store us", "raw us", "ratio", "store cpu",
+                    "raw cpu", "cpu", "store KiB", "raw KiB", "memory", "st heap", "raw heap",
+                    "heap");
         for (std::string const& name : m_order) {
             auto& s = m_samples[name];
-            std::printf("%-46s %11.2f %11.2f %7.3f", name.c_str(), median(s["store_us"]),
-                        median(s["raw_us"]), median(s["ratio"]));
+            std::printf("%-38s %10.1f %10.1f %6.3f %10.1f %10.1f %6.3f", name.c_str(),
+                        median(s["store_us"]), median(s["raw_us"]), median(s["ratio"]),
+                        median(s["store_cpu_us"]), median(s["raw_cpu_us"]), median(s["cpu_ratio"]));
             if (s.count("memory")) {
-                std::printf(" %11.0f %11.0f %7.3f", median(s["store_kib"]), median(s["raw_kib"]),
+                std::printf(" %9.0f %9.0f %6.3f", median(s["store_kib"]), median(s["raw_kib"]),
                             median(s["memory"]));
+            }
+            if (s.count("heap")) {
+                std::printf(" %9.0f %9.0f %6.3f", median(s["store_heap_kib"]),
+                            median(s["raw_heap_kib"]), median(s["heap"]));
             }
             std::printf("\n");
         }
@@ -271,3 +337,18 @@ inline int runPaired(int argc, char** argv) {
 
 }  // namespace bench
 }  // namespace zrn
+
+#ifdef ZRN_BENCH_COUNT_HEAP
+// Every C++ allocation of the program passes here; sized and aligned forms forward to these.
+void* operator new(std::size_t size) {
+    void* block = std::malloc(size ? size : 1);
+    if (!block) throw std::bad_alloc();
+    zrn::bench::HeapCount::add(block);
+    return block;
+}
+void operator delete(void* block) noexcept {
+    zrn::bench::HeapCount::remove(block);
+    std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+#endif

@@ -228,17 +228,8 @@ void SQLite3Database::run(String const& sql, ResultSet* result,
             }
             result->addRow(std::move(cells));
         } else if (onRow) {
-            // The cells keep their storage from row to row: no allocation per cell once the
-            // longest text of each column has been seen.
-            for (int i = 0; i < columns; ++i) {
-                auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
-                String& cell = streamed.m_cells[static_cast<std::size_t>(i)];
-                if (text) {
-                    cell.assign(text, static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
-                } else {
-                    cell.clear();
-                }
-            }
+            // The row reads its cells from the statement as they are asked for.
+            streamed.streamFrom(raw);
             (*onRow)(streamed);
         }
     }

@@ -278,15 +278,12 @@ std::map<String, String> AppStateDataStore::getItems(String const& group) const 
         sql::Where where;
         if (!group.empty()) where.add(sql::identifier("filterGroup"), " = ", sql::value(group));
         statement += where.text();
-        ResultSet result;
-        {
-            StoreLock lock(module::appStateStoreMutex(), m_reader.get());
-            table().database()->execute(statement, &result);
-        }
-        for (unsigned int i = 0; i < result.rowCount(); ++i) {
-            ResultSetRow const& row = result.row(static_cast<int>(i));
-            items[row.columnValue(0)] = row.columnValue(1);
-        }
+        // Each item goes into the map as SQLite steps to its row: no copy of the whole result
+        // is held next to the map.
+        StoreLock lock(module::appStateStoreMutex(), m_reader.get());
+        table().database()->forEachRow(statement, [&](ResultSetRow const& row) {
+            items.insert_or_assign(row.columnValue(0), row.columnValue(1));
+        });
     } catch (...) {
         logAt(logger(), ERROR, [&] {
             return LoggerStream() + "300 " +

@@ -128,26 +128,24 @@ bool EventDataStore::appCell(long long appId, char const* column, String& value)
 std::vector<TestRunResultLog> EventDataStore::testRuns(String const& statement) const {
     SQLite3Database& database = *m_testRunDataStore->database();
     return records<TestRunResultLog>(statement, [&](ResultSetRow const& row) {
-        return TestRunResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
-                                row.columnValue(2), row.columnValue(3), row.columnValue(4),
-                                row.columnValue(5), row.columnValue(6), row.columnValue(7),
-                                sql::timePoint(row.columnValue(8)),
-                                String::strToUInt(row.columnValue(9), 10), database);
+        return TestRunResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                                row.columnValue(3), row.columnValue(4), row.columnValue(5),
+                                row.columnValue(6), row.columnValue(7), sql::timePoint(row, 8),
+                                row.uintValue(9), database);
     });
 }
 
 std::vector<TipResultLog> EventDataStore::tips(String const& statement) const {
     return records<TipResultLog>(statement, [&](ResultSetRow const& row) {
         return TipResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                            row.columnValue(3), row.columnValue(4),
-                            sql::timePoint(row.columnValue(5)));
+                            row.columnValue(3), row.columnValue(4), sql::timePoint(row, 5));
     });
 }
 
 std::vector<TestRunEventResultLog> EventDataStore::events(String const& statement) const {
     return records<TestRunEventResultLog>(statement, [&](ResultSetRow const& row) {
         return TestRunEventResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                                     row.columnValue(3), sql::timePoint(row.columnValue(4)));
+                                     row.columnValue(3), sql::timePoint(row, 4));
     });
 }
 
@@ -253,10 +251,9 @@ std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<Ev
     statement += sql::limit(limit);
 
     return records<ScriptResultLog>(String(std::move(statement)), [&](ResultSetRow const& row) {
-        return ScriptResultLog(
-            String::strToInt64(row.columnValue(0), 10), row.columnValue(1), row.columnValue(2),
-            sql::timePoint(row.columnValue(3)), sql::timePoint(row.columnValue(4)),
-            String::strToUInt(row.columnValue(5), 10), row.columnValue(6), row.columnValue(7));
+        return ScriptResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                               sql::timePoint(row, 3), sql::timePoint(row, 4), row.uintValue(5),
+                               row.columnValue(6), row.columnValue(7));
     });
 }
 
@@ -336,10 +333,9 @@ std::vector<AlertResultLog> EventDataStore::alertResultLogs(EventTimePoint from,
                              sql::limit(limit);
 
     return records<AlertResultLog>(statement, [&](ResultSetRow const& row) {
-        return AlertResultLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
-                              row.columnValue(2), row.columnValue(3), row.columnValue(4),
-                              row.columnValue(5), row.columnValue(6),
-                              sql::timePoint(row.columnValue(7)));
+        return AlertResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                              row.columnValue(3), row.columnValue(4), row.columnValue(5),
+                              row.columnValue(6), sql::timePoint(row, 7));
     });
 }
 
@@ -387,7 +383,7 @@ std::vector<ScriptletResultLog> EventDataStore::scriptletResultLogs(
 
     return records<ScriptletResultLog>(statement, [&](ResultSetRow const& row) {
         return ScriptletResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                                  row.columnValue(3), sql::timePoint(row.columnValue(4)));
+                                  row.columnValue(3), sql::timePoint(row, 4));
     });
 }
 
@@ -406,12 +402,9 @@ std::vector<MeasurementLog> EventDataStore::measurementLogs(EventTimePoint from,
         " ASC" + sql::limit(limit);
 
     return records<MeasurementLog>(statement, [&](ResultSetRow const& row) {
-        return MeasurementLog(
-            row.columnValue(0), sql::timePoint(row.columnValue(1)),
-            sql::timePoint(row.columnValue(2)), sql::timePoint(row.columnValue(3)),
-            String::strToReal64(row.columnValue(4)), String::strToReal64(row.columnValue(5)),
-            String::strToReal64(row.columnValue(6)), String::strToReal64(row.columnValue(7)),
-            String::strToUInt(row.columnValue(8), 10));
+        return MeasurementLog(row.columnValue(0), sql::timePoint(row, 1), sql::timePoint(row, 2),
+                              sql::timePoint(row, 3), row.realValue(4), row.realValue(5),
+                              row.realValue(6), row.realValue(7), row.uintValue(8));
     });
 }
 

@@ -328,12 +328,10 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
         String const statement = logsStatement(filter);
         // Held for the per-log queries too, so a concurrent logOrUpdate is never seen half done.
         StoreLock lock(module::generalStoreMutex(), m_reader.get());
-        ResultSet result;
-        m_database->execute(statement, &result);
-        for (unsigned int i = 0; i < result.rowCount(); ++i) {
-            ResultSetRow const& row = result.row(static_cast<int>(i));
-            // The outer result stays held (these queries run on the same connection while it
-            // is read); the key-values of each log are made as they are stepped to.
+        // Each log is made as SQLite steps to its row, its key-values read by a second
+        // statement on the same connection while the first one waits on that row: no copy of
+        // the whole result is held next to the list.
+        m_database->forEachRow(statement, [&](ResultSetRow const& row) {
             LogKeyValueSet keyValues;
             m_database->forEachRow("SELECT * from " + sql::identifier(kKeyValueTable) + " WHERE " +
                                        sql::identifier("setID") + " = " +
@@ -342,7 +340,7 @@ GenericLogList GeneralDataStore::getLogs(GenericLogFilter const& filter) const {
                                        keyValues.append(LogKeyValue::fromDbRow(stored));
                                    });
             logs.append(GenericLog::fromDbRow(row, keyValues));
-        }
+        });
     } catch (Exception const& e) {
         // The logs read before the failure are kept: a partial list is the intended outcome.
         logAt(logger(), ERROR,

@@ -45,11 +45,10 @@ LogKeyValue LogKeyValue::fromDbRow(ResultSetRow const& row) {
                    "LogKeyValue::fromDbRow() row column count is less than required";
         });
     }
-    return LogKeyValue(String::strToInt64(row.columnValue(String("setID")), 10),
-                       row.columnValue(String("key")), row.columnValue(String("value")),
-                       TimeStamp::fromUnixTimeStamp(
-                           String::strToInt64(row.columnValue(String("updateTimeStamp")), 10)),
-                       String::strToInt64(row.columnValue(String("tracked")), 10) > 0);
+    return LogKeyValue(row.int64Value(String("setID")), row.columnValue(String("key")),
+                       row.columnValue(String("value")),
+                       TimeStamp::fromUnixTimeStamp(row.int64Value(String("updateTimeStamp"))),
+                       row.int64Value(String("tracked")) > 0);
 }
 
 void LogKeyValue::toRowData(HashTable<String, String>& row, long long setId, bool /*ignored*/,
@@ -176,12 +175,9 @@ GenericLog GenericLog::fromDbRow(ResultSetRow const& row, LogKeyValueSet const& 
                    "GenericLog::fromDbRow() row column count is less than required";
         });
     }
-    auto seconds = [&](int index) {
-        return TimeStamp::fromUnixTimeStamp(String::strToInt64(row.columnValue(index), 10));
-    };
-    return GenericLog(String::strToInt64(row.columnValue(0), 10), row.columnValue(1),
-                      row.columnValue(2), row.columnValue(3), row.columnValue(4), seconds(5),
-                      seconds(6),
+    auto seconds = [&](int index) { return TimeStamp::fromUnixTimeStamp(row.int64Value(index)); };
+    return GenericLog(row.int64Value(0), row.columnValue(1), row.columnValue(2), row.columnValue(3),
+                      row.columnValue(4), seconds(5), seconds(6),
                       static_cast<unsigned int>(String::strToUInt64(row.columnValue(8), 10)),
                       String::strToUInt64(row.columnValue(7), 10) != 0, keyValues);
 }

@@ -260,16 +260,40 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
 
 void RowWriter::append(SQLiteDataStore& table, sql::ColumnOrder const& order,
                        std::initializer_list<String> values) {
-    std::string list;
-    std::size_t bytes = 0;
-    for (String const& value : values) bytes += value.byteSize() + 3;  // quotes and a comma
-    list.reserve(bytes);
-    order.appendValues(list, values);
-    table.appendLists(order.size(), order.names(), list);
+    table.checkAppendCount(order.size());
+    // The whole statement in one buffer, reserved once: every value may gain two quotes and a
+    // comma (doubled quotes inside may still grow it).
+    static char const kPrefix[] = "INSERT OR REPLACE INTO ";
+    std::size_t bytes = sizeof kPrefix + table.m_tableName.byteSize() + order.names().size() + 16;
+    for (String const& value : values) bytes += value.byteSize() + 3;
+    std::string statement;
+    statement.reserve(bytes);
+    statement += kPrefix;
+    sql::appendIdentifier(statement, table.m_tableName);
+    statement += " (";
+    statement += order.names();
+    statement += ") VALUES(";
+    order.appendValues(statement, values);
+    statement += ")";
+    table.runAppend(std::move(statement));
 }
 
 void SQLiteDataStore::appendLists(std::size_t n, std::string const& names,
                                   std::string const& values) {
+    checkAppendCount(n);
+    std::string statement = "INSERT OR REPLACE INTO ";
+    statement.reserve(statement.size() + m_tableName.byteSize() + names.size() + values.size() +
+                      16);
+    sql::appendIdentifier(statement, m_tableName);
+    statement += " (";
+    statement += names;
+    statement += ") VALUES(";
+    statement += values;
+    statement += ")";
+    runAppend(std::move(statement));
+}
+
+void SQLiteDataStore::checkAppendCount(std::size_t n) const {
     std::size_t const c = m_columns.size();
     if (n > c) {
         String const message = "Cannot append data to " + dbFilePath() + " table: " + m_tableName +
@@ -285,16 +309,9 @@ void SQLiteDataStore::appendLists(std::size_t n, std::string const& names,
                    "; column count = " + decimal(c);
         });
     }
+}
 
-    std::string statement = "INSERT OR REPLACE INTO ";
-    statement.reserve(statement.size() + m_tableName.byteSize() + names.size() + values.size() +
-                      16);
-    sql::appendIdentifier(statement, m_tableName);
-    statement += " (";
-    statement += names;
-    statement += ") VALUES(";
-    statement += values;
-    statement += ")";
+void SQLiteDataStore::runAppend(std::string statement) {
     String const text(std::move(statement));
     logAt(logger(), TRACE, [&] { return LoggerStream() + "227 " + "Append SQL Command: " + text; });
     connection().execute(text);

@@ -20,12 +20,10 @@ void checkColumnCount(ResultSetRow const& row, unsigned int required, char const
 
 // Identifiers go through the unsigned 32-bit conversion even though the fields are 64-bit:
 // an id past 4294967295 does not come back unchanged, which is accepted.
-long long idAt(ResultSetRow const& row, int index) {
-    return String::strToUInt(row.columnValue(index), 10);
-}
+long long idAt(ResultSetRow const& row, int index) { return row.uintValue(index); }
 
 TimeStamp timeAt(ResultSetRow const& row, int index) {
-    return TimeStamp::fromUnixTimeStamp(String::strToInt64(row.columnValue(index), 10));
+    return TimeStamp::fromUnixTimeStamp(row.int64Value(index));
 }
 
 String const& textAt(ResultSetRow const& row, int index) { return row.columnValue(index); }
@@ -103,8 +101,7 @@ IssueLog::IssueLog(long long issueId, long long sessionId, long long softwareDia
 IssueLog IssueLog::fromDbRow(ResultSetRow const& row) {
     checkColumnCount(row, 6, "IssueLog::fromDbRow() row column count is less than 6: ");
     // Made through DateTime rather than TimeStamp::fromUnixTimeStamp; the value is the same.
-    TimeStamp const timeStamp(
-        DateTime::fromUnixTimeStamp(String::strToInt64(row.columnValue(5), 10)));
+    TimeStamp const timeStamp(DateTime::fromUnixTimeStamp(row.int64Value(5)));
     return IssueLog(idAt(row, 0), idAt(row, 1), idAt(row, 2), textAt(row, 3), textAt(row, 4),
                     timeStamp);
 }
@@ -125,7 +122,7 @@ FixActionLog::FixActionLog(long long fixActionId, long long sessionId, FixAction
 FixActionLog FixActionLog::fromDbRow(ResultSetRow const& row) {
     checkColumnCount(row, 8, "FixActionLog::fromDbRow() row column count is less than 8: ");
     // Every unsigned 32-bit value is a valid FixActionState (fixed underlying type).
-    auto const state = static_cast<FixActionState>(String::strToUInt(row.columnValue(2), 10));
+    auto const state = static_cast<FixActionState>(row.uintValue(2));
     return FixActionLog(idAt(row, 0), idAt(row, 1), state, textAt(row, 3), textAt(row, 4),
                         textAt(row, 5), timeAt(row, 6), timeAt(row, 7));
 }

@@ -5,6 +5,10 @@
 #include <libCommon/ZRNValue.h>
 #include <libDataStore/TimeStamp.h>
 
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
 #include "ModuleState.h"
 
 namespace zrn {
@@ -12,26 +16,38 @@ namespace sql {
 
 // ---- Quoting -----------------------------------------------------------------------------
 
+// The quote characters are one byte each: appended as characters, they need no call.
 void appendIdentifier(std::string& out, String const& name) {
-    out += module::backquote().str();
-    out += name.str();
-    out += module::backquote().str();
+    char const backquote = module::backquote().str()[0];
+    out.push_back(backquote);
+    out.append(name.str());
+    out.push_back(backquote);
 }
 
 void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
-    out.reserve(out.size() + text.byteSize() + 2);
-    out += quote;
-    // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
     std::string const& in = text.str();
-    std::size_t start = 0;
-    for (std::size_t at = in.find(quote); at != std::string::npos; at = in.find(quote, start)) {
-        out.append(in, start, at + 1 - start);
-        out += quote;
-        start = at + 1;
+    char const* const first = in.data();
+    char const* const last = first + in.size();
+    char const* at = static_cast<char const*>(std::memchr(first, quote, in.size()));
+    // Grows once at most (geometrically, as appends do), when the caller did not reserve.
+    std::size_t const needed = out.size() + in.size() + 2;
+    if (needed > out.capacity()) out.reserve(std::max(needed + 8, 2 * out.capacity()));
+    out.push_back(quote);
+    if (!at) {
+        out.append(first, in.size());  // nothing to double: one copy
+    } else {
+        // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
+        char const* run = first;
+        for (; at; at = static_cast<char const*>(
+                       std::memchr(run, quote, static_cast<std::size_t>(last - run)))) {
+            out.append(run, static_cast<std::size_t>(at + 1 - run));
+            out.push_back(quote);
+            run = at + 1;
+        }
+        out.append(run, static_cast<std::size_t>(last - run));
     }
-    out.append(in, start, std::string::npos);
-    out += quote;
+    out.push_back(quote);
 }
 
 String identifier(String const& name) {
@@ -64,8 +80,8 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
                          std::string& values) {
     for (auto const& entry : row) {
         if (!names.empty()) {
-            names += module::comma().str();
-            values += module::comma().str();
+            names.push_back(module::comma().str()[0]);
+            values.push_back(module::comma().str()[0]);
         }
         appendIdentifier(names, entry.first);
         appendValue(values, entry.second);
@@ -87,7 +103,7 @@ void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> v
     ZRN_ASSERT(values.size() == m_order.size(), "sql::ColumnOrder");
     String const* const first = values.begin();
     for (std::size_t i = 0; i < m_order.size(); ++i) {
-        if (i) out += module::comma().str();
+        if (i) out.push_back(module::comma().str()[0]);
         appendValue(out, first[m_order[i]]);
     }
 }
@@ -95,11 +111,25 @@ void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> v
 // ---- Statements and clauses --------------------------------------------------------------
 
 String insert(String const& table, String const& columns, String const& values) {
-    return "INSERT INTO " + table + " (" + columns + ") VALUES(" + values + ");";
+    std::string out;
+    out.reserve(24 + table.byteSize() + columns.byteSize() + values.byteSize());
+    out.append("INSERT INTO ").append(table.str()).append(" (").append(columns.str());
+    out.append(") VALUES(").append(values.str()).append(");");
+    return String(std::move(out));
 }
 
 String insert(char const* table, char const* columns, std::initializer_list<String> values) {
-    return insert(String(table), String(columns), joined(values));
+    std::size_t const tableBytes = std::strlen(table);
+    std::size_t const columnBytes = std::strlen(columns);
+    std::size_t bytes = 24 + tableBytes + columnBytes;
+    for (String const& value : values) bytes += value.byteSize() + 1;
+    std::string out;
+    out.reserve(bytes);
+    out.append("INSERT INTO ").append(table, tableBytes).append(" (").append(columns, columnBytes);
+    out.append(") VALUES(");
+    join(out, values, ",", [](std::string& o, String const& value) { o += value.str(); });
+    out.append(");");
+    return String(std::move(out));
 }
 
 String index(char const* table, char const* column, char const* direction) {
@@ -146,7 +176,11 @@ std::string limit(long long limit) {
 
 // ---- Numbers and times -------------------------------------------------------------------
 
-String number(long long n) { return String(std::to_string(n)); }
+String number(long long n) {
+    char text[24];
+    auto const written = std::to_chars(text, text + sizeof text, n);
+    return String(text, static_cast<std::size_t>(written.ptr - text));
+}
 
 String real(double n) { return ZRNValue(n).toString(ZRNValue::nilValue()); }
 

@@ -136,6 +136,10 @@ String real(double n);
 String seconds(EventTimePoint time);
 // A cell holding decimal seconds back as a time point; an empty cell gives the zero point.
 EventTimePoint timePoint(String const& cell);
+// The same for cell `index` of `row`, read as a number where the row can.
+inline EventTimePoint timePoint(ResultSetRow const& row, int index) {
+    return EventTimePoint(EventTimePoint::duration(row.int64Value(index)));
+}
 inline bool isZero(EventTimePoint time) { return time.time_since_epoch().count() == 0; }
 
 // ---- Reading results ---------------------------------------------------------------------

@@ -4,18 +4,62 @@
 
 namespace zrn {
 
-// Time stamps are made for every row a query reads: the DateTime and its count share one
-// allocation.
-TimeStamp::TimeStamp() : m_dateTime(Handle::make()) {}
+namespace {
+
+// A DateTime too far from 1970 to be held in the word, with the count of its owners.
+struct SharedDateTime {
+    long owners;
+    DateTime value;
+};
+
+// Bits 1 and 2 of an inline value; its seconds start at bit 3.
+std::uint64_t const kInitialised = 2;
+std::uint64_t const kUtc = 4;
+long long const kInlineLimit = 1LL << 60;
+
+static_assert(sizeof(SharedDateTime*) <= sizeof(std::uint64_t), "a pointer fits in the word");
+static_assert(alignof(SharedDateTime) % 2 == 0, "a pointer leaves the lowest bit clear");
+
+SharedDateTime* block(std::uint64_t word) {
+    return reinterpret_cast<SharedDateTime*>(static_cast<std::uintptr_t>(word));
+}
+
+std::uint64_t wordFor(DateTime const& value) {
+    if (!value.isInitialized()) return 1;
+    long long const seconds = value.unixTimeStamp();
+    if (seconds >= -kInlineLimit && seconds < kInlineLimit) {
+        return (static_cast<std::uint64_t>(seconds) << 3) |
+               (value.kind() == DateTime::UTC ? kUtc : 0) | kInitialised | 1;
+    }
+    return static_cast<std::uint64_t>(
+        reinterpret_cast<std::uintptr_t>(new SharedDateTime{1, value}));
+}
+
+}  // namespace
 
 TimeStamp::TimeStamp(long long unixSeconds)
-    : m_dateTime(Handle::make(DateTime::fromUnixTimeStamp(unixSeconds))) {}
+    : m_word(wordFor(DateTime::fromUnixTimeStamp(unixSeconds))) {}
 
-TimeStamp::TimeStamp(DateTime const& dateTime) : m_dateTime(Handle::make(dateTime)) {}
+TimeStamp::TimeStamp(DateTime const& dateTime) : m_word(wordFor(dateTime)) {}
 
-TimeStamp::TimeStamp(Handle handle) : m_dateTime(std::move(handle)) {}
+// An empty handle reads as uninitialised.
+TimeStamp::TimeStamp(Handle handle) : TimeStamp(handle ? *handle : DateTime()) {}
 
-TimeStamp::~TimeStamp() = default;
+void TimeStamp::retain() const { ++block(m_word)->owners; }
+
+void TimeStamp::release() {
+    SharedDateTime* const shared = block(m_word);
+    if (--shared->owners == 0) delete shared;
+}
+
+DateTime TimeStamp::dateTime() const {
+    if (shared()) return block(m_word)->value;
+    if (!(m_word & kInitialised)) return DateTime();
+    // The seconds are the word's upper bits, sign included.
+    auto const seconds = static_cast<long long>(m_word) >> 3;
+    DateTime const utc = DateTime::fromUnixTimeStamp(seconds);
+    return m_word & kUtc ? utc : utc.toLocalTime();
+}
 
 TimeStamp TimeStamp::getCurrentTimeStamp() { return TimeStamp(DateTime::getCurrentDateTime()); }
 
@@ -24,12 +68,6 @@ TimeStamp TimeStamp::getCurrentUTCTimeStamp() {
 }
 
 TimeStamp TimeStamp::fromUnixTimeStamp(long long unixSeconds) { return TimeStamp(unixSeconds); }
-
-DateTime const& TimeStamp::dateTime() const {
-    static DateTime const uninitialised;
-    // A moved-from TimeStamp holds no DateTime; it reads as uninitialised.
-    return m_dateTime ? *m_dateTime : uninitialised;
-}
 
 long long TimeStamp::getUnixTimeStamp() const { return dateTime().unixTimeStamp(); }
 

@@ -65,6 +65,44 @@ TEST(OrderedHashTableTest, KeepsInsertionOrderThroughReplaceAndRemove) {
     EXPECT_EQ(order, (std::vector<std::string>{"key=BLOB", "value=TEXT"}));
 }
 
+// Small tables are searched in order, larger ones through an index built when they outgrow
+// the limit: inserts, replacements, look-ups and removals must agree with a plain list on both
+// sides of it and across it, in both directions.
+TEST(OrderedHashTableTest, SearchesInOrderOrByIndexAlikeAcrossTheLimit) {
+    OrderedHashTable<String, int> table;
+    std::vector<std::pair<std::string, int>> expected;
+    auto check = [&](char const* when) {
+        ASSERT_EQ(table.size(), expected.size()) << when;
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(table.keyAt(i).str(), expected[i].first) << when;
+            ASSERT_NE(table.lookup(expected[i].first), nullptr) << when;
+            EXPECT_EQ(*table.lookup(expected[i].first), expected[i].second) << when;
+        }
+        EXPECT_FALSE(table.contains("absent")) << when;
+        EXPECT_FALSE(table.contains("Key 1")) << when;  // exact comparison
+    };
+    std::size_t const limit = OrderedHashTable<String, int>::kLinearLimit;
+    for (int i = 0; i < static_cast<int>(2 * limit); ++i) {
+        table.insert("key " + std::to_string(i), i);
+        expected.emplace_back("key " + std::to_string(i), i);
+        if (i % 3 == 0) {
+            table.insert("key 0", -i);  // replaced in place
+            expected[0].second = -i;
+        }
+        check("growing");
+    }
+    while (!expected.empty()) {
+        std::size_t const victim = expected.size() / 2;
+        EXPECT_TRUE(table.remove(expected[victim].first));
+        EXPECT_FALSE(table.remove(expected[victim].first));
+        expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(victim));
+        check("shrinking");
+        table.insert("late", 99);  // appended after the others, then removed again
+        EXPECT_EQ(table.keyAt(table.size() - 1), "late");
+        EXPECT_TRUE(table.remove("late"));
+    }
+}
+
 TEST(OrderedHashTableDeathTest, IndexPastTheEndStopsTheProcess) {
     OrderedHashTable<String, String> columns;
     columns.insert("a", "TEXT");

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -112,6 +114,87 @@ TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
     db.close();
     EXPECT_NE(errorOf([&] { db.forEachRow(select, [](ResultSetRow const&) {}); }).find("closed"),
               std::string::npos);
+}
+
+// The number readers of a streamed row read SQLite's numbers directly; they must give exactly
+// what parsing SQLite's text of the same cell gives, for every kind of cell: reals whose text
+// (15 significant digits) does not read back as the stored value, integers past 18 digits and
+// past 32 bits, negative zero, texts and NULL. A copy of a streamed row keeps its texts.
+TEST(SQLite3DatabaseTest, StreamedNumberReadersGiveWhatTheTextGives) {
+    SQLite3Database db(":memory:", SQLite3Database::OFF);
+    db.execute("CREATE TABLE t (v)");
+    std::vector<std::string> const values = {"0",
+                                             "-0.0",
+                                             "0.0",
+                                             "1",
+                                             "-1",
+                                             "42",
+                                             "4294967295",
+                                             "4294967296",
+                                             "-4294967297",
+                                             "999999999999999",
+                                             "1000000000000000",
+                                             "999999999999999999",
+                                             "1000000000000000000",
+                                             "-1000000000000000000",
+                                             "9223372036854775807",
+                                             "-9223372036854775808",
+                                             "71.5",
+                                             "0.1 + 0.2",
+                                             "1.0 / 3",
+                                             "2.0 / 3 * 1e300",
+                                             "1e-300 / 7",
+                                             "123456789012345.67",
+                                             "12345678901234.5",
+                                             "-55.125",
+                                             "1e15",
+                                             "1e16",
+                                             "1.5e300",
+                                             "9e999",
+                                             "-9e999",
+                                             "'12abc'",
+                                             "' 7'",
+                                             "'0x1f'",
+                                             "'3.25'",
+                                             "NULL",
+                                             "x'41'"};
+    db.execute("BEGIN");
+    for (std::string const& v : values) db.execute("INSERT INTO t VALUES (" + v + ")");
+    // Doubles of every magnitude with random digits (a fixed sequence, the same every run).
+    unsigned long long state = 88172645463325252ULL;
+    for (int i = 0; i < 2000; ++i) {
+        state ^= state << 13, state ^= state >> 7, state ^= state << 17;
+        double value = 0;
+        unsigned long long const bits = (state & ~(0x7ffULL << 52)) | ((state % 2046 + 1) << 52);
+        std::memcpy(&value, &bits, sizeof value);
+        db.execute("INSERT INTO t VALUES (" + std::to_string(i % 3 ? value : value * 0) + ")");
+        char text[40];
+        std::snprintf(text, sizeof text, "%.17g", value);
+        db.execute(std::string("INSERT INTO t VALUES (") + text + ")");
+        std::snprintf(text, sizeof text, "%.*g", 1 + i % 16, value);
+        db.execute(std::string("INSERT INTO t VALUES (") + text + ")");
+        db.execute("INSERT INTO t VALUES (" + std::to_string(static_cast<long long>(state)) + ")");
+    }
+    db.execute("COMMIT");
+    ResultSet texts;
+    db.execute("SELECT v, v, v FROM t", &texts);
+    unsigned int at = 0;
+    std::vector<ResultSetRow> copies;
+    db.forEachRow("SELECT v, v, v FROM t", [&](ResultSetRow const& row) {
+        ResultSetRow const& text = texts.row(static_cast<int>(at++));
+        String const& cell = text.columnValue(0);
+        EXPECT_EQ(row.int64Value(0), String::strToInt64(cell, 10)) << cell;
+        EXPECT_EQ(row.uintValue(1), String::strToUInt(cell, 10)) << cell;
+        double const expected = String::strToReal64(cell);
+        double const real = row.realValue(2);
+        EXPECT_EQ(std::memcmp(&real, &expected, sizeof real), 0) << cell << " read " << real;
+        if (at % 500 == 1) copies.push_back(row);
+    });
+    EXPECT_EQ(at, texts.rowCount());
+    ASSERT_EQ(copies.size(), 17u);
+    EXPECT_EQ(copies[0].columnValue(2).str(), "0");
+    EXPECT_EQ(copies[0].int64Value(1), 0);
+    EXPECT_EQ(copies[1].columnValue(0), texts.row(500).columnValue(0));
 }
 
 TEST(SQLite3DatabaseTest, RefusesASecondStatementAndRunsNothingOfIt) {

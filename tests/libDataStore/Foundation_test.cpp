@@ -8,6 +8,7 @@
 #include <libDataStore/TimeStamp.h>
 
 #include <atomic>
+#include <climits>
 #include <ctime>
 #include <filesystem>
 #include <thread>
@@ -39,6 +40,44 @@ TEST(TimeStampTest, InitialisationEqualityAndDisplay) {
     EXPECT_EQ(TimeStamp(1636012987).toLocalTime().toString().str(), "2021-11-04T09:03:07+01:00");
     TimeStamp const now = TimeStamp::getCurrentUTCTimeStamp();
     EXPECT_LE(std::abs(now.getUnixTimeStamp() - static_cast<long long>(std::time(nullptr))), 2);
+}
+
+// Values near 1970 are held in the handle's word, values beyond 2^60 seconds on the heap with a
+// count: both must read back whole, keep their kind, survive copies, assignments and moves,
+// and free the shared value with the last owner (checked under the sanitizer builds).
+TEST(TimeStampTest, EveryInstantAndKindSurvivesCopiesAndMoves) {
+    test::ScopedEnv zone("TZ", "Europe/Berlin");
+    tzset();
+    long long const limit = 1LL << 60;
+    for (long long seconds : {0LL, -1LL, 1LL, -1636012987LL, limit - 1, -limit, limit, -limit - 1,
+                              LLONG_MAX, LLONG_MIN}) {
+        TimeStamp const utc(seconds);
+        EXPECT_EQ(utc.getUnixTimeStamp(), seconds);
+        TimeStamp local = utc.toLocalTime();
+        EXPECT_EQ(local, utc);
+        EXPECT_EQ(local.getUnixTimeStamp(), seconds);
+        if (std::llabs(seconds) < 100000000000LL) {  // calendar texts only for real dates
+            EXPECT_EQ(utc.toString(), DateTime::fromUnixTimeStamp(seconds).toString());
+            EXPECT_EQ(local.toString(),
+                      DateTime::fromUnixTimeStamp(seconds).toLocalTime().toString());
+            EXPECT_NE(local.toString(), utc.toString());
+        }
+        TimeStamp copy = local;
+        TimeStamp assigned(7);
+        assigned = copy;
+        assigned = assigned;  // NOLINT: self-assignment keeps the value
+        EXPECT_EQ(assigned.getUnixTimeStamp(), seconds);
+        TimeStamp moved = std::move(copy);
+        EXPECT_FALSE(copy.isInitialized());  // NOLINT: moved from
+        EXPECT_EQ(moved.getUnixTimeStamp(), seconds);
+        local = std::move(moved);
+        EXPECT_FALSE(moved.isInitialized());  // NOLINT: moved from
+        EXPECT_EQ(local.getUnixTimeStamp(), seconds);
+        EXPECT_NE(TimeStamp(seconds ^ 1), utc);
+    }
+    EXPECT_EQ(TimeStamp(DateTime()), TimeStamp());
+    EXPECT_EQ(TimeStamp(DateTime("2020-05-06T10:00:00+02:00")).toString(),
+              DateTime("2020-05-06T10:00:00+02:00").toString());
 }
 
 template <class E>

@@ -68,7 +68,8 @@ public:
     // returned row to `onRow` as SQLite steps to it, so a long result is never held whole in
     // memory. The row object is reused for every row: it is valid only during the call, and
     // its cells read as with execute(). An exception from `onRow` ends the statement and
-    // propagates. `onRow` must not use this connection.
+    // propagates. `onRow` may run other statements on this connection (SQLite keeps this one
+    // waiting on its row meanwhile) but must not close it.
     void forEachRow(String const& sql, std::function<void(ResultSetRow const&)> const& onRow);
 
     // The rowid of the last row inserted through this connection.

@@ -131,6 +131,10 @@ private:
 
     // append() once the row's column and value lists are made: `columns` entries.
     void appendLists(std::size_t columns, std::string const& names, std::string const& values);
+    // The halves of appendLists: the column-count checks (failure and warning), and the trace
+    // and run of the finished statement.
+    void checkAppendCount(std::size_t columns) const;
+    void runAppend(std::string statement);
     void buildColumns(SQLiteDataStoreColumnSpec const* columns, String const& path);
     void init();
     // The two halves of init(): ALTER TABLE for each declared column the file's table lacks,
