@@ -15,6 +15,7 @@
 #include "RowWriter.h"
 #include "SqlText.h"
 #include "StoreSupport.h"
+#include "StoreVersions.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -27,7 +28,7 @@ namespace {
 
 // ---- Schema ------------------------------------------------------------------------------
 
-int const kCurrentVersion = 3;
+int const kCurrentVersion = schema::kEventVersion;
 
 SQLiteDataStoreColumnSpec const kVersioning[] = {{"version", "INTEGER PRIMARY KEY"},
                                                  {nullptr, nullptr}};

@@ -16,6 +16,7 @@
 #include "ReaderLock.h"
 #include "SqlText.h"
 #include "StoreSupport.h"
+#include "StoreVersions.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -51,7 +52,7 @@ SQLiteDataStoreColumnSpec const kKeyValueColumns[] = {
     {"updateTimeStamp", "INTEGER"}, {nullptr, nullptr},
 };
 
-int const kSchemaVersion = 1;
+int const kSchemaVersion = schema::kGeneralVersion;
 
 // The version row, the two unique indexes and the view of a new file, in that order.
 void createSchema(SQLite3Database& db) {

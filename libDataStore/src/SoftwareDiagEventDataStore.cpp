@@ -17,6 +17,7 @@
 #include "ReaderLock.h"
 #include "SqlText.h"
 #include "StoreSupport.h"
+#include "StoreVersions.h"
 #include "Transaction.h"
 
 namespace zrn {
@@ -76,7 +77,7 @@ SQLiteDataStoreColumnSpec const kIssueFixActionColumns[] = {{"issueFixActionId",
                                                             {"fixActionId", "INTEGER"},
                                                             {nullptr, nullptr}};
 
-int const kSchemaVersion = 1;
+int const kSchemaVersion = schema::kSoftwareDiagVersion;
 
 struct IndexDefinition {
     char const* table;

@@ -2,16 +2,14 @@
 // writing to a damaged file.
 
 #include <libCommon/FileSystem.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 #include <libDataStore/AppStateDataStore.h>
 #include <libDataStore/EventDataStore.h>
 #include <libDataStore/GeneralDataStore.h>
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
-#include <set>
-#include <sstream>
 #include <type_traits>
 
 #include "Commands.h"
@@ -20,33 +18,6 @@
 namespace datastore {
 
 namespace {
-
-struct Schema {
-    char const* versionTable;  // nullptr: the store keeps no version
-    int version;
-    std::vector<char const*> tables;
-};
-
-Schema schemaOf(Store store) {
-    switch (store) {
-        case Store::AppState:
-            return {nullptr, -1, {"AppState"}};
-        case Store::General:
-            return {"Version", 1, {"Version", "GenericLog", "KeyValues"}};
-        case Store::Event:
-            return {"Versioning",
-                    3,
-                    {"Versioning", "ApplicationRuns", "ScriptRuns", "ScriptSpecs", "TestRuns",
-                     "TestRunEvents", "TestRunTips", "AlertTips", "AlertKeyValues", "ScriptletRuns",
-                     "Alerts", "ProfilerDiffs", "Measurements"}};
-        case Store::SoftwareDiag:
-            return {"Versioning",
-                    1,
-                    {"Versioning", "Sessions", "RunTransactions", "FixTransactions",
-                     "SoftwareDiagnostics", "Issues", "FixActions", "Issues_FixActions"}};
-    }
-    return {nullptr, -1, {}};
-}
 
 template <class StoreClass>
 std::string askStore(std::string const& path, zrn::ReadOnly const& reader, int& version) {
@@ -87,50 +58,50 @@ std::string storeValidity(std::string const& path, Store store, zrn::ReadOnly co
     return "";
 }
 
+namespace {
+
+// The first three findings name the damage well enough for a message on one line; the count
+// says how much more there is.
+void addIntegrity(std::vector<std::string>& damage, std::vector<std::string> const& findings) {
+    for (std::size_t i = 0; i < findings.size() && i < 3; ++i)
+        damage.push_back("integrity: " + findings[i]);
+    if (findings.size() > 3)
+        damage.push_back(std::to_string(findings.size() - 3) + " more integrity findings");
+}
+
+// What the library's own description of the store says is missing or different.
+void addSchema(std::vector<std::string>& damage, zrn::StoreIdentity const& identity,
+               zrn::StoreFacts const& facts) {
+    for (std::string const& table : identity.missingTables)
+        damage.push_back("missing table " + table);
+    bool const versionTablePresent =
+        facts.versionTable &&
+        std::find(identity.missingTables.begin(), identity.missingTables.end(),
+                  facts.versionTable) == identity.missingTables.end();
+    if (versionTablePresent && identity.version != facts.schemaVersion) {
+        damage.push_back(
+            "schema version " +
+            (identity.version < 0 ? std::string("missing") : std::to_string(identity.version)) +
+            ", expected " + std::to_string(facts.schemaVersion));
+    }
+}
+
+}  // namespace
+
 std::vector<std::string> storeDamage(std::string const& path, Store store,
                                      zrn::ReadOnly const& reader) {
     std::vector<std::string> damage;
+    zrn::StoreFacts const& facts = zrn::factsOf(store);
     try {
-        auto const database = openReadOnly(path, reader);
-        zrn::ResultSet rows;
-        database->execute("PRAGMA integrity_check", &rows);
-        // SQLite may answer in one row of many lines: the first three findings name the
-        // damage well enough for a message on one line, the count says how much more there is.
-        std::vector<std::string> findings;
-        for (unsigned i = 0; i < rows.rowCount(); ++i) {
-            std::istringstream lines(rows.row(static_cast<int>(i)).columnValue(0).str());
-            for (std::string line; std::getline(lines, line);) {
-                if (line != "ok" && line.rfind("*** in database", 0) != 0) findings.push_back(line);
-            }
+        zrn::StoreReader file(path, reader);
+        addIntegrity(damage, file.integrityCheck());
+        zrn::StoreIdentity identity = file.identify();
+        if (!identity.kind || *identity.kind != store) {
+            // Not this store at all: every table of it is missing.
+            identity.missingTables.assign(facts.tables.begin(), facts.tables.end());
         }
-        for (std::size_t i = 0; i < findings.size() && i < 3; ++i)
-            damage.push_back("integrity: " + findings[i]);
-        if (findings.size() > 3)
-            damage.push_back(std::to_string(findings.size() - 3) + " more integrity findings");
-        zrn::ResultSet names;
-        database->execute("SELECT `name` FROM `sqlite_master` WHERE `type` = 'table'", &names);
-        std::set<std::string> present;
-        for (unsigned i = 0; i < names.rowCount(); ++i)
-            present.insert(names.row(static_cast<int>(i)).columnValue(0).str());
-        Schema const schema = schemaOf(store);
-        for (char const* table : schema.tables) {
-            if (!present.count(table)) damage.push_back(std::string("missing table ") + table);
-        }
-        if (schema.versionTable && present.count(schema.versionTable)) {
-            zrn::ResultSet version;
-            database->execute(
-                zrn::String(std::string("SELECT `version` FROM `") + schema.versionTable + "`"),
-                &version);
-            std::string const found =
-                version.rowCount() > 0 ? version.row(0).columnValue(0).str() : "";
-            if (found != std::to_string(schema.version)) {
-                damage.push_back("schema version " + (found.empty() ? "missing" : found) +
-                                 ", expected " + std::to_string(schema.version));
-            }
-        }
-    } catch (ToolError const& e) {
-        damage.push_back(e.what());
-    } catch (zrn::Exception const& e) {
+        addSchema(damage, identity, facts);
+    } catch (zrn::StoreReadError const& e) {
         damage.push_back(e.getMessage().str());
     }
     QuietLog::takeFirstError();
@@ -138,6 +109,51 @@ std::vector<std::string> storeDamage(std::string const& path, Store store,
 }
 
 namespace {
+
+// One store file's record; its problems, if any, are added to `damaged`.
+Json checkOne(Options const& options, Store store, std::string const& path,
+              std::vector<std::string>& damaged) {
+    Json record{{"store", fileNameOf(store)}, {"path", path}};
+    if (!zrn::FileSystem::exists(path)) {
+        record["status"] = "absent";
+        record["version"] = nullptr;
+        return record;
+    }
+    std::vector<std::string> problems = storeDamage(path, store, readOnly(options));
+    int version = -1;
+    // The store itself is asked only about a file that is whole: a store's own checks
+    // assume the pages they read are sound.
+    if (problems.empty()) {
+        std::string const invalid = storeValidity(path, store, readOnly(options), version);
+        if (!invalid.empty()) problems.push_back("invalid: " + invalid);
+    }
+    std::string joined;
+    for (auto const& problem : problems) joined += (joined.empty() ? "" : "; ") + problem;
+    record["status"] = problems.empty() ? "ok" : "damaged";
+    record["version"] = version >= 0 ? Json(version) : Json();
+    if (!problems.empty()) {
+        record["problem"] = joined;
+        damaged.push_back(path + ": damaged: " + joined);
+    }
+    return record;
+}
+
+// The store a --file is: the one whose tables it has, else (too damaged to tell) the one
+// whose file name it has. Neither: ToolError(STORE).
+Store storeOfFile(Options const& options, std::string const& path) {
+    if (!zrn::FileSystem::exists(path)) throw ToolError(STORE, path + ": no such store file");
+    try {
+        zrn::StoreReader reader(path, readOnly(options));
+        if (auto const kind = reader.identify().kind) return *kind;
+    } catch (zrn::StoreReadError const& e) {
+        if (e.cause() == zrn::StoreReadError::Cause::Locked) readFailure(e);
+    }
+    std::string const name = std::filesystem::path(path).filename().string();
+    for (zrn::StoreFacts const& facts : zrn::storeFamily()) {
+        if (name == facts.fileName) return facts.kind;
+    }
+    throw ToolError(STORE, path + ": not a store file (it has the tables of none of the stores)");
+}
 
 void check(Options const& options) {
     RecordPrinter printer({{"store", "STORE"},
@@ -147,32 +163,17 @@ void check(Options const& options) {
                            {"problem", "PROBLEM"}},
                           options.json);
     std::vector<std::string> damaged;
-    for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag}) {
-        std::string const path = storePath(options, store);
-        Json record{{"store", fileNameOf(store)}, {"path", path}};
-        if (!zrn::FileSystem::exists(path)) {
-            record["status"] = "absent";
-            record["version"] = nullptr;
-            printer.add(std::move(record));
-            continue;
-        }
-        std::vector<std::string> problems = storeDamage(path, store, readOnly(options));
-        int version = -1;
-        // The store itself is asked only about a file that is whole: a store's own checks
-        // assume the pages they read are sound.
-        if (problems.empty()) {
-            std::string const invalid = storeValidity(path, store, readOnly(options), version);
-            if (!invalid.empty()) problems.push_back("invalid: " + invalid);
-        }
-        std::string joined;
-        for (auto const& problem : problems) joined += (joined.empty() ? "" : "; ") + problem;
-        record["status"] = problems.empty() ? "ok" : "damaged";
-        record["version"] = version >= 0 ? Json(version) : Json();
-        if (!problems.empty()) {
-            record["problem"] = joined;
-            damaged.push_back(path + ": damaged: " + joined);
-        }
-        printer.add(std::move(record));
+    if (!options.file.empty()) {
+        std::string const path = storePath(options, Store::Event);
+        printer.add(checkOne(options, storeOfFile(options, path), path, damaged));
+    } else {
+        // A folder that is not there holds no healthy stores.
+        std::string const folder = options.dir.empty() ? defaultFolder(Store::Event) : options.dir;
+        if (!std::filesystem::is_directory(folder))
+            throw ToolError(STORE,
+                            folder + ": no such folder (give the stores' folder with --dir)");
+        for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag})
+            printer.add(checkOne(options, store, storePath(options, store), damaged));
     }
     printer.print(std::cout);
     if (damaged.empty()) return;
@@ -187,8 +188,9 @@ void check(Options const& options) {
 void addCheckCommand(CLI::App& app, Options& options) {
     CLI::App* c = app.add_subcommand(
         "check",
-        "Each store file's integrity, validity, schema version and tables; exit 3 when any "
-        "store is damaged (never creates or repairs a store)");
+        "Each store file's integrity, validity, schema version and tables (with --file, the "
+        "store that file is); exit 3 when any store is damaged, 2 when the folder or file is "
+        "not there (never creates or repairs a store)");
     addLocationOptions(*c, options);
     addJsonOption(*c, options);
     c->footer("Example: datastore check --dir /var/lib/diagnostics/datastore && echo healthy");

@@ -5,21 +5,17 @@
 #include <archive_entry.h>
 #include <libCommon/FileSystem.h>
 #include <openssl/evp.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <thread>
 
 #include "Commands.h"
 #include "Output.h"
-#include "RawStore.h"
 
 namespace datastore {
 
@@ -51,33 +47,6 @@ private:
     std::string m_path;
 };
 
-// Copies the store at `source` to `target` through the online backup API, all pages in one
-// step: the copy is one committed state of the file, never a transaction half written. A
-// writer holding the file makes the step busy; it is retried until `waitMs` has passed.
-void backup(RawStore& source, std::string const& target, int waitMs) {
-    sqlite3* copy = nullptr;
-    if (sqlite3_open_v2(target.c_str(), &copy, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                        nullptr) != SQLITE_OK) {
-        std::string const why = copy ? sqlite3_errmsg(copy) : "out of memory";
-        sqlite3_close_v2(copy);
-        throw ToolError(STORE, target + ": cannot create: " + why);
-    }
-    std::unique_ptr<sqlite3, int (*)(sqlite3*)> const closer(copy, sqlite3_close_v2);
-    sqlite3_backup* job = sqlite3_backup_init(copy, "main", source.handle(), "main");
-    if (!job) throw ToolError(STORE, source.path() + ": cannot copy: " + sqlite3_errmsg(copy));
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
-    int rc;
-    while ((rc = sqlite3_backup_step(job, -1)) == SQLITE_BUSY || rc == SQLITE_LOCKED) {
-        if (std::chrono::steady_clock::now() > deadline) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    sqlite3_backup_finish(job);
-    if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED)
-        throw ToolError(STORE, source.path() + ": locked by another program (see --wait)");
-    if (rc != SQLITE_DONE)
-        throw ToolError(STORE, source.path() + ": cannot copy: " + sqlite3_errstr(rc));
-}
-
 std::string sha256Of(std::string const& bytes) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -97,27 +66,79 @@ std::string readAll(std::string const& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// What the manifest says of one copy: its tables' rows and the schema version it keeps
-// (null for a store that keeps none, the application state).
+// What the manifest says of one copy: its integrity ("ok" or SQLite's findings), its tables'
+// rows and the schema version it keeps (null for a store that keeps none, the application
+// state). A copy too damaged to read says so in "problem".
 Json describe(std::string const& copyPath) {
-    RawStore copy(copyPath, 0);
     Json rows = Json::object();
     Json version;
-    for (std::string const& table : copy.tables()) {
-        rows[table] = copy.number("SELECT COUNT(*) FROM `" + table + "`");
-        if (table == "Versioning" || table == "Version")
-            version = copy.number("SELECT `version` FROM `" + table + "` LIMIT 1");
+    Json integrity = "ok";
+    try {
+        zrn::StoreReader copy(copyPath, zrn::ReadOnly{});
+        std::vector<std::string> const findings = copy.integrityCheck(20);
+        if (!findings.empty()) integrity = findings;
+        int const kept = copy.identify().version;
+        if (kept >= 0) version = kept;
+        for (std::string const& table : copy.tableNames()) {
+            try {
+                rows[table] = copy.table(table).rows;
+            } catch (zrn::StoreReadError const&) {
+                rows[table] = nullptr;  // unreadable: the integrity findings say why
+            }
+        }
+    } catch (zrn::StoreReadError const& e) {
+        if (integrity == "ok")
+            integrity = Json::array({e.getMessage().str().substr(copyPath.size() + 2)});
     }
-    return Json{{"schemaVersion", version}, {"rows", rows}};
+    return Json{{"integrity", integrity}, {"schemaVersion", version}, {"rows", rows}};
+}
+
+// Copies the store at `path` into `target`: through SQLite's online backup, one committed
+// state even while the suite records; a file the backup cannot read is copied byte for byte,
+// as it is, which is what a support engineer needs of a damaged store. Returns how.
+std::string copyStore(std::string const& path, std::string const& target,
+                      zrn::ReadOnly const& options) {
+    try {
+        zrn::StoreReader(path, options).backupTo(target);
+        return "backup";
+    } catch (zrn::StoreReadError const& e) {
+        if (e.cause() == zrn::StoreReadError::Cause::Locked) readFailure(e);
+    }
+    std::error_code error;
+    std::filesystem::copy_file(path, target, std::filesystem::copy_options::overwrite_existing,
+                               error);
+    if (error) throw ToolError(STORE, path + ": cannot copy: " + error.message());
+    return "bytes";
+}
+
+// The archive a bundle's name asks for.
+enum class Bundle { TarGz, Tar, Zip };
+
+bool endsWith(std::string const& text, char const* end) {
+    std::string const tail = end;
+    return text.size() > tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// A name that asks for something else is refused before anything is copied.
+Bundle bundleOf(std::string const& name) {
+    if (endsWith(name, ".tar.gz") || endsWith(name, ".tgz")) return Bundle::TarGz;
+    if (endsWith(name, ".tar")) return Bundle::Tar;
+    if (endsWith(name, ".zip")) return Bundle::Zip;
+    throw ToolError(USAGE, "--out " + name + ": a bundle is a .tar.gz, .tgz, .tar or .zip");
 }
 
 class ArchiveWriter {
 public:
-    explicit ArchiveWriter(std::string const& path) : m_path(path), m_archive(archive_write_new()) {
+    ArchiveWriter(std::string const& path, Bundle kind)
+        : m_path(path), m_archive(archive_write_new()) {
         // pax: long names and exact sizes; gzip: what a support ticket takes.
-        if (archive_write_set_format_pax_restricted(m_archive) != ARCHIVE_OK ||
-            archive_write_add_filter_gzip(m_archive) != ARCHIVE_OK ||
-            archive_write_open_filename(m_archive, path.c_str()) != ARCHIVE_OK)
+        bool const ready = kind == Bundle::Zip
+                               ? archive_write_set_format_zip(m_archive) == ARCHIVE_OK
+                               : archive_write_set_format_pax_restricted(m_archive) == ARCHIVE_OK &&
+                                     (kind == Bundle::Tar ||
+                                      archive_write_add_filter_gzip(m_archive) == ARCHIVE_OK);
+        if (!ready || archive_write_open_filename(m_archive, path.c_str()) != ARCHIVE_OK)
             fail("cannot write: ");
     }
     ~ArchiveWriter() { archive_write_free(m_archive); }
@@ -151,32 +172,50 @@ private:
     struct archive* m_archive;
 };
 
+struct Collected {
+    Json files = Json::array();
+    std::vector<std::pair<std::string, std::string>> contents;
+    std::vector<std::string> damaged;
+};
+
+// Copies one store into the scratch folder and describes the copy in `collected`.
+void collectStore(Options const& options, Store store, ScratchFolder const& scratch,
+                  Collected& collected) {
+    std::string const path = storePath(options, store);
+    std::string const name = fileNameOf(store);
+    std::string const copyPath = scratch.file(name);
+    std::string const how = copyStore(path, copyPath, readOnly(options));
+    std::string bytes = readAll(copyPath);
+    Json file{{"name", name}, {"size", bytes.size()}, {"sha256", sha256Of(bytes)}, {"copy", how}};
+    file.update(describe(copyPath));
+    if (file["integrity"] != "ok") collected.damaged.push_back(path);
+    collected.files.push_back(std::move(file));
+    collected.contents.emplace_back(name, std::move(bytes));
+}
+
 void collect(Options const& options, CollectArgs const& args) {
-    int const waitMs = static_cast<int>(readOnly(options).wait.count());
+    Bundle const kind = bundleOf(args.out);
     ScratchFolder scratch;
     std::time_t const now = std::time(nullptr);
-    Json files = Json::array();
-    RecordPrinter printer({{"name", "FILE"}, {"size", "BYTES"}, {"sha256", "SHA256", 0, true}},
-                          options.json);
-    std::vector<std::pair<std::string, std::string>> contents;
+    Collected collected;
     for (Store store : {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag}) {
-        std::string const path = storePath(options, store);
-        if (!zrn::FileSystem::exists(path)) continue;
-        existingStorePath(options, store);
-        std::string const name = fileNameOf(store);
-        std::string const copyPath = scratch.file(name);
-        {
-            RawStore source(path, waitMs);
-            backup(source, copyPath, waitMs);
-        }
-        std::string bytes = readAll(copyPath);
-        Json file{{"name", name}, {"size", bytes.size()}, {"sha256", sha256Of(bytes)}};
-        file.update(describe(copyPath));
-        printer.add(Json{{"name", name}, {"size", file["size"]}, {"sha256", file["sha256"]}});
-        files.push_back(std::move(file));
-        contents.emplace_back(name, std::move(bytes));
+        if (zrn::FileSystem::exists(storePath(options, store)))
+            collectStore(options, store, scratch, collected);
     }
-    if (contents.empty()) existingStorePath(options, Store::Event);  // says why: none there
+    if (collected.contents.empty()) existingStorePath(options, Store::Event);  // says why
+    Json const& files = collected.files;
+    auto const& contents = collected.contents;
+    RecordPrinter printer({{"name", "FILE"},
+                           {"size", "BYTES"},
+                           {"integrity", "INTEGRITY"},
+                           {"sha256", "SHA256", 0, true}},
+                          options.json);
+    for (Json const& file : files) {
+        printer.add(Json{{"name", file["name"]},
+                         {"size", file["size"]},
+                         {"integrity", file["integrity"] == "ok" ? "ok" : "damaged"},
+                         {"sha256", file["sha256"]}});
+    }
     Json const manifest{{"tool", "datastore"},
                         {"toolVersion", DATASTORE_VERSION},
                         {"host", hostName()},
@@ -185,7 +224,7 @@ void collect(Options const& options, CollectArgs const& args) {
     // Written beside the target and renamed: a bundle that exists is always a whole one.
     std::string const partial = args.out + ".partial";
     try {
-        ArchiveWriter archive(partial);
+        ArchiveWriter archive(partial, kind);
         for (auto const& [name, bytes] : contents) archive.add(name, bytes, now);
         archive.add("manifest.json", manifest.dump(2) + "\n", now);
         archive.close();
@@ -198,6 +237,11 @@ void collect(Options const& options, CollectArgs const& args) {
     std::filesystem::rename(partial, args.out, error);
     if (error) throw ToolError(STORE, args.out + ": cannot write: " + error.message());
     printer.print(std::cout);
+    if (collected.damaged.empty()) return;
+    std::cout.flush();
+    for (std::size_t i = 0; i + 1 < collected.damaged.size(); ++i)
+        std::cerr << "datastore: " << collected.damaged[i] << ": damaged (collected as it is)\n";
+    throw ToolError(DAMAGED, collected.damaged.back() + ": damaged (collected as it is)");
 }
 
 }  // namespace
@@ -207,8 +251,9 @@ void addCollectCommand(CLI::App& app, Options& options) {
     CLI::App* c = app.add_subcommand(
         "collect",
         "Writes a support bundle: consistent copies of the stores (SQLite's online backup, "
-        "safe while the suite records) and manifest.json (each file's size, sha256, schema "
-        "version and rows per table, the tool's version, host and time) in one .tar.gz");
+        "safe while the suite records; a damaged file as it is) and manifest.json (each "
+        "file's size, sha256, integrity, schema version and rows per table, the tool's "
+        "version, host and time) in one .tar.gz (or .tgz, .tar, .zip, as --out's name asks)");
     addDirOption(*c, options);
     addJsonOption(*c, options);
     addWaitOption(*c, options);
@@ -216,7 +261,8 @@ void addCollectCommand(CLI::App& app, Options& options) {
     c->footer(
         "Example: datastore collect --out /tmp/support-$(hostname).tar.gz\n"
         "Exit codes: 0 success, 1 usage error, 2 store error or a bundle that cannot be "
-        "written (no bundle is left then).");
+        "written (no bundle is left then), 3 a damaged store (the bundle is written, the "
+        "manifest names the damage).");
     c->callback([&options] { collect(options, args); });
 }
 

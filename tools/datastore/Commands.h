@@ -33,7 +33,7 @@ void addReportCommand(CLI::App& app, Options& options);
 std::string storeValidity(std::string const& path, Store store, zrn::ReadOnly const& reader,
                           int& version);
 
-// The damage `PRAGMA integrity_check`, the schema version and the expected tables find in the
+// The damage the integrity check, the schema version and the expected tables find in the
 // store file at `path`, read through a read-only connection; empty when there is none.
 std::vector<std::string> storeDamage(std::string const& path, Store store,
                                      zrn::ReadOnly const& reader);

@@ -5,8 +5,6 @@
 #include <libCommon/GlobalMutex.h>
 #include <libCommon/Logger.h>
 #include <libCommon/Resource.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 
 #include <algorithm>
 #include <cctype>
@@ -19,24 +17,13 @@
 #include <system_error>
 
 #include "Output.h"
+#include "TimeForms.h"
 
 namespace datastore {
 
 // ---- Store locations
 
-char const* fileNameOf(Store store) {
-    switch (store) {
-        case Store::AppState:
-            return "appstate.db";
-        case Store::General:
-            return "genstore.db";
-        case Store::Event:
-            return "event.db";
-        case Store::SoftwareDiag:
-            return "softwarediagevent.db";
-    }
-    return "";
-}
+char const* fileNameOf(Store store) { return zrn::factsOf(store).fileName; }
 
 std::string storeNameOf(Store store) {
     std::string const name = fileNameOf(store);
@@ -113,30 +100,9 @@ zrn::ReadOnly readOnly(Options const& options) {
 
 std::string notThisStore(std::string const& path, Store store, zrn::ReadOnly const& options) {
     // The table every file of the store has; a database without it belongs to something else.
-    char const* table = "";
-    char const* kind = "";
-    switch (store) {
-        case Store::AppState:
-            table = "AppState", kind = "an application-state store";
-            break;
-        case Store::General:
-            table = "GenericLog", kind = "a general store";
-            break;
-        case Store::Event:
-            table = "ApplicationRuns", kind = "an event store";
-            break;
-        case Store::SoftwareDiag:
-            table = "Sessions", kind = "a software-diagnostics store";
-            break;
-    }
-    auto const database = openReadOnly(path, options);
-    zrn::ResultSet rows;
-    database->execute(zrn::String(std::string("SELECT count(*) FROM `sqlite_master` WHERE `type` = "
-                                              "'table' AND `name` = '") +
-                                  table + "'"),
-                      &rows);
-    if (rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0") return "";
-    return std::string("not ") + kind + " (it has no " + table + " table)";
+    zrn::StoreFacts const& facts = zrn::factsOf(store);
+    if (zrn::StoreReader(path, options).hasTable(facts.markerTable)) return "";
+    return std::string("not ") + facts.description + " (it has no " + facts.markerTable + " table)";
 }
 
 std::string existingStorePath(Options const& options, Store store) {
@@ -194,17 +160,6 @@ std::string recordingStorePath(Options const& options, Store store) {
     return path;
 }
 
-std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
-                                                   zrn::ReadOnly const& options) {
-    return openOrFail(path, [&] {
-        zrn::SQLite3Database::ReaderOptions reader;
-        reader.busyTimeoutMs =
-            static_cast<int>(std::clamp<long long>(options.wait.count(), 0, INT_MAX));
-        reader.immutable = options.immutable;
-        return std::make_unique<zrn::SQLite3Database>(zrn::String(path), reader);
-    });
-}
-
 // ---- Times
 
 namespace {
@@ -255,6 +210,7 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay) 
     if (text == "now") return now;
     if (text == "today") return day(localMidnight(0), 0);
     if (text == "yesterday") return day(localMidnight(1), 1);
+    if (auto const spoken = spokenTime(text, now)) return *spoken;
 
     std::smatch m;
     static std::regex const relative("-([0-9]{1,9})([smhdw])");
@@ -334,8 +290,11 @@ TimeRange timeRange(Options const& options) {
 // ---- Options
 
 void addDirOption(CLI::App& command, Options& options) {
+    // The help names the rule, not the folder it gives here: the manual page is made from it
+    // on the build machine.
     command.add_option("--dir", options.dir,
-                       "Folder of all stores (default: " + defaultFolder(Store::Event) + ")");
+                       "Folder of all stores (default: $DATASTORE_DIR, else "
+                       "$XDG_DATA_HOME/datastore, else ~/.local/share/datastore)");
 }
 
 void addLocationOptions(CLI::App& command, Options& options) {
@@ -406,7 +365,8 @@ void addLimitOption(CLI::App& command, Options& options) {
 void addRangeOptions(CLI::App& command, Options& options) {
     command.add_option("--since", options.since,
                        "From this time: 2026-11-23, 2026-11-23T14:05[:00][+01:00|Z], now, "
-                       "today, yesterday, -30m, -12h, -7d, -2w, Unix seconds (9+ digits or @N)");
+                       "today, yesterday, -30m, -12h, -7d, -2w, 10:00, \"yesterday 14:00\", "
+                       "\"3 days ago\", Unix seconds (9+ digits or @N)");
     command.add_option("--until", options.until,
                        "Up to this time (a date: the whole day); the forms of --since");
 }
@@ -491,6 +451,14 @@ void libraryFailure(std::string const& path, std::string const& what, zrn::Excep
                                    "SECONDS waits longer)");
     }
     storeFailure(path, what + message);
+}
+
+void readFailure(zrn::StoreReadError const& e) {
+    QuietLog::takeFirstError();
+    std::string message = e.getMessage().str();
+    if (e.cause() == zrn::StoreReadError::Cause::Locked)
+        message += " (gave up waiting; --wait SECONDS waits longer)";
+    throw ToolError(STORE, message);
 }
 
 void storeFailure(std::string const& path, std::string const& what) {

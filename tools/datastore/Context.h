@@ -5,6 +5,7 @@
 
 #include <libCommon/Exception.h>
 #include <libDataStore/ReadOnly.h>
+#include <libDataStore/StoreReader.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -12,10 +13,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-namespace zrn {
-class SQLite3Database;
-}
 
 namespace datastore {
 
@@ -34,7 +31,8 @@ private:
     ExitCode m_code;
 };
 
-enum class Store { AppState, General, Event, SoftwareDiag };
+// The four stores, as the library names them.
+using Store = zrn::StoreKind;
 
 struct Options {
     std::string dir;    // the folder of all stores; empty: the default folder
@@ -92,14 +90,22 @@ std::string notThisStore(std::string const& path, Store store,
 // creating is seen either not at all or with its whole schema, never half made.
 std::string recordingStorePath(Options const& options, Store store);
 
-// A read-only connection to an existing store file, for what no store operation reads
-// (application runs, table sizes). Never creates or writes any file. Failure: ToolError(STORE).
-std::unique_ptr<zrn::SQLite3Database> openReadOnly(std::string const& path,
-                                                   zrn::ReadOnly const& options = zrn::ReadOnly{});
+// Runs `read` (reading through a zrn::StoreReader) and turns a failure to read into a
+// ToolError(STORE) whose message names the file; a writer holding the file past --wait says so.
+[[noreturn]] void readFailure(zrn::StoreReadError const& e);
+template <class Read>
+auto readOrFail(Read&& read) -> decltype(read()) {
+    try {
+        return std::forward<Read>(read)();
+    } catch (zrn::StoreReadError const& e) {
+        readFailure(e);
+    }
+}
 
 // --since / --until as Unix seconds, 0 for a bound not given. Accepts ISO 8601 dates
 // ("2026-11-23": local midnight for --since, the day's last second for --until), date-times
-// with or without an offset, now, today, yesterday, relative times (-30m, -12h, -7d, -2w) and
+// with or without an offset, now, today, yesterday, relative times (-30m, -12h, -7d, -2w),
+// journalctl's forms ("10:00", "yesterday 14:00", "3 days ago") and
 // Unix seconds (9 or more digits, or any number after '@'). Bad text, impossible dates or
 // offsets, or --since after --until: ToolError(USAGE).
 struct TimeRange {

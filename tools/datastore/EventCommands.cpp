@@ -2,8 +2,6 @@
 // events and tips, failures, alerts with their key/values and tips, measurements, profiler
 // diffs and scriptlet results.
 
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 #include <libDataStore/EventDataStore.h>
 
 #include <algorithm>
@@ -78,19 +76,15 @@ FollowFilter followFilter(EventArgs const& args) {
 void apps(Options const& options, EventArgs const& args) {
     if (args.follow) return followApps(options, followFilter(args));
     TimeRange const range = timeRange(options);
-    EventStore store(options);
-    // The store answers questions about one run but has no reader that lists them; the
-    // table is read directly, read-only.
-    zrn::ResultSet rows;
-    auto const database = openReadOnly(store.path(), readOnly(options));
-    try {
-        database->execute(
-            "SELECT `appId`,`name`,`userName`,`typeOfRun`,`startTime`,`endTime` "
-            "FROM `ApplicationRuns` ORDER BY CAST(`startTime` AS INTEGER) DESC, `appId` DESC",
-            &rows);
-    } catch (zrn::Exception const& e) {
-        storeFailure(store.path(), "cannot read the application runs: " + e.getMessage().str());
-    }
+    std::string const path = existingStorePath(options, Store::Event);
+    std::vector<zrn::ApplicationRunRow> runs = readOrFail([&] {
+        zrn::StoreReader reader(path, readOnly(options));
+        return zrn::applicationRuns(reader);
+    });
+    // Newest first; runs started in the same second by id.
+    std::sort(runs.begin(), runs.end(), [](auto const& a, auto const& b) {
+        return a.startTime != b.startTime ? a.startTime > b.startTime : a.appId > b.appId;
+    });
     RecordPrinter printer({{"appId", "RUN"},
                            {"name", "APPLICATION"},
                            {"userName", "USER"},
@@ -99,22 +93,20 @@ void apps(Options const& options, EventArgs const& args) {
                            {"end", "ENDED", 2},
                            {"seconds", "SECONDS", 1}},
                           options.json);
-    for (unsigned i = 0; i < rows.rowCount(); ++i) {
-        zrn::ResultSetRow const& row = rows.row(static_cast<int>(i));
-        long long const start = zrn::String::strToInt64(row.columnValue(4), 10);
-        long long const end = zrn::String::strToInt64(row.columnValue(5), 10);
-        if (range.since > 0 && start < range.since) continue;
-        if (range.until > 0 && start > range.until) continue;
-        if (!args.type.empty() && row.columnValue(3) != args.type) continue;
-        if (!args.user.empty() && row.columnValue(2) != args.user) continue;
+    for (zrn::ApplicationRunRow const& run : runs) {
+        if (range.since > 0 && run.startTime < range.since) continue;
+        if (range.until > 0 && run.startTime > range.until) continue;
+        if (!args.type.empty() && run.typeOfRun != args.type) continue;
+        if (!args.user.empty() && run.userName != args.user) continue;
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
-        printer.add(Json{{"appId", zrn::String::strToInt64(row.columnValue(0), 10)},
-                         {"name", row.columnValue(1).str()},
-                         {"userName", row.columnValue(2).str()},
-                         {"typeOfRun", row.columnValue(3).str()},
-                         {"start", timeCell(options.json, start)},
-                         {"end", timeCell(options.json, end)},
-                         {"seconds", end > 0 ? Json(end - start) : Json()}});
+        printer.add(
+            Json{{"appId", run.appId},
+                 {"name", run.name},
+                 {"userName", run.userName},
+                 {"typeOfRun", run.typeOfRun},
+                 {"start", timeCell(options.json, run.startTime)},
+                 {"end", timeCell(options.json, run.endTime)},
+                 {"seconds", run.endTime > 0 ? Json(run.endTime - run.startTime) : Json()}});
     }
     printer.print(std::cout);
 }
@@ -160,16 +152,24 @@ void scripts(Options const& options, EventArgs const& args) {
 // without tests from a mistyped id.
 bool scriptRunExists(Options const& options, std::string const& path, long long scriptId) {
     if (scriptId <= 0) return false;
-    auto const database = openReadOnly(path, readOnly(options));
-    zrn::ResultSet rows;
-    try {
-        database->execute(zrn::String("SELECT count(*) FROM `ScriptRuns` WHERE `scriptId` = " +
-                                      std::to_string(scriptId)),
-                          &rows);
-    } catch (zrn::Exception const& e) {
-        storeFailure(path, "cannot read the script runs: " + e.getMessage().str());
-    }
-    return rows.rowCount() > 0 && rows.row(0).columnValue(0) != "0";
+    return readOrFail([&] {
+        zrn::StoreReader reader(path, readOnly(options));
+        return zrn::scriptRunExists(reader, scriptId);
+    });
+}
+
+// The run or alert whose records a command lists must be there: an empty list cannot tell one
+// without records from a mistyped id. Otherwise ToolError(NOT_FOUND).
+void requireOwner(Options const& options, std::string const& path, EventArgs const& args) {
+    readOrFail([&] {
+        zrn::StoreReader reader(path, readOnly(options));
+        if (args.testId > 0 && !zrn::testRunExists(reader, args.testId))
+            throw ToolError(NOT_FOUND, path + ": no test run " + std::to_string(args.testId));
+        if (args.scriptId > 0 && !zrn::scriptRunExists(reader, args.scriptId))
+            throw ToolError(NOT_FOUND, path + ": no script run " + std::to_string(args.scriptId));
+        if (args.alertId > 0 && !zrn::alertExists(reader, args.alertId))
+            throw ToolError(NOT_FOUND, path + ": no alert " + std::to_string(args.alertId));
+    });
 }
 
 Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
@@ -225,6 +225,7 @@ void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owner
 
 void events(Options const& options, EventArgs const& args) {
     requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}});
+    requireOwner(options, existingStorePath(options, Store::Event), args);
     if (args.follow) return followEvents(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
@@ -272,6 +273,7 @@ void tips(Options const& options, EventArgs const& args) {
         {{"--test", args.testId}, {"--script", args.scriptId}, {"--alert", args.alertId}});
     TimeRange const range = timeRange(options);
     EventStore store(options);
+    requireOwner(options, store.path(), args);
     EventTimePoint const from = at(range.since);
     EventTimePoint const to = at(range.until);
     std::vector<zrn::TipResultLog> const logs =

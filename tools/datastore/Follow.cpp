@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Output.h"
-#include "RawStore.h"
 
 namespace datastore {
 
@@ -18,73 +17,66 @@ volatile std::sig_atomic_t g_stop = 0;
 
 extern "C" void onStop(int) { g_stop = 1; }
 
-// The SQL text of a value: a string between single quotes, every quote doubled.
-std::string value(std::string const& text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
-    return quoted + "'";
-}
+// A cell as the record shows it: as stored, NULL as "".
+Json text(zrn::StoreCell const& cell) { return cell.isNull() ? Json("") : jsonOf(cell); }
 
-long long secondsIn(Json const& cell) {
-    if (cell.is_number_integer()) return cell.get<long long>();
-    if (cell.is_string()) {
-        try {
-            return std::stoll(cell.get<std::string>());
-        } catch (std::exception const&) {
-        }
-    }
-    return 0;
-}
-
-// New rows are those whose `key` (rowid or an INTEGER PRIMARY KEY, which only grows for a
+// New rows are those whose key (rowid or an INTEGER PRIMARY KEY, which only grows for a
 // table nobody prunes meanwhile) is above the highest seen.
 struct Source {
     std::string table;
-    std::string key;
-    std::string select;     // the columns read, with `key` first
-    std::string condition;  // "" or an extra AND condition
-    std::function<Json(std::vector<Json> const&)> record;
+    zrn::StoreRowQuery query;  // which rows; its afterKey is the follower's
+    std::function<bool(zrn::StoreReader&, zrn::StoreRow const&)> keep;
+    std::function<Json(zrn::StoreReader&, zrn::StoreRow const&)> record;
     std::vector<Field> fields;
 };
 
-void follow(Options const& options, Source const& source) {
-    std::string const path = existingStorePath(options, Store::Event);
-    RawStore db(path, static_cast<int>(readOnly(options).wait.count()));
-    long long mark = db.number("SELECT MAX(" + source.key + ") FROM `" + source.table + "` AS r");
-    long long version = db.number("PRAGMA data_version");
-
+void onStopSignals() {
     struct sigaction action {};
     action.sa_handler = onStop;
     sigemptyset(&action.sa_mask);
     // No SA_RESTART: the pause between looks ends at once.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+}
 
+// The new rows' records in the format chosen; "" when there are none.
+std::string newRecords(Options const& options, zrn::StoreReader& reader, Source& source) {
+    RecordPrinter printer(source.fields, options.json);
+    zrn::StoreReader::Snapshot const snapshot(reader);
+    reader.forEachRow(
+        source.table,
+        [&](zrn::StoreRow const& row) {
+            source.query.afterKey = std::max(*source.query.afterKey, row.key);
+            if (!source.keep || source.keep(reader, row)) printer.add(source.record(reader, row));
+        },
+        source.query);
+    if (printer.count() == 0) return "";
+    std::ostringstream text;
+    printer.print(text);
+    return text.str();
+}
+
+void follow(Options const& options, Source source) {
+    std::string const path = existingStorePath(options, Store::Event);
+    zrn::StoreReader reader(path, readOnly(options));
+    source.query.afterKey = reader.lastKey(source.table);
+    long long version = reader.changeCounter();
+    onStopSignals();
     Format const format = outputStyle().format;
     bool const headerEachPrint =
         format == Format::Table || format == Format::Csv || format == Format::Tsv;
     bool first = true;
     while (!g_stop) {
         // A quarter of a second: changes show promptly and an idle follower costs nothing
-        // worth measuring (one PRAGMA reading a counter in memory).
+        // worth measuring (one look at a counter in memory).
         timespec pause{0, 250 * 1000 * 1000};
         nanosleep(&pause, nullptr);
         if (g_stop) break;
-        long long const now = db.number("PRAGMA data_version");
+        long long const now = reader.changeCounter();
         if (now == version) continue;
         version = now;
-        RecordPrinter printer(source.fields, options.json);
-        db.query("SELECT " + source.select + " FROM `" + source.table + "` AS r WHERE " +
-                     source.key + " > " + std::to_string(mark) + source.condition + " ORDER BY " +
-                     source.key,
-                 [&](auto const&, std::vector<Json>& cells) {
-                     mark = std::max(mark, secondsIn(cells[0]));
-                     printer.add(source.record(cells));
-                 });
-        if (printer.count() == 0) continue;
-        std::ostringstream text;
-        printer.print(text);
-        std::string out = text.str();
+        std::string out = newRecords(options, reader, source);
+        if (out.empty()) continue;
         // One header for the whole run.
         if (headerEachPrint && !first) out.erase(0, out.find('\n') + 1);
         first = false;
@@ -97,39 +89,43 @@ void follow(Options const& options, Source const& source) {
 void followApps(Options const& options, FollowFilter const& filter) {
     Source source;
     source.table = "ApplicationRuns";
-    source.key = "r.`appId`";
-    source.select = "r.`appId`,r.`name`,r.`userName`,r.`typeOfRun`,r.`startTime`,r.`endTime`";
-    if (!filter.type.empty()) source.condition += " AND r.`typeOfRun` = " + value(filter.type);
-    if (!filter.user.empty()) source.condition += " AND r.`userName` = " + value(filter.user);
+    if (!filter.type.empty())
+        source.query.equal.emplace_back("typeOfRun", zrn::StoreCell::of(filter.type));
+    if (!filter.user.empty())
+        source.query.equal.emplace_back("userName", zrn::StoreCell::of(filter.user));
     source.fields = {{"appId", "RUN"},         {"name", "APPLICATION"}, {"userName", "USER"},
                      {"typeOfRun", "TYPE"},    {"start", "STARTED"},    {"end", "ENDED", 2},
                      {"seconds", "SECONDS", 1}};
     bool const json = options.json;
-    source.record = [json](std::vector<Json> const& c) {
-        long long const start = secondsIn(c[4]);
-        long long const end = secondsIn(c[5]);
-        return Json{{"appId", c[0]},
-                    {"name", c[1].is_null() ? Json("") : c[1]},
-                    {"userName", c[2].is_null() ? Json("") : c[2]},
-                    {"typeOfRun", c[3].is_null() ? Json("") : c[3]},
+    source.record = [json](zrn::StoreReader&, zrn::StoreRow const& row) {
+        long long const start = row["startTime"].asInteger();
+        long long const end = row["endTime"].asInteger();
+        return Json{{"appId", row.key},
+                    {"name", text(row["name"])},
+                    {"userName", text(row["userName"])},
+                    {"typeOfRun", text(row["typeOfRun"])},
                     {"start", timeCell(json, start)},
                     {"end", timeCell(json, end)},
                     {"seconds", end > 0 ? Json(end - start) : Json()}};
     };
-    follow(options, source);
+    readOrFail([&] { follow(options, source); });
+}
+
+// Tracked as the store answers it: any alert of the GUID marked.
+bool tracked(zrn::StoreReader& reader, zrn::StoreCell const& guid) {
+    zrn::StoreRowQuery query;
+    query.equal = {{"guid", guid}, {"tracked", zrn::StoreCell::of(1)}};
+    query.limit = 1;
+    return reader.forEachRow(
+               "Alerts", [](zrn::StoreRow const&) {}, query) > 0;
 }
 
 void followAlerts(Options const& options, FollowFilter const& filter) {
     Source source;
     source.table = "Alerts";
-    source.key = "r.rowid";
-    // Tracked as the store answers it: any alert of the GUID marked.
-    source.select =
-        "r.rowid,r.`dateTime`,r.`type`,r.`key`,r.`title`,r.`deviceName`,"
-        "EXISTS (SELECT 1 FROM `Alerts` t WHERE t.`guid` = r.`guid` AND t.`tracked` = 1),"
-        "r.`message`,r.`guid`";
-    if (!filter.type.empty()) source.condition += " AND r.`type` = " + value(filter.type);
-    if (filter.untracked) source.condition += " AND r.`tracked` = 0";
+    if (!filter.type.empty())
+        source.query.equal.emplace_back("type", zrn::StoreCell::of(filter.type));
+    if (filter.untracked) source.query.equal.emplace_back("tracked", zrn::StoreCell::of(0));
     source.fields = {{"alertId", "ALERT"},
                      {"time", "TIME"},
                      {"type", "TYPE"},
@@ -138,49 +134,56 @@ void followAlerts(Options const& options, FollowFilter const& filter) {
                      {"tracked", "TRACKED", 2},
                      {"message", "MESSAGE"}};
     bool const json = options.json;
-    source.record = [json](std::vector<Json> const& c) {
-        auto text = [](Json const& cell) { return cell.is_null() ? Json("") : cell; };
-        return Json{{"alertId", c[0]},
-                    {"time", timeCell(json, secondsIn(c[1]))},
-                    {"type", text(c[2])},
-                    {"key", text(c[3])},
-                    {"title", text(c[4])},
-                    {"deviceName", text(c[5])},
-                    {"tracked", secondsIn(c[6]) != 0},
-                    {"message", text(c[7])},
-                    {"guid", text(c[8])}};
+    source.record = [json](zrn::StoreReader& reader, zrn::StoreRow const& row) {
+        return Json{{"alertId", row.key},
+                    {"time", timeCell(json, row["dateTime"].asInteger())},
+                    {"type", text(row["type"])},
+                    {"key", text(row["key"])},
+                    {"title", text(row["title"])},
+                    {"deviceName", text(row["deviceName"])},
+                    {"tracked", tracked(reader, row["guid"])},
+                    {"message", text(row["message"])},
+                    {"guid", text(row["guid"])}};
     };
-    follow(options, source);
+    readOrFail([&] { follow(options, source); });
+}
+
+// Whether the test run `testId` belongs to the script run `scriptId`.
+bool ofScript(zrn::StoreReader& reader, long long testId, long long scriptId) {
+    zrn::StoreRowQuery query;
+    query.equal = {{"testId", zrn::StoreCell::of(testId)},
+                   {"scriptId", zrn::StoreCell::of(scriptId)}};
+    query.limit = 1;
+    return reader.forEachRow(
+               "TestRuns", [](zrn::StoreRow const&) {}, query) > 0;
 }
 
 void followEvents(Options const& options, FollowFilter const& filter) {
     Source source;
     source.table = "TestRunEvents";
-    source.key = "r.rowid";
-    source.select =
-        "r.rowid,r.`dateTime`,r.`type`,r.`eventCode`,r.`customerEventCode`,r.`message`,"
-        "r.`testId`";
-    source.condition =
-        filter.testId > 0
-            ? " AND r.`testId` = " + std::to_string(filter.testId)
-            : " AND r.`testId` IN (SELECT `testId` FROM `TestRuns` WHERE `scriptId` = " +
-                  std::to_string(filter.scriptId) + ")";
+    if (filter.testId > 0) {
+        source.query.equal.emplace_back("testId", zrn::StoreCell::of(filter.testId));
+    } else {
+        long long const scriptId = filter.scriptId;
+        source.keep = [scriptId](zrn::StoreReader& reader, zrn::StoreRow const& row) {
+            return ofScript(reader, row["testId"].asInteger(), scriptId);
+        };
+    }
     source.fields = {{"time", "TIME"},
                      {"type", "TYPE"},
                      {"eventCode", "CODE"},
                      {"customerEventCode", "CUSTOMER CODE", 1},
                      {"message", "MESSAGE"}};
     bool const json = options.json;
-    source.record = [json](std::vector<Json> const& c) {
-        auto text = [](Json const& cell) { return cell.is_null() ? Json("") : cell; };
-        return Json{{"time", timeCell(json, secondsIn(c[1]))},
-                    {"type", text(c[2])},
-                    {"eventCode", text(c[3])},
-                    {"customerEventCode", text(c[4])},
-                    {"message", text(c[5])},
-                    {"testId", c[6]}};
+    source.record = [json](zrn::StoreReader&, zrn::StoreRow const& row) {
+        return Json{{"time", timeCell(json, row["dateTime"].asInteger())},
+                    {"type", text(row["type"])},
+                    {"eventCode", text(row["eventCode"])},
+                    {"customerEventCode", text(row["customerEventCode"])},
+                    {"message", text(row["message"])},
+                    {"testId", jsonOf(row["testId"])}};
     };
-    follow(options, source);
+    readOrFail([&] { follow(options, source); });
 }
 
 }  // namespace datastore

@@ -2,11 +2,7 @@
 // version, validity and the rows of each table.
 
 #include <libCommon/FileSystem.h>
-#include <libCommon/ResultSet.h>
-#include <libCommon/SQLite3Database.h>
 
-#include <algorithm>
-#include <climits>
 #include <filesystem>
 #include <iostream>
 #include <system_error>
@@ -32,25 +28,11 @@ struct StoreInfo {
 
 void countRows(StoreInfo& info, zrn::ReadOnly const& reader) {
     try {
-        zrn::SQLite3Database::ReaderOptions options;
-        options.busyTimeoutMs = static_cast<int>(std::min<long long>(reader.wait.count(), INT_MAX));
-        zrn::SQLite3Database database(zrn::String(info.path), options);
-        zrn::ResultSet names;
-        database.execute(
-            "SELECT `name` FROM `sqlite_master` WHERE `type` = 'table' "
-            "AND `name` NOT LIKE 'sqlite_%' ORDER BY `rowid`",
-            &names);
-        for (unsigned i = 0; i < names.rowCount(); ++i) {
-            std::string const table = names.row(static_cast<int>(i)).columnValue(0).str();
-            zrn::ResultSet count;
-            // Table names come from the file itself; a backquote in one is doubled.
-            std::string quoted;
-            for (char c : table) quoted += c == '`' ? std::string("``") : std::string(1, c);
-            database.execute(zrn::String("SELECT count(*) FROM `" + quoted + "`"), &count);
-            info.tables.emplace_back(table,
-                                     zrn::String::strToInt64(count.row(0).columnValue(0), 10));
-        }
-    } catch (zrn::Exception const& e) {
+        zrn::StoreReader file(info.path, reader);
+        zrn::StoreReader::Snapshot const snapshot(file);
+        for (zrn::StoreTable const& table : file.tables())
+            info.tables.emplace_back(table.name, table.rows);
+    } catch (zrn::StoreReadError const& e) {
         if (info.problem.empty()) info.problem = e.getMessage().str();
         info.valid = false;
     }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -226,6 +227,34 @@ Json isoTime(long long unixSeconds) {
 
 Json timeCell(bool json, long long unixSeconds) {
     return json ? isoTime(unixSeconds) : Json(localTime(unixSeconds));
+}
+
+Json jsonOf(zrn::StoreCell const& cell) {
+    switch (cell.type) {
+        case zrn::StoreCell::Type::Null:
+            return nullptr;
+        case zrn::StoreCell::Type::Integer:
+            return cell.integer;
+        case zrn::StoreCell::Type::Real:
+            return cell.real;
+        case zrn::StoreCell::Type::Text:
+            return cell.text;
+        case zrn::StoreCell::Type::Blob:
+            break;
+    }
+    static char const digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char byte : cell.text) {
+        hex += digits[byte >> 4];
+        hex += digits[byte & 15];
+    }
+    return hex;
+}
+
+std::string hostName() {
+    char name[HOST_NAME_MAX + 1] = {};
+    if (gethostname(name, sizeof name - 1) != 0) return "";
+    return name;
 }
 
 Json tagged(char const* kind, Json record) {

@@ -3,6 +3,8 @@
 // Printing records: aligned columns with a header for people (fitted to the terminal, control
 // characters escaped), and ndjson, json, csv or tsv for programs.
 
+#include <libDataStore/StoreReader.h>
+
 #include <cstddef>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -88,6 +90,13 @@ std::string localTime(long long unixSeconds);
 Json isoTime(long long unixSeconds);
 // A time cell: isoTime for JSON, localTime for people.
 Json timeCell(bool json, long long unixSeconds);
+
+// A cell as stored: integers and reals as numbers, text as a string, NULL as null, a blob as
+// hexadecimal text.
+Json jsonOf(zrn::StoreCell const& cell);
+
+// The machine's host name, for records that leave it.
+std::string hostName();
 
 // `record` led by the member "record": `kind`, for output that mixes kinds of records.
 Json tagged(char const* kind, Json record);

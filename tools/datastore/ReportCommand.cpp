@@ -18,7 +18,6 @@
 
 #include "Commands.h"
 #include "Output.h"
-#include "RawStore.h"
 
 #ifndef DATASTORE_CHARTJS
 #define DATASTORE_CHARTJS "/usr/share/javascript/chart.js/chart.min.js"

@@ -31,4 +31,5 @@
 #include <libDataStore/SoftwareDiagEventDataStore.h>
 #include <libDataStore/SoftwareDiagRecords.h>
 #include <libDataStore/StoreBatch.h>
+#include <libDataStore/StoreReader.h>
 #include <libDataStore/TimeStamp.h>
