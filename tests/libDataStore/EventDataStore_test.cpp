@@ -54,6 +54,31 @@ TEST_F(EventDataStoreTest, FailureWhilePreparingLeavesAGoodFileUntouched) {
     EXPECT_EQ(other.getVersion(), 3);
 }
 
+// Another program's ScriptRuns may have scriptGuid anywhere, first included: every column is
+// looked at before the version-3 upgrade adds one.
+TEST_F(EventDataStoreTest, UpgradeFindsAScriptGuidColumnInAnyPlace) {
+    {
+        test::RawDb raw(m_path);
+        raw.exec(
+            "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);"
+            "INSERT INTO Versioning VALUES(2);"
+            "CREATE TABLE `ScriptRuns` (`scriptGuid` TEXT,`scriptId` INTEGER PRIMARY KEY);");
+    }
+    EventDataStore store{String(m_path)};
+    EXPECT_EQ(store.getVersion(), 3);
+    test::RawDb raw(m_path);
+    EXPECT_EQ(raw.query("SELECT name FROM pragma_table_info('ScriptRuns')"),
+              (Rows{{"scriptGuid"},
+                    {"scriptId"},
+                    {"appId"},
+                    {"name"},
+                    {"result"},
+                    {"startTime"},
+                    {"endTime"},
+                    {"totalPasses"},
+                    {"specId"}}));  // the columns it lacked, added; scriptGuid kept once
+}
+
 TEST_F(EventDataStoreTest, CopyOpensItsOwnStoreOnAnEmptyPath) {
     EventDataStore original{String(m_path)};
     EventDataStore copy(original);

@@ -138,6 +138,18 @@ TEST_F(JournalModeTest, DefaultAndDeleteRunNoStatementOtherModesOneOnEveryWritin
         EXPECT_EQ(raw.scalar("PRAGMA journal_mode"), "wal") << path;
     }
 
+    // SQLite may keep the mode it has: without file locking (a URI's nolock=1) there is no
+    // WAL. The store opens all the same, with a warning that names the mode in force.
+    {
+        std::string const unlocked = "file:" + m_dir.file("unlocked.db") + "?nolock=1";
+        test::LogCapture log;
+        SQLiteDataStore table(String(unlocked), "t", kColumns);
+        EXPECT_EQ(log.messagesStartingWith(kLogger, "114 "),
+                  std::vector<std::string>{"114 Journal mode WAL not taken by " + unlocked +
+                                           ": it stays delete"});
+        EXPECT_EQ(log.entries().back().priority, 3);
+    }
+
     // An in-memory or temporary database has no file whose mode could be chosen: nothing is
     // asked, nothing is logged, and the store works.
     trace.clear();
