@@ -526,6 +526,12 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
         EXPECT_NE(help.out.find(std::string("Example: datastore ") + command), std::string::npos)
             << help.out;
     }
+    // Help lists the formats the command writes, and only those.
+    EXPECT_NE(tool({"export", "--help"}, false).out.find("-o,--output FORMAT:{csv,ndjson}\n"),
+              std::string::npos);
+    EXPECT_NE(tool({"alerts", "--help"}, false)
+                  .out.find("-o,--output FORMAT:{table,ndjson,json,json-pretty,csv,tsv}\n"),
+              std::string::npos);
     // The older single-alert command still answers but is not listed.
     EXPECT_EQ(top.out.find("\n  alert "), std::string::npos) << top.out;
     EXPECT_EQ(tool({"alert", "--help"}, false).code, 0);
@@ -716,7 +722,24 @@ TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
               "'alrts' is not a command; did you mean 'alerts'? (see 'datastore --help')"},
              {{"alerts", "--frobnicate"},
               1,
-              "The following argument was not expected: --frobnicate"},
+              "datastore: unknown option '--frobnicate' (see 'datastore alerts --help')\n"},
+             {{"alerts", "--sinse", "-7d"},
+              1,
+              "datastore: unknown option '--sinse'; did you mean '--since'? (see 'datastore "
+              "alerts --help')\n"},
+             {{"state", "list", "--limt=3"},
+              1,
+              "unknown option '--limt'; did you mean '--limit'? (see 'datastore state list "
+              "--help')"},
+             {{"export", "--out", "/tmp", "-o", "json"},
+              1,
+              "datastore: -o: export does not write json (use one of csv, ndjson)\n"},
+             {{"-o", "tsv", "export", "--out", "/tmp"},
+              1,
+              "datastore: -o: export does not write tsv (use one of csv, ndjson)\n"},
+             {{"export", "--out", "/tmp", "-o", "xml"},
+              1,
+              "datastore: -o: unknown format 'xml' (use one of csv, ndjson)\n"},
              {{"failures", "--fail", "FAIL"}, 1, "--fail and --pass need a device GUID"},
              {{"alerts", "-o", "xml"}, 1, "-o: unknown format 'xml'"},
              {{"alerts", "3", "-f"}, 1, "--follow prints new alerts: give no alert id with it"},
@@ -858,6 +881,12 @@ TEST_F(DatastoreToolTest, SummaryTimesAndMeasurementsAnswerSupportQuestions) {
     ToolRun const utc = tool({"alerts", "--utc"});
     EXPECT_NE(local.out, utc.out);
     EXPECT_EQ(tool({"alerts", "--json", "--utc"}).out, tool({"alerts", "--json"}).out);
+    // Each table names the zone of its times, piped or not; a column without times does not.
+    EXPECT_EQ(local.lines().at(0).rfind("ALERT  TIME (UTC+05:30)     TYPE  ", 0), 0u) << local.out;
+    EXPECT_EQ(utc.lines().at(0).rfind("ALERT  TIME (UTC)           TYPE  ", 0), 0u) << utc.out;
+    EXPECT_NE(
+        tool({"apps"}, true, 200).out.find("STARTED (UTC+05:30)  ENDED (UTC+05:30)    SECONDS\n"),
+        std::string::npos);
 }
 
 TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
