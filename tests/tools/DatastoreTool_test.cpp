@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "Golden.h"
 #include "TestSupport.h"
 #include "ToolRun.h"
 
@@ -1067,6 +1068,74 @@ TEST_F(DatastoreToolTest, ParallelRecordingsOfAFreshFolderNeverTakeItForAnotherS
         (void)code;
     }
     EXPECT_EQ(tool({"info", "--json"}).code, 0);
+}
+
+// ---- Records pinned
+
+// The date and time texts of `seconds` in UTC: "2026-11-25 17:47:04" and the ISO form.
+std::vector<std::string> timeTexts(long long seconds) {
+    std::time_t const t = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    gmtime_r(&t, &parts);
+    char table[32], iso[40];
+    std::strftime(table, sizeof table, "%Y-%m-%d %H:%M:%S", &parts);
+    std::strftime(iso, sizeof iso, "%Y-%m-%dT%H:%M:%S+00:00", &parts);
+    return {table, iso};
+}
+
+std::string replaceAll(std::string text, std::string const& from, std::string const& to) {
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at))
+        text.replace(at, from.size(), to), at += to.size();
+    return text;
+}
+
+// Every record kind as each command prints it, tables and JSON, from the demo in UTC: a field
+// renamed, reordered, retyped or dropped, or a state named another way, fails here. The times
+// the demo took from the clock become <now>, its day <day>.
+TEST_F(DatastoreToolTest, EveryCommandPrintsEachRecordKindOneWay) {
+    m_env = "TZ=UTC USER=technician";
+    long long const before = static_cast<long long>(std::time(nullptr));
+    demo();
+    long long const after = static_cast<long long>(std::time(nullptr));
+    std::string text;
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"apps", "--json"},
+                                               {"scripts", "--json"},
+                                               {"tests", "1", "--json"},
+                                               {"events", "--test", "1", "--json", "--limit", "3"},
+                                               {"alerts", "--json"},
+                                               {"alerts", "--wide"},
+                                               {"logs", "--json"},
+                                               {"state", "list", "--json"},
+                                               {"sessions", "--json"},
+                                               {"session", "1", "--json"},
+                                               {"session", "1", "--wide"},
+                                               {"summary", "--json"}}) {
+        ToolRun const run = tool(args);
+        EXPECT_EQ(run.code, 0) << run.err;
+        text += "## datastore";
+        for (std::string const& arg : args) text += " " + arg;
+        text += "\n" + run.out;
+    }
+    for (long long second = before - 1; second <= after + 1; ++second) {
+        for (std::string const& now : timeTexts(second)) text = replaceAll(text, now, "<now>");
+    }
+    // The demo's day, and the next one its scheduler plans for.
+    long long const day = secondsOf(tool({"apps", "--json"}).records().at(0)["start"]);
+    text = replaceAll(text, timeTexts(day)[0].substr(0, 10), "<day>");
+    text = replaceAll(text, timeTexts(day + 86400)[0].substr(0, 10), "<next day>");
+    // The GUIDs the stores make up are new on every run: numbered in order of appearance.
+    std::regex const guid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+    std::map<std::string, std::string> numbers;
+    std::string numbered, rest = text;
+    for (std::smatch m; std::regex_search(rest, m, guid);) {
+        std::string const label = "<guid " + std::to_string(numbers.size() + 1) + ">";
+        numbered += m.prefix().str() + numbers.emplace(m.str(), label).first->second;
+        std::string const after = m.suffix().str();
+        rest = after;
+    }
+    text = numbered + rest;
+    test::expectGolden("tool/records.txt", text);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -150,39 +151,30 @@ void session(Options const& options, RepairArgs const& args) {
 
     zrn::IssueList const issues = store->getIssuesBySession(session, false, 0);
     std::map<long long, std::vector<long long>> issuesOfFix;
-    RecordPrinter issuePrinter({{"issueId", "ID"},
-                                {"softwareDiagnosticId", "DIAGNOSTIC"},
-                                {"name", "ISSUE"},
-                                {"time", "FOUND"},
-                                {"description", "DESCRIPTION"}},
-                               options.json);
+    std::vector<Field> issueColumns = issueFields();
+    issueColumns.push_back({"fixActionIds", "FIXES", 2});
+    RecordPrinter issuePrinter(issueColumns, options.json);
     for (unsigned i = 0; i < issues.size(); ++i) {
         zrn::IssueLog const issue = issues.get(i);
         zrn::FixActionList const fixes = store->getFixActionsByIssue(issue, false, 0);
         Json fixIds = Json::array();
+        std::string fixList;
         for (unsigned f = 0; f < fixes.size(); ++f) {
-            fixIds.push_back(fixes.get(f).fixActionId());
-            issuesOfFix[fixes.get(f).fixActionId()].push_back(issue.issueId());
+            long long const id = fixes.get(f).fixActionId();
+            fixIds.push_back(id);
+            fixList += (fixList.empty() ? "" : ",") + std::to_string(id);
+            issuesOfFix[id].push_back(issue.issueId());
         }
-        issuePrinter.add(Json{{"record", "issue"},
-                              {"issueId", issue.issueId()},
-                              {"softwareDiagnosticId", issue.softwareDiagnosticId()},
-                              {"name", issue.issueName().str()},
-                              {"time", when(options, issue.timeStamp())},
-                              {"description", issue.issueDescription().str()},
-                              {"fixActionIds", fixIds}});
+        Json record = issueRecord(options.json, issue);
+        record["fixActionIds"] = options.json ? fixIds : Json(fixList);
+        issuePrinter.add(std::move(record));
     }
     section("Issues", issuePrinter);
 
     zrn::FixActionList const fixes = store->getFixActionsBySession(session, false, 0);
-    RecordPrinter fixPrinter({{"fixActionId", "ID"},
-                              {"state", "STATE"},
-                              {"summary", "FIX"},
-                              {"result", "RESULT"},
-                              {"issues", "ISSUES"},
-                              {"start", "STARTED"},
-                              {"end", "ENDED"}},
-                             options.json);
+    std::vector<Field> fixColumns = fixActionFields();
+    fixColumns.push_back({"issues", "ISSUES"});
+    RecordPrinter fixPrinter(fixColumns, options.json);
     for (unsigned i = 0; i < fixes.size(); ++i) {
         zrn::FixActionLog const fix = fixes.get(i);
         std::string issueList;
@@ -191,15 +183,9 @@ void session(Options const& options, RepairArgs const& args) {
             issueList += (issueList.empty() ? "" : ",") + std::to_string(id);
             issueIds.push_back(id);
         }
-        fixPrinter.add(Json{{"record", "fixAction"},
-                            {"fixActionId", fix.fixActionId()},
-                            {"state", static_cast<unsigned>(fix.fixState())},
-                            {"summary", fix.fixSummary().str()},
-                            {"result", fix.fixResult().str()},
-                            {"issues", options.json ? issueIds : Json(issueList)},
-                            {"typeUuid", fix.fixTypeUuid().str()},
-                            {"start", when(options, fix.startTimeStamp())},
-                            {"end", when(options, fix.endTimeStamp())}});
+        Json record = fixActionRecord(options.json, fix);
+        record["issues"] = options.json ? issueIds : Json(issueList);
+        fixPrinter.add(std::move(record));
     }
     section("Fix actions", fixPrinter);
 }
