@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "Golden.h"
 #include "TestSupport.h"
 #include "ToolRun.h"
 
@@ -526,6 +527,12 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
         EXPECT_NE(help.out.find(std::string("Example: datastore ") + command), std::string::npos)
             << help.out;
     }
+    // Help lists the formats the command writes, and only those.
+    EXPECT_NE(tool({"export", "--help"}, false).out.find("-o,--output FORMAT:{csv,ndjson}\n"),
+              std::string::npos);
+    EXPECT_NE(tool({"alerts", "--help"}, false)
+                  .out.find("-o,--output FORMAT:{table,ndjson,json,json-pretty,csv,tsv}\n"),
+              std::string::npos);
     // The older single-alert command still answers but is not listed.
     EXPECT_EQ(top.out.find("\n  alert "), std::string::npos) << top.out;
     EXPECT_EQ(tool({"alert", "--help"}, false).code, 0);
@@ -727,7 +734,24 @@ TEST_F(DatastoreToolTest, EveryClassOfFailureHasItsExitCodeAndOneLine) {
               "'alrts' is not a command; did you mean 'alerts'? (see 'datastore --help')"},
              {{"alerts", "--frobnicate"},
               1,
-              "The following argument was not expected: --frobnicate"},
+              "datastore: unknown option '--frobnicate' (see 'datastore alerts --help')\n"},
+             {{"alerts", "--sinse", "-7d"},
+              1,
+              "datastore: unknown option '--sinse'; did you mean '--since'? (see 'datastore "
+              "alerts --help')\n"},
+             {{"state", "list", "--limt=3"},
+              1,
+              "unknown option '--limt'; did you mean '--limit'? (see 'datastore state list "
+              "--help')"},
+             {{"export", "--out", "/tmp", "-o", "json"},
+              1,
+              "datastore: -o: export does not write json (use one of csv, ndjson)\n"},
+             {{"-o", "tsv", "export", "--out", "/tmp"},
+              1,
+              "datastore: -o: export does not write tsv (use one of csv, ndjson)\n"},
+             {{"export", "--out", "/tmp", "-o", "xml"},
+              1,
+              "datastore: -o: unknown format 'xml' (use one of csv, ndjson)\n"},
              {{"failures", "--fail", "FAIL"}, 1, "--fail and --pass need a device GUID"},
              {{"alerts", "-o", "xml"}, 1, "-o: unknown format 'xml'"},
              {{"alerts", "3", "-f"}, 1, "--follow prints new alerts: give no alert id with it"},
@@ -869,6 +893,12 @@ TEST_F(DatastoreToolTest, SummaryTimesAndMeasurementsAnswerSupportQuestions) {
     ToolRun const utc = tool({"alerts", "--utc"});
     EXPECT_NE(local.out, utc.out);
     EXPECT_EQ(tool({"alerts", "--json", "--utc"}).out, tool({"alerts", "--json"}).out);
+    // Each table names the zone of its times, piped or not; a column without times does not.
+    EXPECT_EQ(local.lines().at(0).rfind("ALERT  TIME (UTC+05:30)     TYPE  ", 0), 0u) << local.out;
+    EXPECT_EQ(utc.lines().at(0).rfind("ALERT  TIME (UTC)           TYPE  ", 0), 0u) << utc.out;
+    EXPECT_NE(
+        tool({"apps"}, true, 200).out.find("STARTED (UTC+05:30)  ENDED (UTC+05:30)    SECONDS\n"),
+        std::string::npos);
 }
 
 TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
@@ -1049,6 +1079,74 @@ TEST_F(DatastoreToolTest, ParallelRecordingsOfAFreshFolderNeverTakeItForAnotherS
         (void)code;
     }
     EXPECT_EQ(tool({"info", "--json"}).code, 0);
+}
+
+// ---- Records pinned
+
+// The date and time texts of `seconds` in UTC: "2026-11-25 17:47:04" and the ISO form.
+std::vector<std::string> timeTexts(long long seconds) {
+    std::time_t const t = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    gmtime_r(&t, &parts);
+    char table[32], iso[40];
+    std::strftime(table, sizeof table, "%Y-%m-%d %H:%M:%S", &parts);
+    std::strftime(iso, sizeof iso, "%Y-%m-%dT%H:%M:%S+00:00", &parts);
+    return {table, iso};
+}
+
+std::string replaceAll(std::string text, std::string const& from, std::string const& to) {
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at))
+        text.replace(at, from.size(), to), at += to.size();
+    return text;
+}
+
+// Every record kind as each command prints it, tables and JSON, from the demo in UTC: a field
+// renamed, reordered, retyped or dropped, or a state named another way, fails here. The times
+// the demo took from the clock become <now>, its day <day>.
+TEST_F(DatastoreToolTest, EveryCommandPrintsEachRecordKindOneWay) {
+    m_env = "TZ=UTC USER=technician";
+    long long const before = static_cast<long long>(std::time(nullptr));
+    demo();
+    long long const after = static_cast<long long>(std::time(nullptr));
+    std::string text;
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"apps", "--json"},
+                                               {"scripts", "--json"},
+                                               {"tests", "1", "--json"},
+                                               {"events", "--test", "1", "--json", "--limit", "3"},
+                                               {"alerts", "--json"},
+                                               {"alerts", "--wide"},
+                                               {"logs", "--json"},
+                                               {"state", "list", "--json"},
+                                               {"sessions", "--json"},
+                                               {"session", "1", "--json"},
+                                               {"session", "1", "--wide"},
+                                               {"summary", "--json"}}) {
+        ToolRun const run = tool(args);
+        EXPECT_EQ(run.code, 0) << run.err;
+        text += "## datastore";
+        for (std::string const& arg : args) text += " " + arg;
+        text += "\n" + run.out;
+    }
+    for (long long second = before - 1; second <= after + 1; ++second) {
+        for (std::string const& now : timeTexts(second)) text = replaceAll(text, now, "<now>");
+    }
+    // The demo's day, and the next one its scheduler plans for.
+    long long const day = secondsOf(tool({"apps", "--json"}).records().at(0)["start"]);
+    text = replaceAll(text, timeTexts(day)[0].substr(0, 10), "<day>");
+    text = replaceAll(text, timeTexts(day + 86400)[0].substr(0, 10), "<next day>");
+    // The GUIDs the stores make up are new on every run: numbered in order of appearance.
+    std::regex const guid("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}");
+    std::map<std::string, std::string> numbers;
+    std::string numbered, rest = text;
+    for (std::smatch m; std::regex_search(rest, m, guid);) {
+        std::string const label = "<guid " + std::to_string(numbers.size() + 1) + ">";
+        numbered += m.prefix().str() + numbers.emplace(m.str(), label).first->second;
+        std::string const after = m.suffix().str();
+        rest = after;
+    }
+    text = numbered + rest;
+    test::expectGolden("tool/records.txt", text);
 }
 
 }  // namespace

@@ -306,25 +306,37 @@ void addLocationOptions(CLI::App& command, Options& options) {
     command.add_option("--file", options.file, "This store file instead of the one in --dir");
 }
 
-void addJsonOption(CLI::App& command, Options& options) {
+void addJsonOption(CLI::App& command, Options& options, std::vector<std::string> const& accepted) {
+    std::string names = formatNames();
+    if (!accepted.empty()) {
+        names.clear();
+        for (std::string const& name : accepted) names += (names.empty() ? "" : ", ") + name;
+    }
+    std::string const commandName = command.get_name();
     command
         .add_option_function<std::string>(
             "-o,--output",
-            [&options](std::string const& name) {
+            [&options, accepted, names, commandName](std::string const& name) {
                 Format format = Format::Table;
+                bool const taken = accepted.empty() || std::find(accepted.begin(), accepted.end(),
+                                                                 name) != accepted.end();
                 if (!formatNamed(name, format)) {
-                    throw ToolError(USAGE, "-o: unknown format '" + name + "' (use one of " +
-                                               formatNames() + ")");
+                    throw ToolError(USAGE,
+                                    "-o: unknown format '" + name + "' (use one of " + names + ")");
+                }
+                if (!taken) {
+                    throw ToolError(USAGE, "-o: " + commandName + " does not write " + name +
+                                               " (use one of " + names + ")");
                 }
                 outputStyle().format = format;
                 options.json = format != Format::Table;
             },
-            "Output format (default table)")
+            accepted.empty() ? "Output format (default table)" : "Output format")
         // The braces list the formats where the shell completions look for an option's words.
-        ->type_name([] {
-            std::string names = formatNames();
-            names.erase(std::remove(names.begin(), names.end(), ' '), names.end());
-            return "FORMAT:{" + names + "}";
+        ->type_name([names] {
+            std::string list = names;
+            list.erase(std::remove(list.begin(), list.end(), ' '), list.end());
+            return "FORMAT:{" + list + "}";
         }());
     command.add_flag_callback(
         "--json",

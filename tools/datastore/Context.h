@@ -118,8 +118,10 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay);
 // Adds the options a subcommand understands.
 void addLocationOptions(CLI::App& command, Options& options);  // --dir, --file
 void addDirOption(CLI::App& command, Options& options);        // --dir only
-// -o/--output, --json, --utc, --wide, --no-pager.
-void addJsonOption(CLI::App& command, Options& options);
+// -o/--output, --json, --utc, --wide, --no-pager. `accepted`: the only format names -o takes
+// (its --help lists them); empty: every format.
+void addJsonOption(CLI::App& command, Options& options,
+                   std::vector<std::string> const& accepted = {});
 // The options every command takes, given before the command ("datastore --dir D alerts").
 void addCommonOptions(CLI::App& app, Options& options);
 void addLimitOption(CLI::App& command, Options& options);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <set>
@@ -483,19 +484,32 @@ void scriptlets(Options const& options, EventArgs const& args) {
 
 }  // namespace
 
-void addEventCommands(CLI::App& app, Options& options) {
-    static EventArgs args;
-    auto run = [&options](void (*command)(Options const&, EventArgs const&)) {
-        return [&options, command] { command(options, args); };
+namespace {
+
+using EventCommand = void (*)(Options const&, EventArgs const&);
+
+// `command` run on the options and arguments as parsed.
+std::function<void()> bound(Options const& options, EventArgs const& args, EventCommand command) {
+    return [&options, &args, command] { command(options, args); };
+}
+
+void addFollowFlag(CLI::App& command, EventArgs& args) {
+    command.add_flag("-f,--follow", args.follow,
+                     "Prints what is recorded from now on, as it is recorded, until interrupted "
+                     "(Ctrl-C exits 0)");
+}
+
+// apps, scripts, tests, events, tips.
+void addRunCommands(CLI::App& app, Options& options, EventArgs& args) {
+    auto const run = [&options, &args](EventCommand command) {
+        return bound(options, args, command);
     };
 
     CLI::App* c = addInspection(app, options, "apps", "Application runs (event.db), newest first",
                                 "datastore apps --since 2026-11-23 --type Scheduled");
     c->add_option("--type", args.type, "Only runs of this type");
     c->add_option("--user", args.user, "Only runs of this user");
-    c->add_flag("-f,--follow", args.follow,
-                "Prints what is recorded from now on, as it is recorded, until interrupted "
-                "(Ctrl-C exits 0)");
+    addFollowFlag(*c, args);
     c->callback(run(apps));
 
     c = addInspection(app, options, "scripts", "Script runs with their script, newest first",
@@ -516,9 +530,7 @@ void addEventCommands(CLI::App& app, Options& options) {
                       "datastore events --script 2 --since 2026-11-23T09:00");
     c->add_option("--test", args.testId, "Events of this test run");
     c->add_option("--script", args.scriptId, "Events of every test run of this script run");
-    c->add_flag("-f,--follow", args.follow,
-                "Prints what is recorded from now on, as it is recorded, until interrupted "
-                "(Ctrl-C exits 0)");
+    addFollowFlag(*c, args);
     c->callback(run(events));
 
     c = addInspection(app, options, "tips",
@@ -528,8 +540,16 @@ void addEventCommands(CLI::App& app, Options& options) {
     c->add_option("--script", args.scriptId, "Tips of every test run of this script run");
     c->add_option("--alert", args.alertId, "Tips of this alert");
     c->callback(run(tips));
+}
 
-    c = addInspection(app, options, "failures",
+// failures, alerts, and the older alert.
+void addFailureAndAlertCommands(CLI::App& app, Options& options, EventArgs& args) {
+    auto const run = [&options, &args](EventCommand command) {
+        return bound(options, args, command);
+    };
+
+    CLI::App* c =
+        addInspection(app, options, "failures",
                       "Failed test runs: of one device, the newest run of each test whose latest "
                       "result is a failure; without a device, every FAIL",
                       "datastore failures 5d1c-disk-0 --fail FAIL --fail ERROR");
@@ -549,12 +569,10 @@ void addEventCommands(CLI::App& app, Options& options) {
                       "datastore alerts --untracked --type Hardware; datastore alerts 3");
     c->add_flag("--untracked", args.untracked, "Only alerts not marked as tracked");
     c->add_option("--type", args.type, "Only alerts of this type");
-    c->add_flag("-f,--follow", args.follow,
-                "Prints what is recorded from now on, as it is recorded, until interrupted "
-                "(Ctrl-C exits 0)");
+    addFollowFlag(*c, args);
     CLI::Option* const alertId =
         c->add_option("alert-id", args.alertId, "One alert (see ALERT in 'datastore alerts')");
-    c->callback([&options, alertId] {
+    c->callback([&options, &args, alertId] {
         if (alertId->count() > 0 && args.follow)
             throw ToolError(USAGE, "--follow prints new alerts: give no alert id with it");
         if (alertId->count() > 0)
@@ -571,8 +589,15 @@ void addEventCommands(CLI::App& app, Options& options) {
     c->add_option("alert-id", args.alertId, "The alert (see ALERT in 'datastore alerts')")
         ->required();
     c->callback(run(oneAlert));
+}
 
-    c = addInspection(
+// measurements, diffs, scriptlets.
+void addMeasurementCommands(CLI::App& app, Options& options, EventArgs& args) {
+    auto const run = [&options, &args](EventCommand command) {
+        return bound(options, args, command);
+    };
+
+    CLI::App* c = addInspection(
         app, options, "measurements",
         "Measurements whose span middle is in the range, oldest first (--limit: the newest N)",
         "datastore measurements --type 'CPU temperature' --since 2026-11-23");
@@ -591,6 +616,15 @@ void addEventCommands(CLI::App& app, Options& options) {
     c->add_option("--category", args.category, "Only results of this category");
     c->add_option("--status", args.status, "Only results of this status");
     c->callback(run(scriptlets));
+}
+
+}  // namespace
+
+void addEventCommands(CLI::App& app, Options& options) {
+    static EventArgs args;
+    addRunCommands(app, options, args);
+    addFailureAndAlertCommands(app, options, args);
+    addMeasurementCommands(app, options, args);
 }
 
 }  // namespace datastore

@@ -119,7 +119,8 @@ void exportStores(Options const& options, ExportArgs const& args) {
     // -o table is the default: CSV then.
     target.csv = format == Format::Table || format == Format::Csv;
     if (!target.csv && format != Format::Ndjson)
-        throw ToolError(USAGE, "export writes csv (the default) or ndjson (-o ndjson)");
+        throw ToolError(
+            USAGE, "-o: export does not write " + formatName(format) + " (use one of csv, ndjson)");
     std::vector<Store> const stores = storesChosen(
         options, args.store, {Store::AppState, Store::General, Store::Event, Store::SoftwareDiag});
     target.host = hostName();
@@ -159,7 +160,7 @@ void addExportCommand(CLI::App& app, Options& options) {
         "every row, columns as stored, one read snapshot per store; ndjson records also name "
         "the host, store and table");
     addLocationOptions(*c, options);
-    addJsonOption(*c, options);
+    addJsonOption(*c, options, {"csv", "ndjson"});
     addWaitOption(*c, options);
     c->add_option("--out", args.out, "Folder to write into (made when missing)")->required();
     addStoreOption(*c, args.store, "Exports only this store");

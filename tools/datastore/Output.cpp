@@ -85,18 +85,30 @@ OutputStyle& outputStyle() {
     return style;
 }
 
+namespace {
+
+std::pair<char const*, Format> const g_formats[] = {
+    {"table", Format::Table}, {"ndjson", Format::Ndjson},
+    {"json", Format::Json},   {"json-pretty", Format::JsonPretty},
+    {"csv", Format::Csv},     {"tsv", Format::Tsv}};
+
+}  // namespace
+
 bool formatNamed(std::string const& name, Format& format) {
-    static std::pair<char const*, Format> const names[] = {
-        {"table", Format::Table}, {"ndjson", Format::Ndjson},
-        {"json", Format::Json},   {"json-pretty", Format::JsonPretty},
-        {"csv", Format::Csv},     {"tsv", Format::Tsv}};
-    for (auto const& [text, value] : names) {
+    for (auto const& [text, value] : g_formats) {
         if (name == text) {
             format = value;
             return true;
         }
     }
     return false;
+}
+
+std::string formatName(Format format) {
+    for (auto const& [text, value] : g_formats) {
+        if (value == format) return text;
+    }
+    return "";
 }
 
 char const* formatNames() { return "table, ndjson, json, json-pretty, csv, tsv"; }
@@ -357,77 +369,151 @@ void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
     }
 }
 
-void RecordPrinter::printTable(std::ostream& out) const {
-    std::size_t const columns = m_fields.size();
+namespace {
+
+// A table's cells as shown, with the widths they need and whether each column holds only
+// identifiers, numbers and times (which are never cut).
+struct TableLayout {
+    std::vector<std::string> headers;
     std::vector<std::vector<std::string>> cells;
-    std::vector<std::size_t> widths(columns);
-    std::vector<bool> fixed(columns, true);
-    for (std::size_t c = 0; c < columns; ++c) widths[c] = displayWidth(m_fields[c].header);
-    for (auto const& record : m_records) {
+    std::vector<std::size_t> widths;
+    std::vector<bool> fixed;
+    std::vector<bool> shown;
+};
+
+// "2026-11-23 00:49:29", as localTime() writes it.
+bool looksLikeTime(std::string const& text) {
+    static char const pattern[] = "dddd-dd-dd dd:dd:dd";
+    if (text.size() != sizeof pattern - 1) return false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        bool const digit = std::isdigit(static_cast<unsigned char>(text[i]));
+        if (pattern[i] == 'd' ? !digit : text[i] != pattern[i]) return false;
+    }
+    return true;
+}
+
+// The offset from UTC of a local time as localTime() wrote it: "+01:00".
+std::string offsetOf(std::string const& text) {
+    std::tm parts{};
+    std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d", &parts.tm_year, &parts.tm_mon, &parts.tm_mday,
+                &parts.tm_hour, &parts.tm_min, &parts.tm_sec);
+    parts.tm_year -= 1900;
+    parts.tm_mon -= 1;
+    parts.tm_isdst = -1;
+    std::mktime(&parts);
+    long const minutes = std::labs(parts.tm_gmtoff) / 60;
+    char offset[32];
+    std::snprintf(offset, sizeof offset, "%c%02ld:%02ld", parts.tm_gmtoff < 0 ? '-' : '+',
+                  minutes / 60, minutes % 60);
+    return offset;
+}
+
+// " (UTC+01:00)" for a column of times, " (UTC+01:00/+02:00)" when daylight saving changes
+// within it, " (UTC)" with --utc; "" for any other column. A time without its zone is a
+// guess for whoever reads it on another machine.
+std::string zoneOf(std::vector<std::vector<std::string>> const& cells, std::size_t column) {
+    std::vector<std::string> offsets;
+    for (auto const& row : cells) {
+        if (row[column].empty()) continue;
+        if (!looksLikeTime(row[column])) return "";
+        if (outputStyle().utc) continue;
+        std::string const offset = offsetOf(row[column]);
+        if (std::find(offsets.begin(), offsets.end(), offset) == offsets.end())
+            offsets.push_back(offset);
+    }
+    if (outputStyle().utc) return cells.empty() ? "" : " (UTC)";
+    if (offsets.empty()) return "";
+    std::string zone = " (UTC";
+    for (std::size_t i = 0; i < offsets.size(); ++i) zone += (i ? "/" : "") + offsets[i];
+    return zone + ")";
+}
+
+TableLayout layoutOf(std::vector<Field> const& fields, std::vector<Json> const& records) {
+    std::size_t const columns = fields.size();
+    TableLayout table;
+    table.widths.assign(columns, 0);
+    table.fixed.assign(columns, true);
+    table.shown.assign(columns, true);
+    for (auto const& record : records) {
         std::vector<std::string> row;
         for (std::size_t c = 0; c < columns; ++c) {
-            auto const it = record.find(m_fields[c].key);
-            if (it != record.end() && !uncuttable(*it) && !m_fields[c].id) fixed[c] = false;
-            std::string text = escaped(it == record.end() ? "" : displayText(*it));
-            widths[c] = std::max(widths[c], displayWidth(text));
-            row.push_back(std::move(text));
+            auto const it = record.find(fields[c].key);
+            if (it != record.end() && !uncuttable(*it) && !fields[c].id) table.fixed[c] = false;
+            row.push_back(escaped(it == record.end() ? "" : displayText(*it)));
         }
-        cells.push_back(std::move(row));
+        table.cells.push_back(std::move(row));
     }
+    for (std::size_t c = 0; c < columns; ++c) {
+        table.headers.push_back(fields[c].header + zoneOf(table.cells, c));
+        table.widths[c] = displayWidth(table.headers[c]);
+        for (auto const& row : table.cells)
+            table.widths[c] = std::max(table.widths[c], displayWidth(row[c]));
+    }
+    return table;
+}
 
-    std::size_t const limit = outputStyle().wide ? 0 : terminalWidth();
-    std::vector<bool> shown(columns, true);
-    auto total = [&](std::size_t textWidth) {
-        std::size_t sum = 0, count = 0;
-        for (std::size_t c = 0; c < columns; ++c) {
-            if (shown[c]) sum += fixed[c] ? widths[c] : std::min(widths[c], textWidth), ++count;
-        }
-        return sum + (count ? 2 * (count - 1) : 0);
-    };
-    // First the columns a reader misses least go, lowest priority first, until the rest fits
-    // with free texts of 20 columns; only then are texts cut.
-    while (limit > 0 && total(20) > limit) {
+std::size_t lineWidth(TableLayout const& table, std::size_t textWidth) {
+    std::size_t sum = 0, count = 0;
+    for (std::size_t c = 0; c < table.widths.size(); ++c) {
+        if (!table.shown[c]) continue;
+        sum += table.fixed[c] ? table.widths[c] : std::min(table.widths[c], textWidth);
+        ++count;
+    }
+    return sum + (count ? 2 * (count - 1) : 0);
+}
+
+// First the columns a reader misses least go, lowest priority first, until the rest fits
+// with free texts of 20 columns; only then are texts cut.
+void dropColumns(TableLayout& table, std::vector<Field> const& fields, std::size_t limit) {
+    std::size_t const columns = fields.size();
+    while (limit > 0 && lineWidth(table, 20) > limit) {
         std::size_t drop = columns;
         for (std::size_t c = 0; c < columns; ++c) {
-            if (shown[c] && m_fields[c].drop > 0 &&
-                (drop == columns || m_fields[c].drop >= m_fields[drop].drop))
+            if (table.shown[c] && fields[c].drop > 0 &&
+                (drop == columns || fields[c].drop >= fields[drop].drop))
                 drop = c;
         }
         if (drop == columns) break;
-        shown[drop] = false;
+        table.shown[drop] = false;
     }
+}
 
-    // Then the widest text column that can still give shrinks until the line fits; no column
-    // goes below its header or 8 characters, so a very narrow terminal still gets readable,
-    // longer lines. Identifiers, numbers and times keep their width.
+// Then the widest text column that can still give shrinks until the line fits; no column
+// goes below its header or 8 characters, so a very narrow terminal still gets readable,
+// longer lines. Identifiers, numbers and times keep their width.
+void shrinkColumns(TableLayout& table, std::size_t limit) {
+    std::size_t const columns = table.widths.size();
     std::vector<std::size_t> floors(columns);
     for (std::size_t c = 0; c < columns; ++c) {
-        floors[c] =
-            fixed[c] ? widths[c] : std::max<std::size_t>(8, displayWidth(m_fields[c].header));
+        floors[c] = table.fixed[c] ? table.widths[c]
+                                   : std::max<std::size_t>(8, displayWidth(table.headers[c]));
     }
-    for (std::size_t sum = total(SIZE_MAX); limit > 0 && sum > limit; --sum) {
+    for (std::size_t sum = lineWidth(table, SIZE_MAX); limit > 0 && sum > limit; --sum) {
         std::size_t widest = columns;
         for (std::size_t c = 0; c < columns; ++c) {
-            if (shown[c] && widths[c] > floors[c] &&
-                (widest == columns || widths[c] > widths[widest]))
+            if (table.shown[c] && table.widths[c] > floors[c] &&
+                (widest == columns || table.widths[c] > table.widths[widest]))
                 widest = c;
         }
         if (widest == columns) break;
         // One character at a time, so the two widest columns end up sharing the cut.
-        --widths[widest];
+        --table.widths[widest];
     }
+}
 
+void writeTable(std::ostream& out, TableLayout const& table) {
+    std::size_t const columns = table.widths.size();
     bool const colour = useColour();
     std::size_t last = columns;
     for (std::size_t c = 0; c < columns; ++c) {
-        if (shown[c]) last = c;
+        if (table.shown[c]) last = c;
     }
     auto line = [&](auto const& texts, bool header) {
         std::string text;
         for (std::size_t c = 0; c < columns; ++c) {
-            if (!shown[c]) continue;
-            std::string const cell = fit(texts[c], widths[c]);
-            std::string const spaced = c != last ? padded(cell, widths[c]) + "  " : cell;
+            if (!table.shown[c]) continue;
+            std::string const cell = fit(texts[c], table.widths[c]);
+            std::string const spaced = c != last ? padded(cell, table.widths[c]) + "  " : cell;
             // Failures stand out; the escape codes go around the padded text so that they
             // take no width.
             if (colour && !header && (cell == "FAIL" || cell == "ERROR")) {
@@ -438,10 +524,18 @@ void RecordPrinter::printTable(std::ostream& out) const {
         }
         out << text << "\n";
     };
-    std::vector<std::string> headers;
-    for (auto const& field : m_fields) headers.push_back(field.header);
-    line(headers, true);
-    for (auto const& row : cells) line(row, false);
+    line(table.headers, true);
+    for (auto const& row : table.cells) line(row, false);
+}
+
+}  // namespace
+
+void RecordPrinter::printTable(std::ostream& out) const {
+    TableLayout table = layoutOf(m_fields, m_records);
+    std::size_t const limit = outputStyle().wide ? 0 : terminalWidth();
+    dropColumns(table, m_fields, limit);
+    shrinkColumns(table, limit);
+    writeTable(out, table);
 }
 
 // ---- Pager

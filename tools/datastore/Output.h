@@ -37,7 +37,8 @@ OutputStyle& outputStyle();
 
 // "table", "ndjson", ... to a Format; false for an unknown name.
 bool formatNamed(std::string const& name, Format& format);
-char const* formatNames();  // "table, ndjson, json, json-pretty, csv, tsv"
+std::string formatName(Format format);  // "table", ...
+char const* formatNames();              // "table, ndjson, json, json-pretty, csv, tsv"
 
 class RecordPrinter {
 public:

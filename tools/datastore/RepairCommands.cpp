@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -68,21 +69,15 @@ void sessions(Options const& options, RepairArgs const& args) {
     printer.print(std::cout);
 }
 
-void session(Options const& options, RepairArgs const& args) {
-    std::string path;
-    auto const store = openStore(options, path);
-    zrn::SessionList const found = store->getSession(args.sessionId);
-    if (found.size() == 0) {
-        throw ToolError(NOT_FOUND, path + ": no session " + std::to_string(args.sessionId));
-    }
-    zrn::SessionLog const session = found.get(0);
+// Human output: one table per kind of record. JSON: one object per record with its "record"
+// kind.
+void section(Options const& options, char const* title, RecordPrinter const& printer) {
+    printSection(std::cout, options.json, title, printer);
+}
 
-    // Human output: one table per kind of record. JSON: one object per record with its "record"
-    // kind.
-    auto section = [&](char const* title, RecordPrinter const& printer) {
-        printSection(std::cout, options.json, title, printer);
-    };
+using DiagStore = zrn::SoftwareDiagEventDataStore;
 
+void printSessionHead(Options const& options, zrn::SessionLog const& session) {
     RecordPrinter sessionPrinter({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}},
                                  options.json);
     sessionPrinter.add(Json{{"record", "session"},
@@ -95,7 +90,11 @@ void session(Options const& options, RepairArgs const& args) {
         std::cout << "Session " << session.sessionId() << "\n";
         sessionPrinter.print(std::cout);
     }
+}
 
+// The session's run and fix transactions; the run transaction, which its diagnostics belong to.
+boost::optional<zrn::RunTransactionLog> printTransactions(Options const& options, DiagStore& store,
+                                                          zrn::SessionLog const& session) {
     RecordPrinter transactions({{"record", "KIND"},
                                 {"id", "ID"},
                                 {"restorePoint", "RESTORE POINT", 0, true},
@@ -104,7 +103,7 @@ void session(Options const& options, RepairArgs const& args) {
                                options.json);
     // The single-record getters stop the process when there is no match: ask first.
     boost::optional<zrn::RunTransactionLog> run;
-    if (store->sessionHasRunTransaction(session)) run = store->getRunTransactionBySession(session);
+    if (store.sessionHasRunTransaction(session)) run = store.getRunTransactionBySession(session);
     if (run) {
         transactions.add(Json{{"record", "runTransaction"},
                               {"id", run->runTransactionId()},
@@ -113,8 +112,8 @@ void session(Options const& options, RepairArgs const& args) {
                               {"start", when(options, run->startTimeStamp())},
                               {"end", when(options, run->endTimeStamp())}});
     }
-    if (store->sessionHasFixTransaction(session)) {
-        zrn::FixTransactionLog const fix = store->getFixTransactionBySession(session);
+    if (store.sessionHasFixTransaction(session)) {
+        zrn::FixTransactionLog const fix = store.getFixTransactionBySession(session);
         transactions.add(Json{{"record", "fixTransaction"},
                               {"id", fix.fixTransactionId()},
                               {"sessionId", fix.sessionId()},
@@ -122,8 +121,12 @@ void session(Options const& options, RepairArgs const& args) {
                               {"start", when(options, fix.startTimeStamp())},
                               {"end", when(options, fix.endTimeStamp())}});
     }
-    section("Transactions", transactions);
+    section(options, "Transactions", transactions);
+    return run;
+}
 
+void printDiagnostics(Options const& options, DiagStore& store,
+                      boost::optional<zrn::RunTransactionLog> const& run) {
     RecordPrinter diagnostics({{"softwareDiagnosticId", "ID"},
                                {"name", "DIAGNOSTIC"},
                                {"result", "RESULT"},
@@ -133,7 +136,7 @@ void session(Options const& options, RepairArgs const& args) {
                               options.json);
     if (run) {
         zrn::SoftwareDiagnosticList const list =
-            store->getSoftwareDiagnosticsByRunTransaction(*run, false, 0);
+            store.getSoftwareDiagnosticsByRunTransaction(*run, false, 0);
         for (unsigned i = 0; i < list.size(); ++i) {
             zrn::SoftwareDiagnosticLog const d = list.get(i);
             diagnostics.add(Json{{"record", "diagnostic"},
@@ -146,43 +149,42 @@ void session(Options const& options, RepairArgs const& args) {
                                  {"uuid", d.diagnosticUuid().str()}});
         }
     }
-    section("Diagnostics", diagnostics);
+    section(options, "Diagnostics", diagnostics);
+}
 
-    zrn::IssueList const issues = store->getIssuesBySession(session, false, 0);
+// The session's issues; for each fix action, the issues it fixes.
+std::map<long long, std::vector<long long>> printIssues(Options const& options, DiagStore& store,
+                                                        zrn::SessionLog const& session) {
+    zrn::IssueList const issues = store.getIssuesBySession(session, false, 0);
     std::map<long long, std::vector<long long>> issuesOfFix;
-    RecordPrinter issuePrinter({{"issueId", "ID"},
-                                {"softwareDiagnosticId", "DIAGNOSTIC"},
-                                {"name", "ISSUE"},
-                                {"time", "FOUND"},
-                                {"description", "DESCRIPTION"}},
-                               options.json);
+    std::vector<Field> issueColumns = issueFields();
+    issueColumns.push_back({"fixActionIds", "FIXES", 2});
+    RecordPrinter issuePrinter(issueColumns, options.json);
     for (unsigned i = 0; i < issues.size(); ++i) {
         zrn::IssueLog const issue = issues.get(i);
-        zrn::FixActionList const fixes = store->getFixActionsByIssue(issue, false, 0);
+        zrn::FixActionList const fixes = store.getFixActionsByIssue(issue, false, 0);
         Json fixIds = Json::array();
+        std::string fixList;
         for (unsigned f = 0; f < fixes.size(); ++f) {
-            fixIds.push_back(fixes.get(f).fixActionId());
-            issuesOfFix[fixes.get(f).fixActionId()].push_back(issue.issueId());
+            long long const id = fixes.get(f).fixActionId();
+            fixIds.push_back(id);
+            fixList += (fixList.empty() ? "" : ",") + std::to_string(id);
+            issuesOfFix[id].push_back(issue.issueId());
         }
-        issuePrinter.add(Json{{"record", "issue"},
-                              {"issueId", issue.issueId()},
-                              {"softwareDiagnosticId", issue.softwareDiagnosticId()},
-                              {"name", issue.issueName().str()},
-                              {"time", when(options, issue.timeStamp())},
-                              {"description", issue.issueDescription().str()},
-                              {"fixActionIds", fixIds}});
+        Json record = issueRecord(options.json, issue);
+        record["fixActionIds"] = options.json ? fixIds : Json(fixList);
+        issuePrinter.add(std::move(record));
     }
-    section("Issues", issuePrinter);
+    section(options, "Issues", issuePrinter);
+    return issuesOfFix;
+}
 
-    zrn::FixActionList const fixes = store->getFixActionsBySession(session, false, 0);
-    RecordPrinter fixPrinter({{"fixActionId", "ID"},
-                              {"state", "STATE"},
-                              {"summary", "FIX"},
-                              {"result", "RESULT"},
-                              {"issues", "ISSUES"},
-                              {"start", "STARTED"},
-                              {"end", "ENDED"}},
-                             options.json);
+void printFixActions(Options const& options, DiagStore& store, zrn::SessionLog const& session,
+                     std::map<long long, std::vector<long long>>& issuesOfFix) {
+    zrn::FixActionList const fixes = store.getFixActionsBySession(session, false, 0);
+    std::vector<Field> fixColumns = fixActionFields();
+    fixColumns.push_back({"issues", "ISSUES"});
+    RecordPrinter fixPrinter(fixColumns, options.json);
     for (unsigned i = 0; i < fixes.size(); ++i) {
         zrn::FixActionLog const fix = fixes.get(i);
         std::string issueList;
@@ -191,17 +193,25 @@ void session(Options const& options, RepairArgs const& args) {
             issueList += (issueList.empty() ? "" : ",") + std::to_string(id);
             issueIds.push_back(id);
         }
-        fixPrinter.add(Json{{"record", "fixAction"},
-                            {"fixActionId", fix.fixActionId()},
-                            {"state", static_cast<unsigned>(fix.fixState())},
-                            {"summary", fix.fixSummary().str()},
-                            {"result", fix.fixResult().str()},
-                            {"issues", options.json ? issueIds : Json(issueList)},
-                            {"typeUuid", fix.fixTypeUuid().str()},
-                            {"start", when(options, fix.startTimeStamp())},
-                            {"end", when(options, fix.endTimeStamp())}});
+        Json record = fixActionRecord(options.json, fix);
+        record["issues"] = options.json ? issueIds : Json(issueList);
+        fixPrinter.add(std::move(record));
     }
-    section("Fix actions", fixPrinter);
+    section(options, "Fix actions", fixPrinter);
+}
+
+void session(Options const& options, RepairArgs const& args) {
+    std::string path;
+    auto const store = openStore(options, path);
+    zrn::SessionList const found = store->getSession(args.sessionId);
+    if (found.size() == 0) {
+        throw ToolError(NOT_FOUND, path + ": no session " + std::to_string(args.sessionId));
+    }
+    zrn::SessionLog const session = found.get(0);
+    printSessionHead(options, session);
+    printDiagnostics(options, *store, printTransactions(options, *store, session));
+    auto issuesOfFix = printIssues(options, *store, session);
+    printFixActions(options, *store, session, issuesOfFix);
 }
 
 }  // namespace

@@ -99,122 +99,120 @@ void countsSection(std::string& body, std::vector<Chart>& charts, std::string co
     charts.push_back(std::move(chart));
 }
 
-void report(Options const& options, ReportArgs const& args) {
-    TimeRange const range = timeRange(options);
-    std::string const path = existingStorePath(options, Store::Event);
-    auto const store = openOrFail(path, [&] {
-        return std::make_unique<zrn::EventDataStore>(zrn::String(path), readOnly(options));
-    });
-    EventTimePoint const from = at(range.since), to = at(range.until);
-    std::string const library = chartLibrary();
-    std::string const host = hostName();
-
-    std::vector<Chart> charts;
+// Measurements: one chart per type, its average with the span's extremes.
+std::string measurementsSection(zrn::EventDataStore& store, EventTimePoint from, EventTimePoint to,
+                                std::vector<Chart>& charts) {
     std::string body;
-    try {
-        // ---- Measurements: one chart per type, its average with the span's extremes.
-        std::map<std::string, std::vector<zrn::MeasurementLog>> byType;
-        for (auto const& log : store->measurementLogs(from, to, "", 0))
-            byType[log.type().str()].push_back(log);
-        body += "<section><h2>Measurements</h2>\n";
-        if (byType.empty()) body += "<p class=\"none\">No measurements in this period.</p>\n";
-        std::vector<std::vector<std::string>> measurementRows;
-        for (auto const& [type, logs] : byType) {
-            Json labels = Json::array(), average = Json::array(), maximum = Json::array(),
-                 minimum = Json::array();
-            double low = logs.front().minimum(), high = logs.front().maximum(), sum = 0;
-            for (auto const& log : logs) {
-                labels.push_back(localTime(secondsOf(log.spanMiddle())));
-                average.push_back(log.average());
-                maximum.push_back(log.maximum());
-                minimum.push_back(log.minimum());
-                low = std::min(low, log.minimum());
-                high = std::max(high, log.maximum());
-                sum += log.average();
-            }
-            Chart chart{
-                "measurement-" + std::to_string(charts.size()), type,
-                Json{{"type", "line"},
-                     {"labels", labels},
-                     {"datasets", Json::array({Json{{"label", "average"}, {"data", average}},
-                                               Json{{"label", "maximum"}, {"data", maximum}},
-                                               Json{{"label", "minimum"}, {"data", minimum}}})}}};
-            body += canvas(chart);
-            charts.push_back(std::move(chart));
-            std::ostringstream mean;
-            mean.precision(4);
-            mean << sum / static_cast<double>(logs.size());
-            std::ostringstream lowText, highText;
-            lowText << low;
-            highText << high;
-            measurementRows.push_back(
-                {type, std::to_string(logs.size()), lowText.str(), mean.str(), highText.str()});
+    std::map<std::string, std::vector<zrn::MeasurementLog>> byType;
+    for (auto const& log : store.measurementLogs(from, to, "", 0))
+        byType[log.type().str()].push_back(log);
+    body += "<section><h2>Measurements</h2>\n";
+    if (byType.empty()) body += "<p class=\"none\">No measurements in this period.</p>\n";
+    std::vector<std::vector<std::string>> measurementRows;
+    for (auto const& [type, logs] : byType) {
+        Json labels = Json::array(), average = Json::array(), maximum = Json::array(),
+             minimum = Json::array();
+        double low = logs.front().minimum(), high = logs.front().maximum(), sum = 0;
+        for (auto const& log : logs) {
+            labels.push_back(localTime(secondsOf(log.spanMiddle())));
+            average.push_back(log.average());
+            maximum.push_back(log.maximum());
+            minimum.push_back(log.minimum());
+            low = std::min(low, log.minimum());
+            high = std::max(high, log.maximum());
+            sum += log.average();
         }
-        if (!byType.empty())
-            body +=
-                table({"Type", "Spans", "Minimum", "Mean of averages", "Maximum"}, measurementRows);
-        body += "</section>\n";
-
-        // ---- Failures per device and per test.
-        std::map<std::string, long long> byDevice, byTest;
-        std::vector<std::vector<std::string>> failRows;
-        for (auto const& log : store->getAllFails(from, to)) {
-            ++byDevice[log.deviceName().str()];
-            ++byTest[log.testName().str()];
-            failRows.push_back({localTime(secondsOf(log.timeStamp())), log.testName().str(),
-                                log.deviceName().str(), log.result().str(), log.errorCode().str()});
-        }
-        body += "<section><h2>Test failures</h2>\n";
-        if (failRows.empty()) {
-            body += "<p class=\"none\">No failed tests in this period.</p>\n";
-        } else {
-            countsSection(body, charts, "failures-device", "Failures per device", "Device",
-                          byDevice);
-            countsSection(body, charts, "failures-test", "Failures per test", "Test", byTest);
-            body += "<h3>Every failure</h3>\n" +
-                    table({"Started", "Test", "Device", "Result", "Error"}, failRows);
-        }
-        body += "</section>\n";
-
-        // ---- Alerts per day by type (stacked).
-        std::map<std::string, std::map<std::string, long long>> perDay;  // day -> type -> n
-        std::set<std::string> types;
-        std::vector<std::vector<std::string>> alertRows;
-        for (auto const& log : store->alertResultLogs(from, to, "", false, 0)) {
-            std::string const time = localTime(secondsOf(log.timeStamp()));
-            ++perDay[time.substr(0, 10)][log.type().str()];
-            types.insert(log.type().str());
-            alertRows.push_back({time, log.type().str(), log.title().str(), log.deviceName().str(),
-                                 log.message().str()});
-        }
-        body += "<section><h2>Alerts</h2>\n";
-        if (alertRows.empty()) {
-            body += "<p class=\"none\">No alerts in this period.</p>\n";
-        } else {
-            Json labels = Json::array(), datasets = Json::array();
-            for (auto const& day : perDay) labels.push_back(day.first);
-            for (auto const& type : types) {
-                Json counts = Json::array();
-                for (auto const& day : perDay) {
-                    auto const found = day.second.find(type);
-                    counts.push_back(found == day.second.end() ? 0 : found->second);
-                }
-                datasets.push_back(Json{{"label", type}, {"data", counts}});
-            }
-            Chart chart{"alerts-per-day", "Alerts per day by type",
-                        Json{{"type", "bar"},
-                             {"stacked", true},
-                             {"labels", labels},
-                             {"datasets", datasets}}};
-            body +=
-                canvas(chart) + table({"Time", "Type", "Title", "Device", "Message"}, alertRows);
-            charts.push_back(std::move(chart));
-        }
-        body += "</section>\n";
-    } catch (zrn::Exception const& e) {
-        libraryFailure(path, "cannot read: ", e);
+        Chart chart{
+            "measurement-" + std::to_string(charts.size()), type,
+            Json{{"type", "line"},
+                 {"labels", labels},
+                 {"datasets", Json::array({Json{{"label", "average"}, {"data", average}},
+                                           Json{{"label", "maximum"}, {"data", maximum}},
+                                           Json{{"label", "minimum"}, {"data", minimum}}})}}};
+        body += canvas(chart);
+        charts.push_back(std::move(chart));
+        std::ostringstream mean;
+        mean.precision(4);
+        mean << sum / static_cast<double>(logs.size());
+        std::ostringstream lowText, highText;
+        lowText << low;
+        highText << high;
+        measurementRows.push_back(
+            {type, std::to_string(logs.size()), lowText.str(), mean.str(), highText.str()});
     }
+    if (!byType.empty())
+        body += table({"Type", "Spans", "Minimum", "Mean of averages", "Maximum"}, measurementRows);
+    body += "</section>\n";
+    return body;
+}
 
+// Failures per device and per test.
+std::string failuresSection(zrn::EventDataStore& store, EventTimePoint from, EventTimePoint to,
+                            std::vector<Chart>& charts) {
+    std::string body;
+    std::map<std::string, long long> byDevice, byTest;
+    std::vector<std::vector<std::string>> failRows;
+    for (auto const& log : store.getAllFails(from, to)) {
+        ++byDevice[log.deviceName().str()];
+        ++byTest[log.testName().str()];
+        failRows.push_back({localTime(secondsOf(log.timeStamp())), log.testName().str(),
+                            log.deviceName().str(), log.result().str(), log.errorCode().str()});
+    }
+    body += "<section><h2>Test failures</h2>\n";
+    if (failRows.empty()) {
+        body += "<p class=\"none\">No failed tests in this period.</p>\n";
+    } else {
+        countsSection(body, charts, "failures-device", "Failures per device", "Device", byDevice);
+        countsSection(body, charts, "failures-test", "Failures per test", "Test", byTest);
+        body += "<h3>Every failure</h3>\n" +
+                table({"Started", "Test", "Device", "Result", "Error"}, failRows);
+    }
+    body += "</section>\n";
+    return body;
+}
+
+// Alerts per day by type (stacked).
+std::string alertsSection(zrn::EventDataStore& store, EventTimePoint from, EventTimePoint to,
+                          std::vector<Chart>& charts) {
+    std::string body;
+    std::map<std::string, std::map<std::string, long long>> perDay;  // day -> type -> n
+    std::set<std::string> types;
+    std::vector<std::vector<std::string>> alertRows;
+    for (auto const& log : store.alertResultLogs(from, to, "", false, 0)) {
+        std::string const time = localTime(secondsOf(log.timeStamp()));
+        ++perDay[time.substr(0, 10)][log.type().str()];
+        types.insert(log.type().str());
+        alertRows.push_back({time, log.type().str(), log.title().str(), log.deviceName().str(),
+                             log.message().str()});
+    }
+    body += "<section><h2>Alerts</h2>\n";
+    if (alertRows.empty()) {
+        body += "<p class=\"none\">No alerts in this period.</p>\n";
+    } else {
+        Json labels = Json::array(), datasets = Json::array();
+        for (auto const& day : perDay) labels.push_back(day.first);
+        for (auto const& type : types) {
+            Json counts = Json::array();
+            for (auto const& day : perDay) {
+                auto const found = day.second.find(type);
+                counts.push_back(found == day.second.end() ? 0 : found->second);
+            }
+            datasets.push_back(Json{{"label", type}, {"data", counts}});
+        }
+        Chart chart{
+            "alerts-per-day", "Alerts per day by type",
+            Json{{"type", "bar"}, {"stacked", true}, {"labels", labels}, {"datasets", datasets}}};
+        body += canvas(chart) + table({"Time", "Type", "Title", "Device", "Message"}, alertRows);
+        charts.push_back(std::move(chart));
+    }
+    body += "</section>\n";
+    return body;
+}
+
+// The whole page: `body` with the charts' data, Chart.js and the code that draws them.
+std::string page(std::string const& path, TimeRange const& range, std::string const& body,
+                 std::vector<Chart> const& charts, std::string const& library) {
+    std::string const host = hostName();
     Json configs = Json::array();
     for (auto const& chart : charts) {
         Json config = chart.config;
@@ -274,23 +272,51 @@ void report(Options const& options, ReportArgs const& args) {
 </html>
 )";
 
-    std::string const partial = args.out + ".partial";
+    return page.str();
+}
+
+// Writes `text` to `file` under a temporary name and renames it when complete: a reader never
+// sees half a report.
+void writeWhole(std::string const& file, std::string const& text) {
+    std::string const partial = file + ".partial";
     {
         std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-        out << page.str();
+        out << text;
         out.flush();
         if (!out) {
             std::remove(partial.c_str());
-            throw ToolError(STORE, args.out + ": cannot write: " + std::strerror(errno));
+            throw ToolError(STORE, file + ": cannot write: " + std::strerror(errno));
         }
     }
-    if (std::rename(partial.c_str(), args.out.c_str()) != 0) {
+    if (std::rename(partial.c_str(), file.c_str()) != 0) {
         std::remove(partial.c_str());
-        throw ToolError(STORE, args.out + ": cannot write: " + std::strerror(errno));
+        throw ToolError(STORE, file + ": cannot write: " + std::strerror(errno));
     }
+}
+
+void report(Options const& options, ReportArgs const& args) {
+    TimeRange const range = timeRange(options);
+    std::string const path = existingStorePath(options, Store::Event);
+    auto const store = openOrFail(path, [&] {
+        return std::make_unique<zrn::EventDataStore>(zrn::String(path), readOnly(options));
+    });
+    EventTimePoint const from = at(range.since), to = at(range.until);
+    // A missing Chart.js fails before the store is read.
+    std::string const library = chartLibrary();
+    std::vector<Chart> charts;
+    std::string body;
+    try {
+        body += measurementsSection(*store, from, to, charts);
+        body += failuresSection(*store, from, to, charts);
+        body += alertsSection(*store, from, to, charts);
+    } catch (zrn::Exception const& e) {
+        libraryFailure(path, "cannot read: ", e);
+    }
+    std::string const text = page(path, range, body, charts, library);
+    writeWhole(args.out, text);
     RecordPrinter printer({{"file", "FILE", 0, true}, {"charts", "CHARTS"}, {"bytes", "BYTES"}},
                           options.json);
-    printer.add(Json{{"file", args.out}, {"charts", charts.size()}, {"bytes", page.str().size()}});
+    printer.add(Json{{"file", args.out}, {"charts", charts.size()}, {"bytes", text.size()}});
     printer.print(std::cout);
 }
 

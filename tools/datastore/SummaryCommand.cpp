@@ -13,6 +13,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -22,20 +23,6 @@ using zrn::EventTimePoint;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 long long secondsOf(EventTimePoint time) { return time.time_since_epoch().count(); }
-
-// The fix states this suite's repair tool records; the store keeps any number as given.
-std::string fixStateName(unsigned state) {
-    switch (state) {
-        case 0:
-            return "not finished";
-        case 1:
-            return "done";
-        case 2:
-            return "done in part";
-        default:
-            return "state " + std::to_string(state);
-    }
-}
 
 std::string localDate(long long seconds) {
     std::string const time = localTime(seconds);
@@ -166,13 +153,8 @@ void repairSummary(Options const& options, TimeRange const& range) {
         store->getSessions(bound(range.since), bound(range.until), true, 1);
     RecordPrinter session({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}},
                           options.json);
-    RecordPrinter issues({{"issueId", "ISSUE"}, {"name", "NAME"}, {"description", "DESCRIPTION"}},
-                         options.json);
-    RecordPrinter fixes({{"fixActionId", "FIX"},
-                         {"stateName", "STATE"},
-                         {"summary", "SUMMARY"},
-                         {"result", "RESULT"}},
-                        options.json);
+    RecordPrinter issues(issueFields(), options.json);
+    RecordPrinter fixes(fixActionFields(), options.json);
     if (sessions.size() > 0) {
         zrn::SessionLog const last = sessions.get(0);
         session.add(tagged("lastSession",
@@ -180,24 +162,11 @@ void repairSummary(Options const& options, TimeRange const& range) {
                                 {"start", timeCell(options.json, seconds(last.startTimeStamp()))},
                                 {"end", timeCell(options.json, seconds(last.endTimeStamp()))}}));
         zrn::IssueList const issueList = store->getIssuesBySession(last, false, 0);
-        for (unsigned i = 0; i < issueList.size(); ++i) {
-            zrn::IssueLog const issue = issueList.get(i);
-            issues.add(tagged("issue", Json{{"issueId", issue.issueId()},
-                                            {"sessionId", last.sessionId()},
-                                            {"name", issue.issueName().str()},
-                                            {"description", issue.issueDescription().str()}}));
-        }
+        for (unsigned i = 0; i < issueList.size(); ++i)
+            issues.add(issueRecord(options.json, issueList.get(i)));
         zrn::FixActionList const fixList = store->getFixActionsBySession(last, false, 0);
-        for (unsigned i = 0; i < fixList.size(); ++i) {
-            zrn::FixActionLog const fix = fixList.get(i);
-            unsigned const state = static_cast<unsigned>(fix.fixState());
-            fixes.add(tagged("fixAction", Json{{"fixActionId", fix.fixActionId()},
-                                               {"sessionId", last.sessionId()},
-                                               {"state", state},
-                                               {"stateName", fixStateName(state)},
-                                               {"summary", fix.fixSummary().str()},
-                                               {"result", fix.fixResult().str()}}));
-        }
+        for (unsigned i = 0; i < fixList.size(); ++i)
+            fixes.add(fixActionRecord(options.json, fixList.get(i)));
     }
     printSection(std::cout, options.json, "Last repair session", session);
     printSection(std::cout, options.json, "Its issues", issues);

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
-#include <numeric>
 #include <string>
 
 #include "Commands.h"
 #include "Output.h"
+#include "Usage.h"
 
 namespace {
 
@@ -80,21 +80,6 @@ void printListing(CLI::App const& command, std::string const& path) {
 
 using namespace datastore;
 
-std::size_t editDistance(std::string const& a, std::string const& b) {
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            std::size_t const above = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] != b[j - 1])});
-            diagonal = above;
-        }
-    }
-    return row[b.size()];
-}
-
 // The first word of the command line that is neither an option nor an option's value: the
 // command the user meant. Empty when there is none.
 std::string commandWord(int argc, char** argv) {
@@ -116,16 +101,11 @@ std::string parseErrorLine(CLI::App const& app, CLI::ParseError const& e, int ar
     bool const known = std::any_of(commands.begin(), commands.end(),
                                    [&](CLI::App const* c) { return c->check_name(word); });
     if (!word.empty() && !known) {
-        std::string nearest;
-        std::size_t best = 0;
-        for (CLI::App const* command : commands) {
-            std::size_t const distance = editDistance(word, command->get_name());
-            if (nearest.empty() || distance < best) nearest = command->get_name(), best = distance;
-        }
+        std::vector<std::string> names;
+        for (CLI::App const* command : commands) names.push_back(command->get_name());
+        std::string const nearest = nearestWord(word, names);
         std::string line = "'" + word + "' is not a command";
-        // Farther than half the word is a different word, not a typo.
-        if (!nearest.empty() && best <= std::max<std::size_t>(2, word.size() / 2))
-            line += "; did you mean '" + nearest + "'?";
+        if (!nearest.empty()) line += "; did you mean '" + nearest + "'?";
         return line + " (see 'datastore --help')";
     }
     std::string message = e.what();
@@ -179,6 +159,7 @@ int run(int argc, char** argv) {
     });
     Pager pager(!noPager);
     try {
+        checkOptionNames(app, argc, argv);
         app.parse(argc, argv);
         finishOutput(std::cout);
     } catch (CLI::CallForVersion const& e) {
