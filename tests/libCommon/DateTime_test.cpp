@@ -2,6 +2,7 @@
 #include <libCommon/DateTime.h>
 
 #include <ctime>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -135,6 +136,10 @@ TEST(DateTimeTest, KindsFieldsAndEquality) {
     EXPECT_EQ(none.toString().str(), "");
     EXPECT_FALSE(none == epoch);
     EXPECT_TRUE(none == DateTime());
+    // An uninitialised value has no fields: every reader gives 0.
+    EXPECT_EQ(std::vector<int>({none.getYear(), none.getMonth(), none.getDay(), none.getHour(),
+                                none.getMinute(), none.getSecond()}),
+              std::vector<int>(6, 0));
 }
 
 }  // namespace

@@ -151,7 +151,10 @@ TEST(StringTest, NumberParsersGiveWhatTheCLibraryGivesForEveryShapeOfText) {
                                  "nan",
                                  "-inf",
                                  "12,5",
-                                 " 1.5"};
+                                 " 1.5",
+                                 "-",
+                                 "-.",
+                                 ""};
     for (char const* text : reals) {
         double const expected = std::strtod(text, nullptr);
         double const got = String::strToReal64(text);
