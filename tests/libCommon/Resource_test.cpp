@@ -31,6 +31,10 @@ TEST(ResourceTest, SettingsFileEditsAreSeenByLaterLookups) {
     EXPECT_EQ(value, "normal");
     EXPECT_FALSE(lookup("libDataStore", "SQLiteDataStore", value));
     EXPECT_FALSE(lookup("other", "SQLiteDataStore.SyncMode", value));
+    // A missing section or key names no setting, whatever the other one is.
+    EXPECT_FALSE(lookup(nullptr, "k", value));
+    EXPECT_FALSE(lookup("other", nullptr, value));
+    EXPECT_EQ(value, "normal");
 
     // Same size, rewritten at once: the modification time (or inode) tells the versions apart.
     test::writeFile(file, "[libDataStore]\nSQLiteDataStore.SyncMode = NORMAL\n[other]\nk=v\n");
