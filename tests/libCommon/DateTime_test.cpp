@@ -138,8 +138,8 @@ TEST(DateTimeTest, KindsFieldsAndEquality) {
     EXPECT_TRUE(none == DateTime());
     // An uninitialised value has no fields: every reader gives 0.
     EXPECT_EQ(std::vector<int>({none.getYear(), none.getMonth(), none.getDay(), none.getHour(),
-                                none.getMinute(), none.getSecond()}),
-              std::vector<int>(6, 0));
+                                none.getMinute(), none.getSecond(), none.utcOffsetSeconds()}),
+              std::vector<int>(7, 0));
 }
 
 }  // namespace
