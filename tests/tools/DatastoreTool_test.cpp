@@ -440,6 +440,12 @@ TEST_F(DatastoreToolTest, StoreErrorsNameTheFileAndTheCause) {
     EXPECT_EQ(tool({"state", "set", "k", "v", "--file", store("event.db")}, false).err,
               "datastore: " + store("event.db") +
                   ": not an application-state store (it has no AppState table)\n");
+    EXPECT_EQ(tool({"session", "1", "--file", store("event.db")}, false).err,
+              "datastore: " + store("event.db") +
+                  ": not a software-diagnostics store (it has no Sessions table)\n");
+    EXPECT_EQ(
+        tool({"logs", "--file", store("event.db")}, false).err,
+        "datastore: " + store("event.db") + ": not a general store (it has no GenericLog table)\n");
     EXPECT_EQ(test::RawDb(store("appstate.db"), true)
                   .scalar("SELECT count(*) FROM sqlite_master WHERE type = 'table'"),
               "1");
