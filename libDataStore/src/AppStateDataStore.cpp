@@ -10,6 +10,8 @@
 #include <libDataStore/DataStoreSettings.h>
 #include <libDataStore/SQLiteDataStore.h>
 
+#include <limits>
+#include <stdexcept>
 #include <string>
 
 #include "ModuleState.h"
@@ -234,8 +236,15 @@ boost::optional<AppStateDataStore::EntryTime> AppStateDataStore::entryTime(
         }
         // Counted from the Unix epoch, not from the steady clock's own: callers compare these
         // values with each other only. Sub-second parts were never stored.
+        // Nanoseconds reach about 292 years either side of 1970: a time outside that (a damaged
+        // or foreign file) has no time point and reads as a failure, never as a wrapped value.
         long long const seconds = DateTime(text).unixTimeStamp();
-        return EntryTime(std::chrono::nanoseconds(seconds * 1000000000LL));
+        constexpr long long kNanoseconds = 1000000000LL;
+        if (seconds > std::numeric_limits<long long>::max() / kNanoseconds ||
+            seconds < std::numeric_limits<long long>::min() / kNanoseconds) {
+            throw std::range_error("entry time out of range");
+        }
+        return EntryTime(std::chrono::nanoseconds(seconds * kNanoseconds));
     } catch (...) {
         logAt(logger(), ERROR, [&] {
             return LoggerStream() + "238 " +

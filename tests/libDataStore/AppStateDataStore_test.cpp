@@ -64,6 +64,15 @@ TEST(AppStateDataStoreTest, EntryTimeIsUnixSecondsOfTheStoredLocalTimeInNanoseco
     test::RawDb raw(path);
     raw.exec("UPDATE AppState SET dateTime='2020-05-06 10:00:00' WHERE key='fixed'");
     EXPECT_EQ(store.entryTime("fixed")->time_since_epoch().count(), 1588752000LL * 1000000000LL);
+
+    // A time that nanoseconds cannot count is the failure it is, not a wrapped value.
+    test::LogCapture log(4);
+    raw.exec("UPDATE AppState SET dateTime='1055-02-11 10:00:00' WHERE key='fixed'");
+    EXPECT_FALSE(store.entryTime("fixed"));
+    std::vector<test::LogCapture::Entry> const entries = log.entries();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].priority, 4);
+    EXPECT_EQ(entries[0].message, "238 General failure attempting to get entryTime for key: fixed");
 }
 
 TEST(AppStateDataStoreTest, ConcurrentInsertsOfOneKeyLetExactlyOneThrough) {
