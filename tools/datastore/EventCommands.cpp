@@ -15,6 +15,7 @@
 #include "Commands.h"
 #include "Follow.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -86,28 +87,14 @@ void apps(Options const& options, EventArgs const& args) {
     std::sort(runs.begin(), runs.end(), [](auto const& a, auto const& b) {
         return a.startTime != b.startTime ? a.startTime > b.startTime : a.appId > b.appId;
     });
-    RecordPrinter printer({{"appId", "RUN"},
-                           {"name", "APPLICATION"},
-                           {"userName", "USER"},
-                           {"typeOfRun", "TYPE"},
-                           {"start", "STARTED"},
-                           {"end", "ENDED", 2},
-                           {"seconds", "SECONDS", 1}},
-                          options.json);
+    RecordPrinter printer(appRunFields(), options.json);
     for (zrn::ApplicationRunRow const& run : runs) {
         if (range.since > 0 && run.startTime < range.since) continue;
         if (range.until > 0 && run.startTime > range.until) continue;
         if (!args.type.empty() && run.typeOfRun != args.type) continue;
         if (!args.user.empty() && run.userName != args.user) continue;
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
-        printer.add(
-            Json{{"appId", run.appId},
-                 {"name", run.name},
-                 {"userName", run.userName},
-                 {"typeOfRun", run.typeOfRun},
-                 {"start", timeCell(options.json, run.startTime)},
-                 {"end", timeCell(options.json, run.endTime)},
-                 {"seconds", run.endTime > 0 ? Json(run.endTime - run.startTime) : Json()}});
+        printer.add(appRunRecord(options.json, run));
     }
     printer.print(std::cout);
 }
@@ -126,23 +113,9 @@ void scripts(Options const& options, EventArgs const& args) {
     std::vector<zrn::ScriptResultLog> const logs =
         store->scriptResultLogs(bound(range.since), bound(range.until), text(args.type),
                                 text(args.name), text(args.guid), limitOf(options));
-    RecordPrinter printer({{"scriptId", "SCRIPT"},
-                           {"name", "NAME"},
-                           {"result", "RESULT"},
-                           {"start", "STARTED"},
-                           {"end", "ENDED", 2},
-                           {"totalPasses", "PASSES", 3},
-                           {"guid", "GUID", 1, true}},
-                          options.json);
+    RecordPrinter printer(scriptRunFields(), options.json);
     for (auto const& log : logs) {
-        printer.add(Json{{"scriptId", log.scriptId()},
-                         {"name", log.name().str()},
-                         {"result", log.result().str()},
-                         {"start", timeCell(options.json, secondsOf(log.startTime()))},
-                         {"end", timeCell(options.json, secondsOf(log.endTime()))},
-                         {"totalPasses", log.totalPasses()},
-                         {"guid", log.guid().str()},
-                         {"scriptXml", log.scriptXml().str()}});
+        printer.add(scriptRunRecord(options.json, log));
     }
     printer.print(std::cout);
 }
@@ -173,31 +146,6 @@ void requireOwner(Options const& options, std::string const& path, EventArgs con
     });
 }
 
-Json testRun(Options const& options, zrn::TestRunResultLog const& log) {
-    return Json{{"testId", log.testId()},
-                {"testName", log.testName().str()},
-                {"deviceName", log.deviceName().str()},
-                {"result", log.result().str()},
-                {"errorCode", log.errorCode().str()},
-                {"pass", log.pass()},
-                {"start", timeCell(options.json, secondsOf(log.timeStamp()))},
-                {"deviceGuid", log.deviceGuid().str()},
-                {"deviceType", log.deviceType().str()},
-                {"testGuid", log.testGuid().str()}};
-}
-
-RecordPrinter testRunPrinter(Options const& options) {
-    return RecordPrinter({{"testId", "TEST"},
-                          {"testName", "NAME"},
-                          {"deviceName", "DEVICE", 3},
-                          {"result", "RESULT"},
-                          {"errorCode", "ERROR", 1},
-                          {"pass", "PASS", 4},
-                          {"start", "STARTED", 2},
-                          {"deviceGuid", "DEVICE GUID", 0, true}},
-                         options.json);
-}
-
 void tests(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
@@ -205,10 +153,10 @@ void tests(Options const& options, EventArgs const& args) {
         throw ToolError(NOT_FOUND,
                         store.path() + ": no script run " + std::to_string(args.scriptId));
     }
-    RecordPrinter printer = testRunPrinter(options);
+    RecordPrinter printer(testRunFields(), options.json);
     for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until),
                                                     limitOf(options))) {
-        printer.add(testRun(options, log));
+        printer.add(testRunRecord(options.json, log));
     }
     printer.print(std::cout);
 }
@@ -224,49 +172,47 @@ void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owner
     if (given != 1) throw ToolError(USAGE, "give exactly one of " + names + " (a positive id)");
 }
 
+// The events of one test run, each with its test run, newest first.
+std::vector<Json> testRunEvents(Options const& options, zrn::EventDataStore& store,
+                                long long testId, TimeRange const& range) {
+    std::vector<Json> records;
+    for (auto const& log :
+         store.testRunEventResultLogs(testId, at(range.since), at(range.until), limitOf(options)))
+        records.push_back(eventRecord(options.json, log, testId));
+    return records;
+}
+
+// The events of every test run of a script run, newest first. The script's reader does not
+// say which test run an event is of: each test run's events are read on their own and merged.
+std::vector<Json> scriptRunEvents(Options const& options, zrn::EventDataStore& store,
+                                  long long scriptId, TimeRange const& range) {
+    std::vector<std::pair<long long, Json>> timed;
+    for (auto const& test : store.testRunResultLogs(scriptId, at(0), at(0), 0)) {
+        for (auto const& log : store.testRunEventResultLogs(test.testId(), at(range.since),
+                                                            at(range.until), limitOf(options)))
+            timed.emplace_back(secondsOf(log.timeStamp()),
+                               eventRecord(options.json, log, test.testId()));
+    }
+    std::stable_sort(timed.begin(), timed.end(),
+                     [](auto const& a, auto const& b) { return a.first > b.first; });
+    if (options.limit > 0 && timed.size() > static_cast<std::size_t>(options.limit))
+        timed.resize(static_cast<std::size_t>(options.limit));
+    std::vector<Json> records;
+    for (auto& entry : timed) records.push_back(std::move(entry.second));
+    return records;
+}
+
 void events(Options const& options, EventArgs const& args) {
     requireOneOwner({{"--test", args.testId}, {"--script", args.scriptId}});
     requireOwner(options, existingStorePath(options, Store::Event), args);
     if (args.follow) return followEvents(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    std::vector<zrn::TestRunEventResultLog> const logs =
-        args.testId > 0 ? store->testRunEventResultLogs(args.testId, at(range.since),
-                                                        at(range.until), limitOf(options))
-                        : store->scriptRunEventResultLogs(args.scriptId, at(range.since),
-                                                          at(range.until), limitOf(options));
-    RecordPrinter printer({{"time", "TIME"},
-                           {"type", "TYPE"},
-                           {"eventCode", "CODE"},
-                           {"customerEventCode", "CUSTOMER CODE", 1},
-                           {"message", "MESSAGE"}},
-                          options.json);
-    for (auto const& log : logs) {
-        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                         {"type", log.type().str()},
-                         {"eventCode", log.eventCode().str()},
-                         {"customerEventCode", log.customerEventCode().str()},
-                         {"message", log.message().str()}});
-    }
+    RecordPrinter printer(eventFields(), options.json);
+    for (Json& record : args.testId > 0 ? testRunEvents(options, *store, args.testId, range)
+                                        : scriptRunEvents(options, *store, args.scriptId, range))
+        printer.add(std::move(record));
     printer.print(std::cout);
-}
-
-Json tip(Options const& options, zrn::TipResultLog const& log) {
-    return Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                {"key", log.key().str()},
-                {"type", log.type().str()},
-                {"title", log.title().str()},
-                {"text", log.text().str()},
-                {"extendedText", log.extendedText().str()}};
-}
-
-RecordPrinter tipPrinter(Options const& options) {
-    return RecordPrinter({{"time", "TIME"},
-                          {"key", "KEY", 0, true},
-                          {"type", "TYPE"},
-                          {"title", "TITLE"},
-                          {"text", "TEXT"}},
-                         options.json);
 }
 
 void tips(Options const& options, EventArgs const& args) {
@@ -282,8 +228,8 @@ void tips(Options const& options, EventArgs const& args) {
         : args.scriptId > 0
             ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
             : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
-    RecordPrinter printer = tipPrinter(options);
-    for (auto const& log : logs) printer.add(tip(options, log));
+    RecordPrinter printer(tipFields(), options.json);
+    for (auto const& log : logs) printer.add(tipRecord(options.json, log));
     printer.print(std::cout);
 }
 
@@ -314,10 +260,10 @@ void failures(Options const& options, EventArgs const& args) {
                        [&](auto const& log) { return secondsOf(log.timeStamp()) < range.since; }),
                    logs.end());
     }
-    RecordPrinter printer = testRunPrinter(options);
+    RecordPrinter printer(testRunFields(), options.json);
     for (auto const& log : logs) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
-        printer.add(testRun(options, log));
+        printer.add(testRunRecord(options.json, log));
     }
     printer.print(std::cout);
 }
@@ -325,33 +271,14 @@ void failures(Options const& options, EventArgs const& args) {
 // ---- Alerts
 
 Json alert(Options const& options, zrn::EventDataStore& store, zrn::AlertResultLog const& log) {
-    return Json{{"alertId", log.alertId()},
-                {"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                {"type", log.type().str()},
-                {"key", log.key().str()},
-                {"title", log.title().str()},
-                {"deviceName", log.deviceName().str()},
-                {"tracked", store.alertTracked(log.guid())},
-                {"message", log.message().str()},
-                {"guid", log.guid().str()}};
-}
-
-RecordPrinter alertPrinter(Options const& options) {
-    return RecordPrinter({{"alertId", "ALERT"},
-                          {"time", "TIME"},
-                          {"type", "TYPE"},
-                          {"title", "TITLE"},
-                          {"deviceName", "DEVICE", 1},
-                          {"tracked", "TRACKED", 2},
-                          {"message", "MESSAGE"}},
-                         options.json);
+    return alertRecord(options.json, log, store.alertTracked(log.guid()));
 }
 
 void alerts(Options const& options, EventArgs const& args) {
     if (args.follow) return followAlerts(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer = alertPrinter(options);
+    RecordPrinter printer(alertFields(), options.json);
     for (auto const& log :
          store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
                                 args.untracked, limitOf(options))) {
@@ -371,24 +298,20 @@ void oneAlert(Options const& options, EventArgs const& args) {
     if (found == all.end())
         throw ToolError(NOT_FOUND, store.path() + ": no alert " + std::to_string(args.alertId));
 
-    RecordPrinter head = alertPrinter(options);
+    RecordPrinter head(alertFields(), options.json);
     head.add(tagged("alert", alert(options, *store, *found)));
     if (!options.json) std::cout << "Alert " << args.alertId << "\n";
     head.print(std::cout);
 
-    RecordPrinter keyValues({{"key", "KEY", 0, true}, {"value", "VALUE"}}, options.json);
-    for (auto const& kv : store->alertKeyValueResultLogs(args.alertId)) {
-        keyValues.add(Json{{"record", "keyValue"},
-                           {"alertId", args.alertId},
-                           {"key", kv.key().str()},
-                           {"value", kv.value().str()}});
-    }
+    RecordPrinter keyValues(alertKeyValueFields(), options.json);
+    for (auto const& kv : store->alertKeyValueResultLogs(args.alertId))
+        keyValues.add(tagged("keyValue", alertKeyValueRecord(args.alertId, kv)));
     printSection(std::cout, options.json, "Key/values", keyValues);
 
-    RecordPrinter tips = tipPrinter(options);
+    RecordPrinter tips(tipFields(), options.json);
     for (auto const& log : store->alertTipResultLogs(args.alertId, at(range.since), at(range.until),
                                                      limitOf(options))) {
-        Json record = tip(options, log);
+        Json record = tipRecord(options.json, log);
         record["alertId"] = args.alertId;
         tips.add(tagged("tip", std::move(record)));
     }
@@ -400,16 +323,7 @@ void oneAlert(Options const& options, EventArgs const& args) {
 void measurements(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"type", "TYPE"},
-                           {"spanStart", "SPAN START"},
-                           {"spanMiddle", "MIDDLE", 3},
-                           {"spanEnd", "END", 2},
-                           {"minimum", "MIN"},
-                           {"maximum", "MAX"},
-                           {"average", "AVERAGE"},
-                           {"median", "MEDIAN", 1},
-                           {"numberOfSamples", "SAMPLES"}},
-                          options.json);
+    RecordPrinter printer(measurementFields(), options.json);
     // The reader lists oldest first and would keep the oldest N: all are read and the newest
     // N kept, still oldest first.
     std::vector<zrn::MeasurementLog> logs =
@@ -429,16 +343,7 @@ void measurements(Options const& options, EventArgs const& args) {
             ? logs.size() - static_cast<std::size_t>(options.limit)
             : 0;
     for (std::size_t i = first; i < logs.size(); ++i) {
-        zrn::MeasurementLog const& log = logs[i];
-        printer.add(Json{{"type", log.type().str()},
-                         {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
-                         {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
-                         {"spanEnd", timeCell(options.json, secondsOf(log.spanEnd()))},
-                         {"minimum", log.minimum()},
-                         {"maximum", log.maximum()},
-                         {"average", log.average()},
-                         {"median", log.median()},
-                         {"numberOfSamples", log.numberOfSamples()}});
+        printer.add(measurementRecord(options.json, logs[i]));
     }
     printer.print(std::cout);
 }
@@ -446,17 +351,10 @@ void measurements(Options const& options, EventArgs const& args) {
 void diffs(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"time", "TIME"},
-                           {"category", "CATEGORY"},
-                           {"changesCount", "CHANGES"},
-                           {"serializedDiff", "DIFF"}},
-                          options.json);
+    RecordPrinter printer(diffFields(), options.json);
     for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until),
                                                    zrn::String(args.category), limitOf(options))) {
-        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                         {"category", log.category().str()},
-                         {"changesCount", log.changesCount()},
-                         {"serializedDiff", log.serializedDiff().str()}});
+        printer.add(diffRecord(options.json, log));
     }
     printer.print(std::cout);
 }
@@ -464,20 +362,11 @@ void diffs(Options const& options, EventArgs const& args) {
 void scriptlets(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    RecordPrinter printer({{"time", "TIME"},
-                           {"key", "KEY", 0, true},
-                           {"category", "CATEGORY"},
-                           {"status", "STATUS"},
-                           {"result", "RESULT"}},
-                          options.json);
+    RecordPrinter printer(scriptletFields(), options.json);
     for (auto const& log : store->scriptletResultLogs(
              at(range.since), at(range.until), zrn::String(args.user), zrn::String(args.category),
              zrn::String(args.status), limitOf(options))) {
-        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                         {"key", log.key().str()},
-                         {"category", log.category().str()},
-                         {"status", log.status().str()},
-                         {"result", log.result().str()}});
+        printer.add(scriptletRecord(options.json, log));
     }
     printer.print(std::cout);
 }

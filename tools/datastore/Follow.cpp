@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -17,8 +18,14 @@ volatile std::sig_atomic_t g_stop = 0;
 
 extern "C" void onStop(int) { g_stop = 1; }
 
-// A cell as the record shows it: as stored, NULL as "".
-Json text(zrn::StoreCell const& cell) { return cell.isNull() ? Json("") : jsonOf(cell); }
+// A text cell as the typed readers give it: NULL as "".
+zrn::String text(zrn::StoreRow const& row, char const* column) {
+    return zrn::String(row[column].asText());
+}
+
+zrn::EventTimePoint timeOf(zrn::StoreRow const& row, char const* column) {
+    return zrn::EventTimePoint(zrn::EventTimePoint::duration(row[column].asInteger()));
+}
 
 // New rows are those whose key (rowid or an INTEGER PRIMARY KEY, which only grows for a
 // table nobody prunes meanwhile) is above the highest seen.
@@ -93,20 +100,17 @@ void followApps(Options const& options, FollowFilter const& filter) {
         source.query.equal.emplace_back("typeOfRun", zrn::StoreCell::of(filter.type));
     if (!filter.user.empty())
         source.query.equal.emplace_back("userName", zrn::StoreCell::of(filter.user));
-    source.fields = {{"appId", "RUN"},         {"name", "APPLICATION"}, {"userName", "USER"},
-                     {"typeOfRun", "TYPE"},    {"start", "STARTED"},    {"end", "ENDED", 2},
-                     {"seconds", "SECONDS", 1}};
+    source.fields = appRunFields();
     bool const json = options.json;
     source.record = [json](zrn::StoreReader&, zrn::StoreRow const& row) {
-        long long const start = row["startTime"].asInteger();
-        long long const end = row["endTime"].asInteger();
-        return Json{{"appId", row.key},
-                    {"name", text(row["name"])},
-                    {"userName", text(row["userName"])},
-                    {"typeOfRun", text(row["typeOfRun"])},
-                    {"start", timeCell(json, start)},
-                    {"end", timeCell(json, end)},
-                    {"seconds", end > 0 ? Json(end - start) : Json()}};
+        zrn::ApplicationRunRow run;
+        run.appId = row.key;
+        run.name = row["name"].asText();
+        run.userName = row["userName"].asText();
+        run.typeOfRun = row["typeOfRun"].asText();
+        run.startTime = row["startTime"].asInteger();
+        run.endTime = row["endTime"].asInteger();
+        return appRunRecord(json, run);
     };
     readOrFail([&] { follow(options, source); });
 }
@@ -126,24 +130,13 @@ void followAlerts(Options const& options, FollowFilter const& filter) {
     if (!filter.type.empty())
         source.query.equal.emplace_back("type", zrn::StoreCell::of(filter.type));
     if (filter.untracked) source.query.equal.emplace_back("tracked", zrn::StoreCell::of(0));
-    source.fields = {{"alertId", "ALERT"},
-                     {"time", "TIME"},
-                     {"type", "TYPE"},
-                     {"title", "TITLE"},
-                     {"deviceName", "DEVICE", 1},
-                     {"tracked", "TRACKED", 2},
-                     {"message", "MESSAGE"}};
+    source.fields = alertFields();
     bool const json = options.json;
     source.record = [json](zrn::StoreReader& reader, zrn::StoreRow const& row) {
-        return Json{{"alertId", row.key},
-                    {"time", timeCell(json, row["dateTime"].asInteger())},
-                    {"type", text(row["type"])},
-                    {"key", text(row["key"])},
-                    {"title", text(row["title"])},
-                    {"deviceName", text(row["deviceName"])},
-                    {"tracked", tracked(reader, row["guid"])},
-                    {"message", text(row["message"])},
-                    {"guid", text(row["guid"])}};
+        zrn::AlertResultLog const log(row.key, text(row, "guid"), text(row, "key"),
+                                      text(row, "type"), text(row, "title"), text(row, "message"),
+                                      text(row, "deviceName"), timeOf(row, "dateTime"));
+        return alertRecord(json, log, tracked(reader, row["guid"]));
     };
     readOrFail([&] { follow(options, source); });
 }
@@ -169,19 +162,13 @@ void followEvents(Options const& options, FollowFilter const& filter) {
             return ofScript(reader, row["testId"].asInteger(), scriptId);
         };
     }
-    source.fields = {{"time", "TIME"},
-                     {"type", "TYPE"},
-                     {"eventCode", "CODE"},
-                     {"customerEventCode", "CUSTOMER CODE", 1},
-                     {"message", "MESSAGE"}};
+    source.fields = eventFields();
     bool const json = options.json;
     source.record = [json](zrn::StoreReader&, zrn::StoreRow const& row) {
-        return Json{{"time", timeCell(json, row["dateTime"].asInteger())},
-                    {"type", text(row["type"])},
-                    {"eventCode", text(row["eventCode"])},
-                    {"customerEventCode", text(row["customerEventCode"])},
-                    {"message", text(row["message"])},
-                    {"testId", jsonOf(row["testId"])}};
+        zrn::TestRunEventResultLog const log(text(row, "message"), text(row, "type"),
+                                             text(row, "eventCode"), text(row, "customerEventCode"),
+                                             timeOf(row, "dateTime"));
+        return eventRecord(json, log, row["testId"].asInteger());
     };
     readOrFail([&] { follow(options, source); });
 }

@@ -10,6 +10,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -71,43 +72,10 @@ void logs(Options const& options, GeneralArgs const& args) {
         return unixSeconds(a->creationUTCTimeStamp()) > unixSeconds(b->creationUTCTimeStamp());
     });
 
-    // People get the columns they filter on; JSON has every field.
-    RecordPrinter printer({{"created", "CREATED"},
-                           {"category", "CATEGORY"},
-                           {"subCategory", "SUBCATEGORY", 1},
-                           {"tracked", "TRACKED", 2},
-                           {"keyValuesText", "KEY/VALUES"},
-                           {"guid", "GUID", 0, true},
-                           {"typeUUID", "TYPE", 3, true}},
-                          options.json);
+    RecordPrinter printer(genericLogFields(), options.json);
     for (zrn::GenericLog const* log : sorted) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
-        Json keyValues = Json::array();
-        std::string keyValuesText;
-        for (unsigned k = 0; k < log->keyValues().size(); ++k) {
-            zrn::LogKeyValue const& kv = log->keyValues().get(k);
-            keyValues.push_back(
-                Json{{"key", kv.key().str()},
-                     {"value", kv.value().str()},
-                     {"tracked", kv.tracked()},
-                     {"updated", timeCell(true, unixSeconds(kv.updateUTCTimeStamp()))}});
-            keyValuesText +=
-                (keyValuesText.empty() ? "" : ", ") + kv.key().str() + "=" + kv.value().str();
-        }
-        Json record{{"typeUUID", log->typeUUID().str()},
-                    {"guid", log->guid().str()},
-                    {"category", log->category().str()},
-                    {"subCategory", log->subCategory().str()},
-                    {"created", timeCell(options.json, unixSeconds(log->creationUTCTimeStamp()))},
-                    {"updated", timeCell(options.json, unixSeconds(log->updateUTCTimeStamp()))},
-                    {"flags", log->flags()},
-                    {"tracked", log->tracked()}};
-        if (options.json) {
-            record["keyValues"] = std::move(keyValues);
-        } else {
-            record["keyValuesText"] = keyValuesText;
-        }
-        printer.add(std::move(record));
+        printer.add(genericLogRecord(options.json, *log));
     }
     printer.print(std::cout);
 }

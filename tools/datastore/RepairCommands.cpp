@@ -36,35 +36,28 @@ zrn::TimeStamp bound(long long seconds) {
     return seconds > 0 ? zrn::TimeStamp(seconds) : zrn::TimeStamp();
 }
 
-Json when(Options const& options, zrn::TimeStamp const& time) {
-    return timeCell(options.json, time.isInitialized() ? time.getUnixTimeStamp() : 0);
-}
-
 void sessions(Options const& options, RepairArgs const& args) {
     TimeRange const range = timeRange(options);
     std::string path;
     auto const store = openStore(options, path);
     zrn::SessionList const list = store->getSessions(
         bound(range.since), bound(range.until), !args.ascending, static_cast<int>(options.limit));
-    RecordPrinter printer({{"sessionId", "SESSION"},
-                           {"start", "STARTED"},
-                           {"end", "ENDED", 3},
-                           {"issues", "ISSUES", 1},
-                           {"fixActions", "FIX ACTIONS", 2},
-                           {"restorePoint", "RESTORE POINT", 0, true}},
-                          options.json);
+    std::vector<Field> fields = sessionFields();
+    fields.insert(fields.end(), {{"issues", "ISSUES", 1},
+                                 {"fixActions", "FIX ACTIONS", 2},
+                                 {"restorePoint", "RESTORE POINT", 0, true}});
+    RecordPrinter printer(fields, options.json);
     for (unsigned i = 0; i < list.size(); ++i) {
         zrn::SessionLog const session = list.get(i);
         Json restorePoint;
         if (store->sessionHasFixTransaction(session)) {
             restorePoint = store->getFixTransactionBySession(session).restorePointUuid().str();
         }
-        printer.add(Json{{"sessionId", session.sessionId()},
-                         {"start", when(options, session.startTimeStamp())},
-                         {"end", when(options, session.endTimeStamp())},
-                         {"issues", store->getIssuesBySession(session, false, 0).size()},
-                         {"fixActions", store->getFixActionsBySession(session, false, 0).size()},
-                         {"restorePoint", restorePoint}});
+        Json record = sessionRecord(options.json, session);
+        record["issues"] = store->getIssuesBySession(session, false, 0).size();
+        record["fixActions"] = store->getFixActionsBySession(session, false, 0).size();
+        record["restorePoint"] = restorePoint;
+        printer.add(std::move(record));
     }
     printer.print(std::cout);
 }
@@ -78,12 +71,8 @@ void section(Options const& options, char const* title, RecordPrinter const& pri
 using DiagStore = zrn::SoftwareDiagEventDataStore;
 
 void printSessionHead(Options const& options, zrn::SessionLog const& session) {
-    RecordPrinter sessionPrinter({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}},
-                                 options.json);
-    sessionPrinter.add(Json{{"record", "session"},
-                            {"sessionId", session.sessionId()},
-                            {"start", when(options, session.startTimeStamp())},
-                            {"end", when(options, session.endTimeStamp())}});
+    RecordPrinter sessionPrinter(sessionFields(), options.json);
+    sessionPrinter.add(tagged("session", sessionRecord(options.json, session)));
     if (options.json) {
         sessionPrinter.print(std::cout);
     } else {
@@ -109,8 +98,8 @@ boost::optional<zrn::RunTransactionLog> printTransactions(Options const& options
                               {"id", run->runTransactionId()},
                               {"sessionId", run->sessionId()},
                               {"restorePoint", nullptr},
-                              {"start", when(options, run->startTimeStamp())},
-                              {"end", when(options, run->endTimeStamp())}});
+                              {"start", timeOf(options.json, run->startTimeStamp())},
+                              {"end", timeOf(options.json, run->endTimeStamp())}});
     }
     if (store.sessionHasFixTransaction(session)) {
         zrn::FixTransactionLog const fix = store.getFixTransactionBySession(session);
@@ -118,8 +107,8 @@ boost::optional<zrn::RunTransactionLog> printTransactions(Options const& options
                               {"id", fix.fixTransactionId()},
                               {"sessionId", fix.sessionId()},
                               {"restorePoint", fix.restorePointUuid().str()},
-                              {"start", when(options, fix.startTimeStamp())},
-                              {"end", when(options, fix.endTimeStamp())}});
+                              {"start", timeOf(options.json, fix.startTimeStamp())},
+                              {"end", timeOf(options.json, fix.endTimeStamp())}});
     }
     section(options, "Transactions", transactions);
     return run;
@@ -127,26 +116,12 @@ boost::optional<zrn::RunTransactionLog> printTransactions(Options const& options
 
 void printDiagnostics(Options const& options, DiagStore& store,
                       boost::optional<zrn::RunTransactionLog> const& run) {
-    RecordPrinter diagnostics({{"softwareDiagnosticId", "ID"},
-                               {"name", "DIAGNOSTIC"},
-                               {"result", "RESULT"},
-                               {"start", "STARTED"},
-                               {"end", "ENDED"},
-                               {"uuid", "UUID", 0, true}},
-                              options.json);
+    RecordPrinter diagnostics(diagnosticFields(), options.json);
     if (run) {
         zrn::SoftwareDiagnosticList const list =
             store.getSoftwareDiagnosticsByRunTransaction(*run, false, 0);
         for (unsigned i = 0; i < list.size(); ++i) {
-            zrn::SoftwareDiagnosticLog const d = list.get(i);
-            diagnostics.add(Json{{"record", "diagnostic"},
-                                 {"softwareDiagnosticId", d.softwareDiagnosticId()},
-                                 {"runTransactionId", d.runTransactionId()},
-                                 {"name", d.diagnosticName().str()},
-                                 {"result", d.diagnosticResult().str()},
-                                 {"start", when(options, d.startTimeStamp())},
-                                 {"end", when(options, d.endTimeStamp())},
-                                 {"uuid", d.diagnosticUuid().str()}});
+            diagnostics.add(tagged("diagnostic", diagnosticRecord(options.json, list.get(i))));
         }
     }
     section(options, "Diagnostics", diagnostics);
@@ -171,7 +146,7 @@ std::map<long long, std::vector<long long>> printIssues(Options const& options, 
             fixList += (fixList.empty() ? "" : ",") + std::to_string(id);
             issuesOfFix[id].push_back(issue.issueId());
         }
-        Json record = issueRecord(options.json, issue);
+        Json record = tagged("issue", issueRecord(options.json, issue));
         record["fixActionIds"] = options.json ? fixIds : Json(fixList);
         issuePrinter.add(std::move(record));
     }
@@ -193,7 +168,7 @@ void printFixActions(Options const& options, DiagStore& store, zrn::SessionLog c
             issueList += (issueList.empty() ? "" : ",") + std::to_string(id);
             issueIds.push_back(id);
         }
-        Json record = fixActionRecord(options.json, fix);
+        Json record = tagged("fixAction", fixActionRecord(options.json, fix));
         record["issues"] = options.json ? issueIds : Json(issueList);
         fixPrinter.add(std::move(record));
     }

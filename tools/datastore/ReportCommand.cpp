@@ -19,6 +19,7 @@
 #include "Commands.h"
 #include "Html.h"
 #include "Output.h"
+#include "Records.h"
 
 #ifndef DATASTORE_CHARTJS
 #define DATASTORE_CHARTJS "/usr/share/javascript/chart.js/chart.min.js"
@@ -64,6 +65,19 @@ std::string table(std::vector<std::string> const& headers,
         out += "</tr>";
     }
     return out + "</tbody></table>\n";
+}
+
+// Records of one kind under their table's headers, the cells as a table shows them.
+std::string recordTable(std::vector<Field> const& fields, std::vector<Json> const& records) {
+    std::vector<std::string> headers;
+    for (Field const& field : fields) headers.push_back(field.header);
+    std::vector<std::vector<std::string>> rows;
+    for (Json const& record : records) {
+        rows.emplace_back();
+        for (Field const& field : fields)
+            rows.back().push_back(record.contains(field.key) ? displayText(record[field.key]) : "");
+    }
+    return table(headers, rows);
 }
 
 struct Chart {
@@ -151,12 +165,11 @@ std::string failuresSection(zrn::EventDataStore& store, EventTimePoint from, Eve
                             std::vector<Chart>& charts) {
     std::string body;
     std::map<std::string, long long> byDevice, byTest;
-    std::vector<std::vector<std::string>> failRows;
+    std::vector<Json> failRows;
     for (auto const& log : store.getAllFails(from, to)) {
         ++byDevice[log.deviceName().str()];
         ++byTest[log.testName().str()];
-        failRows.push_back({localTime(secondsOf(log.timeStamp())), log.testName().str(),
-                            log.deviceName().str(), log.result().str(), log.errorCode().str()});
+        failRows.push_back(testRunRecord(false, log));
     }
     body += "<section><h2>Test failures</h2>\n";
     if (failRows.empty()) {
@@ -164,8 +177,7 @@ std::string failuresSection(zrn::EventDataStore& store, EventTimePoint from, Eve
     } else {
         countsSection(body, charts, "failures-device", "Failures per device", "Device", byDevice);
         countsSection(body, charts, "failures-test", "Failures per test", "Test", byTest);
-        body += "<h3>Every failure</h3>\n" +
-                table({"Started", "Test", "Device", "Result", "Error"}, failRows);
+        body += "<h3>Every failure</h3>\n" + recordTable(testRunFields(), failRows);
     }
     body += "</section>\n";
     return body;
@@ -177,13 +189,12 @@ std::string alertsSection(zrn::EventDataStore& store, EventTimePoint from, Event
     std::string body;
     std::map<std::string, std::map<std::string, long long>> perDay;  // day -> type -> n
     std::set<std::string> types;
-    std::vector<std::vector<std::string>> alertRows;
+    std::vector<Json> alertRows;
     for (auto const& log : store.alertResultLogs(from, to, "", false, 0)) {
         std::string const time = localTime(secondsOf(log.timeStamp()));
         ++perDay[time.substr(0, 10)][log.type().str()];
         types.insert(log.type().str());
-        alertRows.push_back({time, log.type().str(), log.title().str(), log.deviceName().str(),
-                             log.message().str()});
+        alertRows.push_back(alertRecord(false, log, store.alertTracked(log.guid())));
     }
     body += "<section><h2>Alerts</h2>\n";
     if (alertRows.empty()) {
@@ -202,7 +213,7 @@ std::string alertsSection(zrn::EventDataStore& store, EventTimePoint from, Event
         Chart chart{
             "alerts-per-day", "Alerts per day by type",
             Json{{"type", "bar"}, {"stacked", true}, {"labels", labels}, {"datasets", datasets}}};
-        body += canvas(chart) + table({"Time", "Type", "Title", "Device", "Message"}, alertRows);
+        body += canvas(chart) + recordTable(alertFields(), alertRows);
         charts.push_back(std::move(chart));
     }
     body += "</section>\n";

@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Records.h"
 
 namespace datastore {
 
@@ -51,16 +52,12 @@ void list(Options const& options, StateArgs const& args) {
     std::string const path = existingStorePath(options, Store::AppState);
     zrn::ReadOnly const reader = readOnly(options);
     zrn::AppStateDataStore const store = openStore(path, &reader);
-    RecordPrinter printer(
-        {{"key", "KEY", 0, true}, {"group", "GROUP"}, {"written", "WRITTEN"}, {"data", "DATA"}},
-        options.json);
+    RecordPrinter printer(stateItemFields(), options.json);
     for (auto const& [key, data] : store.getItems(zrn::String(args.group))) {
         if (options.limit > 0 && static_cast<long>(printer.count()) >= options.limit) break;
         long long const seconds = entrySeconds(store, key);
-        printer.add(Json{{"key", key.str()},
-                         {"group", store.group(key).str()},
-                         {"written", timeCell(options.json, seconds)},
-                         {"data", data.str()}});
+        printer.add(stateItemRecord(options.json,
+                                    {key.str(), store.group(key).str(), seconds, data.str()}));
     }
     printer.print(std::cout);
 }
@@ -74,12 +71,9 @@ void get(Options const& options, StateArgs const& args) {
         throw ToolError(NOT_FOUND, path + ": no item with the key '" + args.key + "'");
     zrn::String const data = store.data(key);
     if (options.json) {
-        std::cout << Json{{"key", args.key},
-                          {"group", store.group(key).str()},
-                          {"written", isoTime(entrySeconds(store, key))},
-                          {"data", data.str()}}
-                         .dump()
-                  << "\n";
+        StateItem const item{args.key, store.group(key).str(), entrySeconds(store, key),
+                             data.str()};
+        std::cout << stateItemRecord(true, item).dump() << "\n";
     } else {
         std::cout << data << "\n";
     }

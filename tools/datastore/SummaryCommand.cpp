@@ -89,19 +89,10 @@ void eventSummary(Options const& options, TimeRange const& range) {
     printGroups(options, "Failures by device", "deviceFailures", "DEVICE", byDevice);
     printGroups(options, "Failures by test", "testFailures", "TEST", byTest);
 
-    RecordPrinter alerts({{"alertId", "ALERT"},
-                          {"time", "TIME"},
-                          {"type", "TYPE", 1},
-                          {"title", "TITLE"},
-                          {"deviceName", "DEVICE", 2}},
-                         options.json);
+    RecordPrinter alerts(alertFields(), options.json);
     for (auto const& log : store->alertResultLogs(from, to, "", true, 0)) {
         alerts.add(tagged("untrackedAlert",
-                          Json{{"alertId", log.alertId()},
-                               {"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                               {"type", log.type().str()},
-                               {"title", log.title().str()},
-                               {"deviceName", log.deviceName().str()}}));
+                          alertRecord(options.json, log, store->alertTracked(log.guid()))));
     }
     printSection(std::cout, options.json, "Untracked alerts", alerts);
 
@@ -146,27 +137,20 @@ void repairSummary(Options const& options, TimeRange const& range) {
                                                                  readOnly(options));
     });
     auto bound = [](long long s) { return s > 0 ? zrn::TimeStamp(s) : zrn::TimeStamp(); };
-    auto seconds = [](zrn::TimeStamp const& t) {
-        return t.isInitialized() ? t.getUnixTimeStamp() : 0;
-    };
     zrn::SessionList const sessions =
         store->getSessions(bound(range.since), bound(range.until), true, 1);
-    RecordPrinter session({{"sessionId", "SESSION"}, {"start", "STARTED"}, {"end", "ENDED"}},
-                          options.json);
+    RecordPrinter session(sessionFields(), options.json);
     RecordPrinter issues(issueFields(), options.json);
     RecordPrinter fixes(fixActionFields(), options.json);
     if (sessions.size() > 0) {
         zrn::SessionLog const last = sessions.get(0);
-        session.add(tagged("lastSession",
-                           Json{{"sessionId", last.sessionId()},
-                                {"start", timeCell(options.json, seconds(last.startTimeStamp()))},
-                                {"end", timeCell(options.json, seconds(last.endTimeStamp()))}}));
+        session.add(tagged("lastSession", sessionRecord(options.json, last)));
         zrn::IssueList const issueList = store->getIssuesBySession(last, false, 0);
         for (unsigned i = 0; i < issueList.size(); ++i)
-            issues.add(issueRecord(options.json, issueList.get(i)));
+            issues.add(tagged("issue", issueRecord(options.json, issueList.get(i))));
         zrn::FixActionList const fixList = store->getFixActionsBySession(last, false, 0);
         for (unsigned i = 0; i < fixList.size(); ++i)
-            fixes.add(fixActionRecord(options.json, fixList.get(i)));
+            fixes.add(tagged("fixAction", fixActionRecord(options.json, fixList.get(i))));
     }
     printSection(std::cout, options.json, "Last repair session", session);
     printSection(std::cout, options.json, "Its issues", issues);
