@@ -287,12 +287,14 @@ TEST_F(SupportToolTest, FollowPrintsWhatIsRecordedAfterItStartedUntilInterrupted
     EXPECT_EQ(test::waitProcess(alertsPid, 10), 0);
     EXPECT_EQ(test::waitProcess(appsPid, 10), 0);
 
-    // One record per line, only what came after the start, in the order recorded.
+    // One record per line, only what came after the start, in the order recorded, each as the
+    // listing prints it.
     std::vector<std::string> guids;
-    for (auto const& line : lines(test::readFile(alertsOut)))
-        guids.push_back(Json::parse(line)["guid"].get<std::string>());
+    std::vector<std::string> const followed = lines(test::readFile(alertsOut));
+    for (auto const& line : followed) guids.push_back(Json::parse(line)["guid"].get<std::string>());
     ASSERT_FALSE(guids.empty());
     EXPECT_EQ(guids.back(), "last");
+    EXPECT_EQ(followed.back(), lines(tool({"alerts", "-o", "ndjson", "--limit", "1"}).out).at(0));
     for (std::size_t i = 0; i + 1 < guids.size(); ++i)
         EXPECT_EQ(guids[i].rfind("early-", 0), 0u) << guids[i];
     // A table: one header however many batches, only runs of the type asked for.

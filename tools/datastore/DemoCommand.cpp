@@ -19,8 +19,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <iomanip>
 #include <iostream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -216,13 +218,7 @@ zrn::EventDataStore::AlertData alertData(long long appId, long long time, char c
     return alert;
 }
 
-EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
-    EventDay recorded;
-    long long const app = required(store.logAppStart("Diagnostics Suite", zrn::String(userName()),
-                                                     "Scheduled", at(day.at(8, 55))),
-                                   "application run");
-    recorded.appId = app;
-
+void recordScripts(zrn::EventDataStore& store, long long app, Day const& day, EventDay& recorded) {
     // Morning: memory and disk fail. Afternoon, after the memory was reseated: only the disk.
     TestPlan const memoryFail{"Memory pattern test", "0b8e7c61-2f4a-4d3b-9e5c-7a1f6d2b8c90",
                               kMemory, "FAIL", "MEM-0031"};
@@ -234,7 +230,10 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
                            "PASS", ""};
     recorded.scriptIds.push_back(runScript(store, app, day.at(9, 0), {memoryFail, disk, battery}));
     recorded.scriptIds.push_back(runScript(store, app, day.at(14, 0), {memoryPass, disk, battery}));
+}
 
+// Three alerts, the disk's followed up.
+void recordAlerts(zrn::EventDataStore& store, long long app, Day const& day, EventDay& recorded) {
     std::vector<zrn::EventDataStore::AlertData> const alerts{
         alertData(app, day.at(9, 7), "disk.smart.reallocated", "Hardware", "Disk health warning",
                   "Reallocated sector count rose to 112 (threshold 100).", kDisk.name,
@@ -262,9 +261,10 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
     recorded.alertGuids.push_back(driver.guid.str());
     // Somebody follows up the disk.
     store.markAlertAsTracked(alerts[0].guid);
+}
 
-    // The rest of the day's records as one batch: a handful of syncs rather than one set each.
-    zrn::StoreBatch rest(store);
+// Measurements, profiler diffs and scriptlet results.
+void recordMonitoring(zrn::EventDataStore& store, long long app, Day const& day) {
     // Hourly measurements over the working day.
     for (int hour = 9; hour < 17; ++hour) {
         double const load = std::sin((hour - 9) * 0.45);
@@ -293,7 +293,19 @@ EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
                              at(day.at(14, 10)));
     store.logScriptletResult(app, "os.pendingUpdates", "System", "0 updates", "OK",
                              at(day.at(14, 11)));
+}
 
+EventDay recordEvents(zrn::EventDataStore& store, Day const& day) {
+    EventDay recorded;
+    long long const app = required(store.logAppStart("Diagnostics Suite", zrn::String(userName()),
+                                                     "Scheduled", at(day.at(8, 55))),
+                                   "application run");
+    recorded.appId = app;
+    recordScripts(store, app, day, recorded);
+    recordAlerts(store, app, day, recorded);
+    // The rest of the day's records as one batch: a handful of syncs rather than one set each.
+    zrn::StoreBatch rest(store);
+    recordMonitoring(store, app, day);
     store.logAppStop(app, at(day.at(16, 45)));
     rest.commit();
     return recorded;
@@ -430,7 +442,98 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
 
 // ---- The day, read back
 
-void demo(Options const& options) {
+// The day the demo records: `named` ("YYYY-MM-DD", local) when given, so that what it records
+// is the same on every run; else a new day before any the store already has.
+Day dayOf(std::string const& named, zrn::EventDataStore& store) {
+    if (named.empty()) return dayToRecord(store);
+    std::tm noon{};
+    std::istringstream in(named);
+    in >> std::get_time(&noon, "%Y-%m-%d");
+    if (in.fail() || in.peek() != std::char_traits<char>::eof())
+        throw ToolError(USAGE, "--day: expected YYYY-MM-DD, got '" + named + "'");
+    noon.tm_hour = 12;
+    noon.tm_isdst = -1;
+    return Day(static_cast<long long>(std::mktime(&noon)), 0);
+}
+
+struct Recorded {
+    Day day;
+    EventDay events;
+    std::vector<std::pair<std::string, std::string>> logs;  // type, GUID
+    zrn::SessionLog session;
+};
+
+// The event store's part of what was read back.
+void printEventReadBack(zrn::EventDataStore& events, Recorded const& recorded) {
+    EventTimePoint const from = at(recorded.day.at(0, 0));
+    EventTimePoint const to = at(recorded.day.at(23, 59, 59));
+    std::size_t tests = 0, failed = 0, eventCount = 0, tips = 0;
+    for (long long scriptId : recorded.events.scriptIds) {
+        auto const runs = events.testRunResultLogs(scriptId, at(0), at(0), 0);
+        tests += runs.size();
+        for (auto const& run : runs) failed += run.result() == "FAIL";
+        eventCount += events.scriptRunEventResultLogs(scriptId, at(0), at(0), 0).size();
+        tips += events.scriptRunTipResultLogs(scriptId, at(0), at(0), 0).size();
+    }
+    std::size_t tracked = 0;
+    for (auto const& guid : recorded.events.alertGuids)
+        tracked += events.alertTracked(zrn::String(guid));
+    std::size_t const scripts =
+        events.scriptResultLogs(from, to, boost::none, boost::none, zrn::String(kScriptGuid), 0)
+            .size();
+    std::cout << "  event.db              " << scripts << " script runs, " << tests
+              << " test runs (" << failed << " failed), " << eventCount << " events, " << tips
+              << " tips,\n"
+              << "                        " << events.alertResultLogs(from, to, "", false, 0).size()
+              << " alerts (" << tracked << " tracked), "
+              << events.measurementLogs(from, to, "", 0).size() << " measurements, "
+              << events.profilerDiffLogs(from, to, "", 0).size() << " profiler diffs, "
+              << events.scriptletResultLogs(from, to, "", "", "", 0).size()
+              << " scriptlet results\n";
+}
+
+// The other stores' part of what was read back, then the note on their times.
+void printOtherReadBack(zrn::GeneralDataStore& general, zrn::AppStateDataStore& state,
+                        zrn::SoftwareDiagEventDataStore& repair, Recorded const& recorded) {
+    std::size_t generalCount = 0, keyValues = 0;
+    for (auto const& [type, guid] : recorded.logs) {
+        zrn::GenericLogList const found =
+            general.getLogs(zrn::GenericLogFilter(zrn::String(type), zrn::String(guid)));
+        generalCount += found.size();
+        for (unsigned i = 0; i < found.size(); ++i) keyValues += found.get(i).keyValues().size();
+    }
+    zrn::SessionLog const& session = recorded.session;
+    zrn::RunTransactionLog const run = repair.getRunTransactionBySession(session);
+    std::cout << "  genstore.db           " << generalCount << " generic logs with " << keyValues
+              << " key/values\n"
+              << "  appstate.db           " << state.count("") << " items: " << state.count("ui")
+              << " in \"ui\", " << state.count("scheduler") << " in \"scheduler\"\n"
+              << "  softwarediagevent.db  "
+              << repair.getSoftwareDiagnosticsByRunTransaction(run, false, 0).size()
+              << " diagnostics, " << repair.getIssuesBySession(session, false, 0).size()
+              << " issues, " << repair.getFixActionsBySession(session, false, 0).size()
+              << " fix actions, restore point "
+              << repair.getFixTransactionBySession(session).restorePointUuid()
+              << "\n"
+              // The general and repair stores stamp what they record with the moment of
+              // recording: their API takes no time, so their records cannot join the day.
+              << "Note: genstore.db and softwarediagevent.db take no time for what they record "
+                 "(they stamp it with the moment of recording):\n"
+              << "  their generic logs and repair session carry the time of this run, not "
+              << recorded.day.date() << ".\n"
+              << "Files:\n";
+}
+
+template <typename Record>
+auto recordOrFail(std::string const& path, Record record) {
+    try {
+        return record();
+    } catch (zrn::Exception const& e) {
+        storeFailure(path, "cannot record: " + e.getMessage().str());
+    }
+}
+
+void demo(Options const& options, std::string const& dayNamed) {
     std::string const eventPath = recordingStorePath(options, Store::Event);
     std::string const generalPath = recordingStorePath(options, Store::General);
     std::string const statePath = recordingStorePath(options, Store::AppState);
@@ -438,13 +541,8 @@ void demo(Options const& options) {
 
     auto events = openOrFail(
         eventPath, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(eventPath)); });
-    Day const day = dayToRecord(*events);
-    EventDay recorded;
-    try {
-        recorded = recordEvents(*events, day);
-    } catch (zrn::Exception const& e) {
-        storeFailure(eventPath, "cannot record: " + e.getMessage().str());
-    }
+    Day const day = dayOf(dayNamed, *events);
+    EventDay const eventDay = recordOrFail(eventPath, [&] { return recordEvents(*events, day); });
 
     auto general = openOrFail(generalPath, [&] {
         return std::make_unique<zrn::GeneralDataStore>(zrn::String(generalPath));
@@ -460,68 +558,16 @@ void demo(Options const& options) {
     auto repair = openOrFail(repairPath, [&] {
         return std::make_unique<zrn::SoftwareDiagEventDataStore>(zrn::String(repairPath));
     });
-    zrn::SessionLog session = [&] {
-        try {
-            return recordRepair(*repair, repairPath);
-        } catch (zrn::Exception const& e) {
-            storeFailure(repairPath, "cannot record: " + e.getMessage().str());
-        }
-    }();
+    Recorded const recorded{day, eventDay, logs, recordOrFail(repairPath, [&] {
+                                return recordRepair(*repair, repairPath);
+                            })};
 
     // Everything below is read back through the stores' queries.
-    EventTimePoint const from = at(day.at(0, 0));
-    EventTimePoint const to = at(day.at(23, 59, 59));
-    std::size_t tests = 0, failed = 0, eventCount = 0, tips = 0;
-    for (long long scriptId : recorded.scriptIds) {
-        auto const runs = events->testRunResultLogs(scriptId, at(0), at(0), 0);
-        tests += runs.size();
-        for (auto const& run : runs) failed += run.result() == "FAIL";
-        eventCount += events->scriptRunEventResultLogs(scriptId, at(0), at(0), 0).size();
-        tips += events->scriptRunTipResultLogs(scriptId, at(0), at(0), 0).size();
-    }
-    std::size_t tracked = 0;
-    for (auto const& guid : recorded.alertGuids) tracked += events->alertTracked(zrn::String(guid));
-    std::size_t generalCount = 0, keyValues = 0;
-    for (auto const& [type, guid] : logs) {
-        zrn::GenericLogList const found =
-            general->getLogs(zrn::GenericLogFilter(zrn::String(type), zrn::String(guid)));
-        generalCount += found.size();
-        for (unsigned i = 0; i < found.size(); ++i) keyValues += found.get(i).keyValues().size();
-    }
-    zrn::RunTransactionLog const run = repair->getRunTransactionBySession(session);
-
-    std::size_t const scripts =
-        events->scriptResultLogs(from, to, boost::none, boost::none, zrn::String(kScriptGuid), 0)
-            .size();
     std::cout << "Recorded a diagnostics day, " << day.date() << " (application run "
-              << recorded.appId << ", repair session " << session.sessionId() << "). Read back:\n"
-              << "  event.db              " << scripts << " script runs, " << tests
-              << " test runs (" << failed << " failed), " << eventCount << " events, " << tips
-              << " tips,\n"
-              << "                        "
-              << events->alertResultLogs(from, to, "", false, 0).size() << " alerts (" << tracked
-              << " tracked), " << events->measurementLogs(from, to, "", 0).size()
-              << " measurements, " << events->profilerDiffLogs(from, to, "", 0).size()
-              << " profiler diffs, " << events->scriptletResultLogs(from, to, "", "", "", 0).size()
-              << " scriptlet results\n"
-              << "  genstore.db           " << generalCount << " generic logs with " << keyValues
-              << " key/values\n"
-              << "  appstate.db           " << state.count("") << " items: " << state.count("ui")
-              << " in \"ui\", " << state.count("scheduler") << " in \"scheduler\"\n"
-              << "  softwarediagevent.db  "
-              << repair->getSoftwareDiagnosticsByRunTransaction(run, false, 0).size()
-              << " diagnostics, " << repair->getIssuesBySession(session, false, 0).size()
-              << " issues, " << repair->getFixActionsBySession(session, false, 0).size()
-              << " fix actions, restore point "
-              << repair->getFixTransactionBySession(session).restorePointUuid()
-              << "\n"
-              // The general and repair stores stamp what they record with the moment of
-              // recording: their API takes no time, so their records cannot join the day.
-              << "Note: genstore.db and softwarediagevent.db take no time for what they record "
-                 "(they stamp it with the moment of recording):\n"
-              << "  their generic logs and repair session carry the time of this run, not "
-              << day.date() << ".\n"
-              << "Files:\n";
+              << eventDay.appId << ", repair session " << recorded.session.sessionId()
+              << "). Read back:\n";
+    printEventReadBack(*events, recorded);
+    printOtherReadBack(*general, state, *repair, recorded);
     for (auto const* path : {&eventPath, &generalPath, &statePath, &repairPath})
         std::cout << "  " << *path << "\n";
 }
@@ -534,8 +580,12 @@ void addDemoCommand(CLI::App& app, Options& options) {
                            "Record a realistic diagnostics day into all four stores (a new, "
                            "earlier day on each run) and print what was read back");
     addDirOption(*c, options);
+    static std::string day;
+    c->add_option("--day", day,
+                  "Record this local day (YYYY-MM-DD), the same records on every run, rather "
+                  "than a new day before the stores' earliest");
     c->footer("Example: datastore demo --dir /tmp/stores && datastore alerts --dir /tmp/stores");
-    c->callback([&options] { demo(options); });
+    c->callback([&options] { demo(options, day); });
 }
 
 }  // namespace datastore
