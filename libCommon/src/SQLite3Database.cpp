@@ -163,6 +163,35 @@ void SQLite3Database::forEachRow(String const& sql,
     run(sql, nullptr, &onRow);
 }
 
+namespace {
+
+std::vector<String> columnNames(sqlite3_stmt* statement, int columns) {
+    std::vector<String> names;
+    names.reserve(static_cast<std::size_t>(columns));
+    for (int i = 0; i < columns; ++i) {
+        char const* name = sqlite3_column_name(statement, i);
+        names.emplace_back(name ? name : "");
+    }
+    return names;
+}
+
+// The current row's cells as text (NULL as an empty text), bytes as stored.
+std::vector<String> rowCells(sqlite3_stmt* statement, int columns) {
+    std::vector<String> cells;
+    cells.reserve(static_cast<std::size_t>(columns));
+    for (int i = 0; i < columns; ++i) {
+        auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(statement, i));
+        if (text) {
+            cells.emplace_back(text, static_cast<std::size_t>(sqlite3_column_bytes(statement, i)));
+        } else {
+            cells.emplace_back();
+        }
+    }
+    return cells;
+}
+
+}  // namespace
+
 void SQLite3Database::run(String const& sql, ResultSet* result,
                           std::function<void(ResultSetRow const&)> const* onRow) {
     std::shared_lock<std::shared_mutex> handle(m_handleMutex);
@@ -198,12 +227,7 @@ void SQLite3Database::run(String const& sql, ResultSet* result,
         described = true;
         columns = sqlite3_column_count(raw);
         if (!result && !onRow) return;
-        std::vector<String> names;
-        names.reserve(static_cast<std::size_t>(columns));
-        for (int i = 0; i < columns; ++i) {
-            char const* name = sqlite3_column_name(raw, i);
-            names.emplace_back(name ? name : "");
-        }
+        std::vector<String> names = columnNames(raw, columns);
         if (result) {
             result->reset(std::move(names));
         } else {
@@ -215,18 +239,7 @@ void SQLite3Database::run(String const& sql, ResultSet* result,
     while ((rc = sqlite3_step(raw)) == SQLITE_ROW) {
         if (!described) describe();
         if (result) {
-            std::vector<String> cells;
-            cells.reserve(static_cast<std::size_t>(columns));
-            for (int i = 0; i < columns; ++i) {
-                auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(raw, i));
-                if (text) {
-                    cells.emplace_back(text,
-                                       static_cast<std::size_t>(sqlite3_column_bytes(raw, i)));
-                } else {
-                    cells.emplace_back();
-                }
-            }
-            result->addRow(std::move(cells));
+            result->addRow(rowCells(raw, columns));
         } else if (onRow) {
             // The row reads its cells from the statement as they are asked for.
             streamed.streamFrom(raw);

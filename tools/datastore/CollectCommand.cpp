@@ -14,6 +14,7 @@
 #include <iostream>
 #include <memory>
 
+#include "AtomicFile.h"
 #include "Commands.h"
 #include "Output.h"
 
@@ -221,21 +222,13 @@ void collect(Options const& options, CollectArgs const& args) {
                         {"host", hostName()},
                         {"collected", isoTime(now)},
                         {"files", files}};
-    // Written beside the target and renamed: a bundle that exists is always a whole one.
-    std::string const partial = args.out + ".partial";
-    try {
+    // A bundle that exists is always a whole one.
+    writeAtomically(args.out, [&](std::string const& partial) {
         ArchiveWriter archive(partial, kind);
         for (auto const& [name, bytes] : contents) archive.add(name, bytes, now);
         archive.add("manifest.json", manifest.dump(2) + "\n", now);
         archive.close();
-    } catch (...) {
-        std::error_code ignored;
-        std::filesystem::remove(partial, ignored);
-        throw;
-    }
-    std::error_code error;
-    std::filesystem::rename(partial, args.out, error);
-    if (error) throw ToolError(STORE, args.out + ": cannot write: " + error.message());
+    });
     printer.print(std::cout);
     if (collected.damaged.empty()) return;
     std::cout.flush();

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <regex>
 #include <system_error>
 
@@ -197,11 +198,88 @@ long long localTimeOf(int year, int month, int day, int hour, int minute, int se
 
 }  // namespace
 
+namespace {
+
+ToolError badTime(char const* option, std::string const& text, std::string const& why) {
+    return ToolError(USAGE, std::string(option) + ": '" + text + "' " + why);
+}
+
+// Unix seconds ("1763900000", "@1763900000"); none when `text` is not all digits. Unix seconds
+// need 9 digits (from 1973 on) or an '@': "20261122" is a mistyped date far more often than a
+// second of 1970. Read without a regex: std::regex recurses once per character of an unbounded
+// run, and a long run of digits overflowed the stack.
+std::optional<long long> unixSecondsOf(std::string const& text, char const* option) {
+    bool const at = text[0] == '@';
+    std::string const digits = text.substr(at ? 1 : 0);
+    if (digits.empty() || !std::all_of(digits.begin(), digits.end(), [](char c) {
+            return std::isdigit(static_cast<unsigned char>(c));
+        }))
+        return std::nullopt;
+    if (!at && digits.size() < 9) {
+        throw badTime(
+            option, text,
+            "is neither a date (2026-11-22) nor Unix seconds (9 or more digits, or @" + text + ")");
+    }
+    if (digits.size() > 12) throw badTime(option, text, "is too large for Unix seconds");
+    return std::stoll(digits);
+}
+
+// The seconds east of UTC of a matched offset ("+01:00", "-0330"); 0 for "Z".
+int offsetOf(std::smatch const& m, char const* option, std::string const& text) {
+    if (!m[8].matched) return 0;
+    int const offsetHours = std::stoi(m[9]), offsetMinutes = std::stoi(m[10]);
+    // Offsets in use run from -12:00 to +14:00.
+    if (offsetMinutes > 59 || offsetHours > 14 || (m[8] == "-" && offsetHours > 12) ||
+        (offsetHours == 14 && offsetMinutes > 0)) {
+        throw badTime(option, text, "has an impossible offset (from -12:00 to +14:00)");
+    }
+    return (m[8] == "-" ? -1 : 1) * (offsetHours * 3600 + offsetMinutes * 60);
+}
+
+// A date or date-time, local unless it carries an offset.
+long long dateTimeOf(std::string const& text, char const* option, bool endOfDay) {
+    static std::regex const iso(
+        "([0-9]{4})-([0-9]{2})-([0-9]{2})"
+        "(?:[T ]([0-9]{2}):([0-9]{2})(?::([0-9]{2}))?(Z|([+-])([0-9]{2}):?([0-9]{2}))?)?");
+    std::smatch m;
+    if (!std::regex_match(text, m, iso)) {
+        throw badTime(option, text,
+                      "is not a time: give a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
+                      "optionally with an offset such as +01:00 or Z), now, today, yesterday, "
+                      "-30m, -12h, -7d, -2w or Unix seconds");
+    }
+    int const year = std::stoi(m[1]), month = std::stoi(m[2]), dayOfMonth = std::stoi(m[3]);
+    if (year < 1970) throw badTime(option, text, "is before 1970");
+    if (month < 1 || month > 12) throw badTime(option, text, "has no month " + m[2].str());
+    if (dayOfMonth < 1 || dayOfMonth > daysInMonth(year, month)) {
+        throw badTime(option, text,
+                      "is not a date: " + m[1].str() + "-" + m[2].str() + " has " +
+                          std::to_string(daysInMonth(year, month)) + " days");
+    }
+    if (!m[4].matched) {
+        return endOfDay ? localTimeOf(year, month, dayOfMonth, 23, 59, 59)
+                        : localTimeOf(year, month, dayOfMonth, 0, 0, 0);
+    }
+    int const hour = std::stoi(m[4]), minute = std::stoi(m[5]);
+    int const second = m[6].matched ? std::stoi(m[6]) : 0;
+    if (hour > 23 || minute > 59 || second > 59)
+        throw badTime(option, text, "has no such time of day");
+    if (!m[7].matched) return localTimeOf(year, month, dayOfMonth, hour, minute, second);
+    int const offset = offsetOf(m, option, text);
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = dayOfMonth;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    return static_cast<long long>(timegm(&parts)) - offset;
+}
+
+}  // namespace
+
 long long parseTime(std::string const& text, char const* option, bool endOfDay) {
     if (text.empty()) return 0;
-    auto bad = [&](std::string const& why) -> ToolError {
-        return ToolError(USAGE, std::string(option) + ": '" + text + "' " + why);
-    };
     long long const now = static_cast<long long>(std::time(nullptr));
     // A day as an upper bound means the whole day: its last second.
     auto day = [&](long long midnight, int daysBack) {
@@ -219,65 +297,8 @@ long long parseTime(std::string const& text, char const* option, bool endOfDay) 
         static long long const seconds[] = {1, 60, 3600, 86400, 7 * 86400};
         return now - std::stoll(m[1]) * seconds[units.find(m[2].str()[0])];
     }
-    // Unix seconds need 9 digits (from 1973 on) or an '@': "20261122" is a mistyped date far
-    // more often than a second of 1970. Read without a regex: std::regex recurses once per
-    // character of an unbounded run, and a long run of digits overflowed the stack.
-    bool const at = text[0] == '@';
-    std::string const digits = text.substr(at ? 1 : 0);
-    if (!digits.empty() && std::all_of(digits.begin(), digits.end(), [](char c) {
-            return std::isdigit(static_cast<unsigned char>(c));
-        })) {
-        if (!at && digits.size() < 9) {
-            throw bad("is neither a date (2026-11-22) nor Unix seconds (9 or more digits, or @" +
-                      text + ")");
-        }
-        if (digits.size() > 12) throw bad("is too large for Unix seconds");
-        return std::stoll(digits);
-    }
-
-    static std::regex const iso(
-        "([0-9]{4})-([0-9]{2})-([0-9]{2})"
-        "(?:[T ]([0-9]{2}):([0-9]{2})(?::([0-9]{2}))?(Z|([+-])([0-9]{2}):?([0-9]{2}))?)?");
-    if (!std::regex_match(text, m, iso)) {
-        throw bad(
-            "is not a time: give a date (2026-11-23), a date-time (2026-11-23T14:05:00, "
-            "optionally with an offset such as +01:00 or Z), now, today, yesterday, "
-            "-30m, -12h, -7d, -2w or Unix seconds");
-    }
-    int const year = std::stoi(m[1]), month = std::stoi(m[2]), dayOfMonth = std::stoi(m[3]);
-    if (year < 1970) throw bad("is before 1970");
-    if (month < 1 || month > 12) throw bad("has no month " + m[2].str());
-    if (dayOfMonth < 1 || dayOfMonth > daysInMonth(year, month)) {
-        throw bad("is not a date: " + m[1].str() + "-" + m[2].str() + " has " +
-                  std::to_string(daysInMonth(year, month)) + " days");
-    }
-    if (!m[4].matched) {
-        return endOfDay ? localTimeOf(year, month, dayOfMonth, 23, 59, 59)
-                        : localTimeOf(year, month, dayOfMonth, 0, 0, 0);
-    }
-    int const hour = std::stoi(m[4]), minute = std::stoi(m[5]);
-    int const second = m[6].matched ? std::stoi(m[6]) : 0;
-    if (hour > 23 || minute > 59 || second > 59) throw bad("has no such time of day");
-    if (!m[7].matched) return localTimeOf(year, month, dayOfMonth, hour, minute, second);
-
-    int offset = 0;
-    if (m[8].matched) {
-        int const offsetHours = std::stoi(m[9]), offsetMinutes = std::stoi(m[10]);
-        // Offsets in use run from -12:00 to +14:00.
-        if (offsetMinutes > 59 || offsetHours > 14 || (m[8] == "-" && offsetHours > 12) ||
-            (offsetHours == 14 && offsetMinutes > 0)) {
-            throw bad("has an impossible offset (from -12:00 to +14:00)");
-        }
-        offset = (m[8] == "-" ? -1 : 1) * (offsetHours * 3600 + offsetMinutes * 60);
-    }
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = dayOfMonth;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    return static_cast<long long>(timegm(&parts)) - offset;
+    if (auto const epoch = unixSecondsOf(text, option)) return *epoch;
+    return dateTimeOf(text, option, endOfDay);
 }
 
 TimeRange timeRange(Options const& options) {

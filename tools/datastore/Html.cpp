@@ -44,4 +44,21 @@ std::string scriptJson(Json const& value) {
     return out;
 }
 
+std::string fillTemplate(std::string const& text,
+                         std::map<std::string, std::string> const& values) {
+    std::string out;
+    std::size_t from = 0;
+    for (std::size_t open = text.find("{{"); open != std::string::npos;
+         open = text.find("{{", open + 2)) {
+        std::size_t const close = text.find("}}", open + 2);
+        if (close == std::string::npos) break;
+        auto const value = values.find(text.substr(open + 2, close - open - 2));
+        if (value == values.end()) continue;
+        out.append(text, from, open - from).append(value->second);
+        from = close + 2;
+        open = close;
+    }
+    return out.append(text, from, std::string::npos);
+}
+
 }  // namespace datastore

@@ -16,6 +16,7 @@
 #include <set>
 #include <sstream>
 
+#include "AtomicFile.h"
 #include "Commands.h"
 #include "Html.h"
 #include "Output.h"
@@ -220,10 +221,10 @@ std::string alertsSection(zrn::EventDataStore& store, EventTimePoint from, Event
     return body;
 }
 
-// The whole page: `body` with the charts' data, Chart.js and the code that draws them.
+// The whole page: the template with the host, the period, `body`, the charts' data and
+// Chart.js filled in. Every value but the library and the data is escaped.
 std::string page(std::string const& path, TimeRange const& range, std::string const& body,
                  std::vector<Chart> const& charts, std::string const& library) {
-    std::string const host = hostName();
     Json configs = Json::array();
     for (auto const& chart : charts) {
         Json config = chart.config;
@@ -233,76 +234,14 @@ std::string page(std::string const& path, TimeRange const& range, std::string co
     std::string const period =
         (range.since > 0 ? "from " + localTime(range.since) : std::string("from the start")) +
         (range.until > 0 ? " to " + localTime(range.until) : std::string(" to now"));
-
-    std::ostringstream page;
-    page << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-            // Nothing may be fetched: the page is read wherever the ticket goes.
-            "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
-            "script-src 'unsafe-inline'; style-src 'unsafe-inline'\">\n"
-         << "<title>Diagnostics report: " << html(host) << "</title>\n"
-         << "<style>body{font-family:sans-serif;margin:2em;color:#222}"
-            "table{border-collapse:collapse;margin:1em 0}"
-            "th,td{border:1px solid #ccc;padding:.25em .5em;text-align:left;vertical-align:top}"
-            "th{background:#eee}figure{margin:1em 0}figcaption{font-weight:bold}"
-            ".none{color:#666}</style>\n</head>\n<body>\n"
-         << "<h1>Diagnostics report: " << html(host) << "</h1>\n"
-         << "<p>Store " << html(path) << ", " << html(period) << "; made "
-         << html(localTime(std::time(nullptr))) << " by datastore " << DATASTORE_VERSION
-         << ".</p>\n"
-         << body << "<script type=\"application/json\" id=\"report-data\">" << scriptJson(configs)
-         << "</script>\n<script>\n"
-         << library << "\n</script>\n"
-         << R"(<script>
-(function () {
-  var charts = JSON.parse(document.getElementById('report-data').textContent);
-  var palette = ['#1f77b4', '#d62728', '#2ca02c', '#ff7f0e', '#9467bd', '#8c564b', '#e377c2'];
-  var drawn = 0;
-  charts.forEach(function (config) {
-    var canvas = document.getElementById(config.id);
-    config.datasets.forEach(function (set, i) {
-      set.backgroundColor = palette[i % palette.length];
-      set.borderColor = palette[i % palette.length];
-    });
-    // Bars count things: whole numbers from zero.
-    var counts = {beginAtZero: true, ticks: {precision: 0}};
-    var scales = config.stacked ? {x: {stacked: true}, y: Object.assign({stacked: true}, counts)}
-                              : {y: config.type === 'bar' ? counts : {}};
-    new Chart(canvas, {type: config.type, data: {labels: config.labels, datasets: config.datasets},
-                       options: {animation: false, responsive: false, scales: scales}});
-    // Drawn means pixels on the canvas, not merely a chart object.
-    var pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-    for (var p = 3; p < pixels.length; p += 4) {
-      if (pixels[p] !== 0) { drawn++; break; }
-    }
-  });
-  document.body.setAttribute('data-charts', String(charts.length));
-  document.body.setAttribute('data-charts-drawn', String(drawn));
-})();
-</script>
-</body>
-</html>
-)";
-
-    return page.str();
-}
-
-// Writes `text` to `file` under a temporary name and renames it when complete: a reader never
-// sees half a report.
-void writeWhole(std::string const& file, std::string const& text) {
-    std::string const partial = file + ".partial";
-    {
-        std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-        out << text;
-        out.flush();
-        if (!out) {
-            std::remove(partial.c_str());
-            throw ToolError(STORE, file + ": cannot write: " + std::strerror(errno));
-        }
-    }
-    if (std::rename(partial.c_str(), file.c_str()) != 0) {
-        std::remove(partial.c_str());
-        throw ToolError(STORE, file + ": cannot write: " + std::strerror(errno));
-    }
+    return fillTemplate(reportTemplate(), {{"host", html(hostName())},
+                                           {"store", html(path)},
+                                           {"period", html(period)},
+                                           {"made", html(localTime(std::time(nullptr)))},
+                                           {"version", DATASTORE_VERSION},
+                                           {"body", body},
+                                           {"data", scriptJson(configs)},
+                                           {"chartjs", library}});
 }
 
 void report(Options const& options, ReportArgs const& args) {
@@ -324,7 +263,13 @@ void report(Options const& options, ReportArgs const& args) {
         libraryFailure(path, "cannot read: ", e);
     }
     std::string const text = page(path, range, body, charts, library);
-    writeWhole(args.out, text);
+    // A reader never sees half a report.
+    writeAtomically(args.out, [&](std::string const& partial) {
+        std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+        out << text;
+        out.flush();
+        if (!out) throw ToolError(STORE, args.out + ": cannot write: " + std::strerror(errno));
+    });
     RecordPrinter printer({{"file", "FILE", 0, true}, {"charts", "CHARTS"}, {"bytes", "BYTES"}},
                           options.json);
     printer.add(Json{{"file", args.out}, {"charts", charts.size()}, {"bytes", text.size()}});

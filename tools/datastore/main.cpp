@@ -113,11 +113,11 @@ std::string parseErrorLine(CLI::App const& app, CLI::ParseError const& e, int ar
     return message;
 }
 
-int run(int argc, char** argv) {
-    CLI::App app{
+// The application with every command registered on `options`.
+void describe(CLI::App& app, Options& options) {
+    app.description(
         "Records and inspects the diagnostics suite's stores (appstate.db, genstore.db, "
-        "event.db, softwarediagevent.db).",
-        "datastore"};
+        "event.db, softwarediagevent.db).");
     app.require_subcommand(1);
     app.set_version_flag("--version", DATASTORE_VERSION);
     app.footer(
@@ -131,7 +131,6 @@ int run(int argc, char** argv) {
         "Pager: $DATASTORE_PAGER, else $PAGER, else 'less -FRSX'; NO_COLOR turns colour off.\n"
         "Exit codes: 0 success, 1 usage error, 2 store error (cannot open or read), 3 damaged "
         "store (check), 4 no such record.");
-    Options options;
     addCommonOptions(app, options);
     addDemoCommand(app, options);
     addInfoCommand(app, options);
@@ -145,13 +144,11 @@ int run(int argc, char** argv) {
     addExportCommand(app, options);
     addCollectCommand(app, options);
     addReportCommand(app, options);
+}
 
-    // Undocumented: the build reads the commands and options from here for the completions.
-    if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {
-        printListing(app, "datastore");
-        return OK;
-    }
-
+// Parses and runs the command line; failures become one line on standard error and the exit
+// code of their class.
+int parseAndRun(CLI::App& app, int argc, char** argv) {
     // A pager would hold what --follow prints until it ends.
     bool const noPager = std::any_of(argv + 1, argv + argc, [](char const* arg) {
         return !std::strcmp(arg, "--no-pager") || !std::strcmp(arg, "-f") ||
@@ -189,6 +186,19 @@ int run(int argc, char** argv) {
         return STORE;
     }
     return OK;
+}
+
+int run(int argc, char** argv) {
+    CLI::App app{"", "datastore"};
+    Options options;
+    describe(app, options);
+
+    // Undocumented: the build reads the commands and options from here for the completions.
+    if (argc == 2 && std::strcmp(argv[1], "--completion-listing") == 0) {
+        printListing(app, "datastore");
+        return OK;
+    }
+    return parseAndRun(app, argc, argv);
 }
 
 }  // namespace
