@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-    g++ cmake make pkg-config clang-format
+    g++ cmake make pkg-config clang-format clang-tidy
     help2man doxygen file dpkg-dev bash-completion zsh man-db groff-base
     libsqlite3-dev sqlite3 tzdata
     libboost-dev

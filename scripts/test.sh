@@ -18,6 +18,8 @@ git ls-files '*.h' '*.hpp' '*.cpp' | xargs clang-format --dry-run -Werror
 
 # ---- Phase 1: normal build, tests, install and an outside consumer
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDATASTORE_BUILD_TESTS=ON -DDATASTORE_BUILD_EXAMPLES=ON -DDATASTORE_BUILD_BENCHMARKS=ON
+# Every function of the libraries and the tool fits on a screen (60 lines).
+scripts/function-size.sh build
 cmake --build build -j "$jobs"
 ctest --test-dir build --output-on-failure -j "$jobs"
 

@@ -21,6 +21,7 @@
 #include <ctime>
 #include <iomanip>
 #include <iostream>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -442,10 +443,10 @@ zrn::SessionLog recordRepair(zrn::SoftwareDiagEventDataStore& store, std::string
 
 // ---- The day, read back
 
-// The day the demo records: `named` ("YYYY-MM-DD", local) when given, so that what it records
-// is the same on every run; else a new day before any the store already has.
-Day dayOf(std::string const& named, zrn::EventDataStore& store) {
-    if (named.empty()) return dayToRecord(store);
+// The day named "YYYY-MM-DD" (local), so that what the demo records is the same on every run;
+// none when no day is named. Read before any store is opened: a mistyped day creates nothing.
+std::optional<Day> namedDay(std::string const& named) {
+    if (named.empty()) return std::nullopt;
     std::tm noon{};
     std::istringstream in(named);
     in >> std::get_time(&noon, "%Y-%m-%d");
@@ -534,6 +535,7 @@ auto recordOrFail(std::string const& path, Record record) {
 }
 
 void demo(Options const& options, std::string const& dayNamed) {
+    std::optional<Day> const named = namedDay(dayNamed);
     std::string const eventPath = recordingStorePath(options, Store::Event);
     std::string const generalPath = recordingStorePath(options, Store::General);
     std::string const statePath = recordingStorePath(options, Store::AppState);
@@ -541,7 +543,7 @@ void demo(Options const& options, std::string const& dayNamed) {
 
     auto events = openOrFail(
         eventPath, [&] { return std::make_unique<zrn::EventDataStore>(zrn::String(eventPath)); });
-    Day const day = dayOf(dayNamed, *events);
+    Day const day = named ? *named : dayToRecord(*events);
     EventDay const eventDay = recordOrFail(eventPath, [&] { return recordEvents(*events, day); });
 
     auto general = openOrFail(generalPath, [&] {
