@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -206,10 +207,9 @@ void tests(Options const& options, EventArgs const& args) {
                         store.path() + ": no script run " + std::to_string(args.scriptId));
     }
     RecordPrinter printer = testRunPrinter(options);
-    for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until),
-                                                    limitOf(options))) {
-        printer.add(testRun(options, log));
-    }
+    printer.stream(std::cout);
+    store->testRunResultLogs(args.scriptId, at(range.since), at(range.until), limitOf(options),
+                             [&](auto const& log) { printer.add(testRun(options, log)); });
     printer.print(std::cout);
 }
 
@@ -230,23 +230,26 @@ void events(Options const& options, EventArgs const& args) {
     if (args.follow) return followEvents(options, followFilter(args));
     TimeRange const range = timeRange(options);
     EventStore store(options);
-    std::vector<zrn::TestRunEventResultLog> const logs =
-        args.testId > 0 ? store->testRunEventResultLogs(args.testId, at(range.since),
-                                                        at(range.until), limitOf(options))
-                        : store->scriptRunEventResultLogs(args.scriptId, at(range.since),
-                                                          at(range.until), limitOf(options));
     RecordPrinter printer({{"time", "TIME"},
                            {"type", "TYPE"},
                            {"eventCode", "CODE"},
                            {"customerEventCode", "CUSTOMER CODE", 1},
                            {"message", "MESSAGE"}},
                           options.json);
-    for (auto const& log : logs) {
+    printer.stream(std::cout);
+    auto const add = [&](zrn::TestRunEventResultLog const& log) {
         printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
                          {"type", log.type().str()},
                          {"eventCode", log.eventCode().str()},
                          {"customerEventCode", log.customerEventCode().str()},
                          {"message", log.message().str()}});
+    };
+    if (args.testId > 0) {
+        store->testRunEventResultLogs(args.testId, at(range.since), at(range.until),
+                                      limitOf(options), add);
+    } else {
+        store->scriptRunEventResultLogs(args.scriptId, at(range.since), at(range.until),
+                                        limitOf(options), add);
     }
     printer.print(std::cout);
 }
@@ -277,13 +280,16 @@ void tips(Options const& options, EventArgs const& args) {
     requireOwner(options, store.path(), args);
     EventTimePoint const from = at(range.since);
     EventTimePoint const to = at(range.until);
-    std::vector<zrn::TipResultLog> const logs =
-        args.testId > 0 ? store->testRunTipResultLogs(args.testId, from, to, limitOf(options))
-        : args.scriptId > 0
-            ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
-            : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
     RecordPrinter printer = tipPrinter(options);
-    for (auto const& log : logs) printer.add(tip(options, log));
+    printer.stream(std::cout);
+    auto const add = [&](zrn::TipResultLog const& log) { printer.add(tip(options, log)); };
+    if (args.testId > 0) {
+        store->testRunTipResultLogs(args.testId, from, to, limitOf(options), add);
+    } else if (args.scriptId > 0) {
+        store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options), add);
+    } else {
+        store->alertTipResultLogs(args.alertId, from, to, limitOf(options), add);
+    }
     printer.print(std::cout);
 }
 
@@ -352,11 +358,10 @@ void alerts(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer = alertPrinter(options);
-    for (auto const& log :
-         store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
-                                args.untracked, limitOf(options))) {
-        printer.add(alert(options, *store, log));
-    }
+    printer.stream(std::cout);
+    store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type), args.untracked,
+                           limitOf(options),
+                           [&](auto const& log) { printer.add(alert(options, *store, log)); });
     printer.print(std::cout);
 }
 
@@ -410,26 +415,8 @@ void measurements(Options const& options, EventArgs const& args) {
                            {"median", "MEDIAN", 1},
                            {"numberOfSamples", "SAMPLES"}},
                           options.json);
-    // The reader lists oldest first and would keep the oldest N: all are read and the newest
-    // N kept, still oldest first.
-    std::vector<zrn::MeasurementLog> logs =
-        store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type), 0);
-    if (logs.empty() && !args.type.empty()) {
-        std::set<std::string> types;
-        for (auto const& log : store->measurementLogs(at(range.since), at(range.until), "", 0))
-            types.insert(log.type().str());
-        std::string known;
-        for (auto const& type : types) known += (known.empty() ? "" : ", ") + ("'" + type + "'");
-        // An empty answer, not an error; the note on standard error says what would match.
-        std::cerr << "datastore: no measurements of type '" << args.type << "'"
-                  << (known.empty() ? " (none in this range)" : "; the types are " + known) << "\n";
-    }
-    std::size_t const first =
-        options.limit > 0 && logs.size() > static_cast<std::size_t>(options.limit)
-            ? logs.size() - static_cast<std::size_t>(options.limit)
-            : 0;
-    for (std::size_t i = first; i < logs.size(); ++i) {
-        zrn::MeasurementLog const& log = logs[i];
+    printer.stream(std::cout);
+    auto const add = [&](zrn::MeasurementLog const& log) {
         printer.add(Json{{"type", log.type().str()},
                          {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
                          {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
@@ -439,6 +426,29 @@ void measurements(Options const& options, EventArgs const& args) {
                          {"average", log.average()},
                          {"median", log.median()},
                          {"numberOfSamples", log.numberOfSamples()}});
+    };
+    // The reader lists oldest first and would keep the oldest N: all are read, the newest N
+    // kept (no more than N at a time), then printed still oldest first.
+    std::size_t const keep = options.limit > 0 ? static_cast<std::size_t>(options.limit) : 0;
+    std::deque<zrn::MeasurementLog> newest;
+    std::size_t read = 0;
+    store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type), 0,
+                           [&](zrn::MeasurementLog const& log) {
+                               ++read;
+                               if (keep == 0) return add(log);
+                               if (newest.size() == keep) newest.pop_front();
+                               newest.push_back(log);
+                           });
+    for (auto const& log : newest) add(log);
+    if (read == 0 && !args.type.empty()) {
+        std::set<std::string> types;
+        for (auto const& log : store->measurementLogs(at(range.since), at(range.until), "", 0))
+            types.insert(log.type().str());
+        std::string known;
+        for (auto const& type : types) known += (known.empty() ? "" : ", ") + ("'" + type + "'");
+        // An empty answer, not an error; the note on standard error says what would match.
+        std::cerr << "datastore: no measurements of type '" << args.type << "'"
+                  << (known.empty() ? " (none in this range)" : "; the types are " + known) << "\n";
     }
     printer.print(std::cout);
 }
@@ -451,13 +461,15 @@ void diffs(Options const& options, EventArgs const& args) {
                            {"changesCount", "CHANGES"},
                            {"serializedDiff", "DIFF"}},
                           options.json);
-    for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until),
-                                                   zrn::String(args.category), limitOf(options))) {
-        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                         {"category", log.category().str()},
-                         {"changesCount", log.changesCount()},
-                         {"serializedDiff", log.serializedDiff().str()}});
-    }
+    printer.stream(std::cout);
+    store->profilerDiffLogs(
+        at(range.since), at(range.until), zrn::String(args.category), limitOf(options),
+        [&](zrn::ProfilerDiffLog const& log) {
+            printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                             {"category", log.category().str()},
+                             {"changesCount", log.changesCount()},
+                             {"serializedDiff", log.serializedDiff().str()}});
+        });
     printer.print(std::cout);
 }
 
@@ -470,15 +482,16 @@ void scriptlets(Options const& options, EventArgs const& args) {
                            {"status", "STATUS"},
                            {"result", "RESULT"}},
                           options.json);
-    for (auto const& log : store->scriptletResultLogs(
-             at(range.since), at(range.until), zrn::String(args.user), zrn::String(args.category),
-             zrn::String(args.status), limitOf(options))) {
-        printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
-                         {"key", log.key().str()},
-                         {"category", log.category().str()},
-                         {"status", log.status().str()},
-                         {"result", log.result().str()}});
-    }
+    printer.stream(std::cout);
+    store->scriptletResultLogs(
+        at(range.since), at(range.until), zrn::String(args.user), zrn::String(args.category),
+        zrn::String(args.status), limitOf(options), [&](zrn::ScriptletResultLog const& log) {
+            printer.add(Json{{"time", timeCell(options.json, secondsOf(log.timeStamp()))},
+                             {"key", log.key().str()},
+                             {"category", log.category().str()},
+                             {"status", log.status().str()},
+                             {"result", log.result().str()}});
+        });
     printer.print(std::cout);
 }
 

@@ -67,11 +67,39 @@ std::vector<Json>& collected() {
 bool g_collecting = false;
 bool g_sectionPrinted = false;
 
-std::string csvCell(std::string const& text, char separator) {
-    if (text.find_first_of(std::string("\"\r\n") + separator) == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+// Appends `text` as one csv or tsv cell: quoted (quotes doubled) when it holds a quote, a line
+// break or the separator.
+void appendCsvCell(std::string& line, std::string const& text, char separator) {
+    char const special[] = {'"', '\r', '\n', separator, '\0'};
+    if (text.find_first_of(special) == std::string::npos) {
+        line += text;
+        return;
+    }
+    line += '"';
+    for (char c : text) {
+        if (c == '"') line += '"';
+        line += c;
+    }
+    line += '"';
+}
+
+bool plainAscii(std::string const& text) {
+    for (char c : text) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F) return false;
+    }
+    return true;
+}
+
+// On a terminal, control characters are escaped as in tables; a file gets them as stored,
+// made valid UTF-8. Printable ASCII, most cells, needs neither.
+void appendSeparatedCell(std::string& line, std::string const& text, char separator,
+                         bool terminal) {
+    if (plainAscii(text)) {
+        appendCsvCell(line, text, separator);
+    } else {
+        appendCsvCell(line, terminal ? escaped(text) : validUtf8(text), separator);
+    }
 }
 
 std::string dumped(Json const& value) {
@@ -306,7 +334,49 @@ bool useColour() {
 RecordPrinter::RecordPrinter(std::vector<Field> fields, bool json)
     : m_fields(std::move(fields)), m_json(json) {}
 
-void RecordPrinter::add(Json record) { m_records.push_back(std::move(record)); }
+void RecordPrinter::stream(std::ostream& out) {
+    if (!m_json) return;
+    m_stream = &out;
+    m_terminal = ::isatty(STDOUT_FILENO) != 0;
+}
+
+void RecordPrinter::add(Json record) {
+    ++m_count;
+    if (m_stream) {
+        streamRecord(std::move(record));
+    } else {
+        m_records.push_back(std::move(record));
+    }
+}
+
+void RecordPrinter::streamRecord(Json record) {
+    g_sectionPrinted = true;
+    Format const format = outputStyle().format;
+    switch (format) {
+        case Format::Table:
+        case Format::Ndjson:
+            *m_stream << dumped(record) << "\n";
+            return;
+        case Format::Json:
+        case Format::JsonPretty:
+            g_collecting = true;
+            collected().push_back(std::move(record));
+            return;
+        case Format::Csv:
+        case Format::Tsv:
+            break;
+    }
+    char const separator = format == Format::Csv ? ',' : '\t';
+    if (m_keys.empty()) {
+        for (auto const& field : m_fields) m_keys.push_back(field.key);
+        for (auto const& item : record.items()) {
+            if (std::find(m_keys.begin(), m_keys.end(), item.key()) == m_keys.end())
+                m_keys.push_back(item.key());
+        }
+        writeHeader(*m_stream, m_keys, separator, m_terminal);
+    }
+    writeSeparated(*m_stream, m_keys, record, separator, m_terminal);
+}
 
 void RecordPrinter::print(std::ostream& out) const {
     if (!m_json) {
@@ -314,6 +384,15 @@ void RecordPrinter::print(std::ostream& out) const {
         return;
     }
     g_sectionPrinted = true;
+    if (m_stream) {
+        Format const format = outputStyle().format;
+        if (format == Format::Json || format == Format::JsonPretty) g_collecting = true;
+        bool const separated = format == Format::Csv || format == Format::Tsv;
+        // An empty listing still names its columns.
+        if (separated && m_count == 0)
+            writeHeader(out, separatedKeys(), format == Format::Csv ? ',' : '\t', m_terminal);
+        return;
+    }
     switch (outputStyle().format) {
         case Format::Table:
         case Format::Ndjson:
@@ -333,7 +412,7 @@ void RecordPrinter::print(std::ostream& out) const {
     }
 }
 
-void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
+std::vector<std::string> RecordPrinter::separatedKeys() const {
     // The columns: the fields' members, then any other member the records have, in the order
     // they first appear. Headers are the members' names, as in the JSON formats.
     std::vector<std::string> keys;
@@ -344,29 +423,45 @@ void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
                 keys.push_back(item.key());
         }
     }
+    return keys;
+}
+
+void RecordPrinter::writeHeader(std::ostream& out, std::vector<std::string> const& keys,
+                                char separator, bool terminal) const {
+    std::string line;
+    for (std::size_t c = 0; c < keys.size(); ++c) {
+        if (c) line += separator;
+        appendSeparatedCell(line, keys[c], separator, terminal);
+    }
+    out << line << "\r\n";
+}
+
+void RecordPrinter::writeSeparated(std::ostream& out, std::vector<std::string> const& keys,
+                                   Json const& record, char separator, bool terminal) const {
+    std::string line;
+    std::string number;
+    for (std::size_t c = 0; c < keys.size(); ++c) {
+        if (c) line += separator;
+        auto const it = record.find(keys[c]);
+        if (it == record.end() || it->is_null()) continue;
+        if (it->is_string()) {
+            appendSeparatedCell(line, it->get_ref<std::string const&>(), separator, terminal);
+        } else if (it->is_boolean()) {
+            line += it->get<bool>() ? "true" : "false";
+        } else {
+            number = dumped(*it);
+            appendSeparatedCell(line, number, separator, terminal);
+        }
+    }
+    out << line << "\r\n";
+}
+
+void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
     // On a terminal, control characters are escaped as in tables; a file gets them as stored.
     bool const terminal = ::isatty(STDOUT_FILENO) != 0;
-    auto cell = [&](std::string const& text) {
-        return csvCell(terminal ? escaped(text) : validUtf8(text), separator);
-    };
-    std::string line;
-    for (std::size_t c = 0; c < keys.size(); ++c)
-        line += (c ? std::string(1, separator) : "") + cell(keys[c]);
-    out << line << "\r\n";
-    for (auto const& record : m_records) {
-        line.clear();
-        for (std::size_t c = 0; c < keys.size(); ++c) {
-            auto const it = record.find(keys[c]);
-            std::string text;
-            if (it != record.end() && !it->is_null()) {
-                text = it->is_string()    ? it->get<std::string>()
-                       : it->is_boolean() ? (it->get<bool>() ? "true" : "false")
-                                          : dumped(*it);
-            }
-            line += (c ? std::string(1, separator) : "") + cell(text);
-        }
-        out << line << "\r\n";
-    }
+    std::vector<std::string> const keys = separatedKeys();
+    writeHeader(out, keys, separator, terminal);
+    for (auto const& record : m_records) writeSeparated(out, keys, record, separator, terminal);
 }
 
 namespace {
