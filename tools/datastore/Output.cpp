@@ -246,8 +246,81 @@ std::string fit(std::string const& text, std::size_t width) {
     return cut + std::string(room - used, ' ') + "...";
 }
 
+namespace {
+
+// Time texts are made by arithmetic from the instant and the zone's offset; the offset comes
+// from the C library once per hour of times, not once per value (listings print thousands of
+// times, mostly within a few hours). Zones change their offset at most once within an hour,
+// though not always on a whole UTC hour (some change at half past): an hour whose first and
+// last second have one offset has it throughout and is cached; one with a change in it asks
+// for each value. The zone itself is read once per process, as the C library does.
+
+// Within these bounds (1970-01-02 and 9999-12-31, UTC) the wall-clock time is after 1970 and
+// has a four-digit year in every zone; times beyond them take the C library's way.
+long long const kFirstArithmeticTime = 86400;
+long long const kLastArithmeticTime = 253402214400;
+
+bool arithmetic(long long unixSeconds) {
+    return unixSeconds >= kFirstArithmeticTime && unixSeconds < kLastArithmeticTime;
+}
+
+long offsetFromLibrary(long long unixSeconds) {
+    std::time_t const t = static_cast<std::time_t>(unixSeconds);
+    std::tm parts{};
+    localtime_r(&t, &parts);
+    return parts.tm_gmtoff;
+}
+
+long localOffsetAt(long long unixSeconds) {
+    thread_local long long cachedHour = -1;
+    thread_local long cachedOffset = 0;
+    long long const hour = unixSeconds / 3600;
+    if (hour == cachedHour) return cachedOffset;
+    long const first = offsetFromLibrary(hour * 3600);
+    if (first != offsetFromLibrary(hour * 3600 + 3599)) return offsetFromLibrary(unixSeconds);
+    cachedHour = hour;
+    cachedOffset = first;
+    return first;
+}
+
+char* digits(char* out, long long value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+    return out + width;
+}
+
+// "2026-11-23<between>00:49:29" of the wall-clock seconds `local` (non-negative), written at
+// `out`; returns the end.
+char* civilText(char* out, long long local, char between) {
+    // Days to a civil date, after H. Hinnant's days_from_civil inverse (proleptic Gregorian).
+    long long const days = local / 86400, second = local % 86400;
+    long long const z = days + 719468, era = z / 146097, doe = z - era * 146097;
+    long long const yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    long long const doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    long long const mp = (5 * doy + 2) / 153;
+    long long const day = doy - (153 * mp + 2) / 5 + 1, month = mp < 10 ? mp + 3 : mp - 9;
+    long long const year = yoe + era * 400 + (month <= 2);
+    out = digits(out, year, 4);
+    *out++ = '-';
+    out = digits(out, month, 2);
+    *out++ = '-';
+    out = digits(out, day, 2);
+    *out++ = between;
+    out = digits(out, second / 3600, 2);
+    *out++ = ':';
+    out = digits(out, second / 60 % 60, 2);
+    *out++ = ':';
+    return digits(out, second % 60, 2);
+}
+
+}  // namespace
+
 std::string localTime(long long unixSeconds) {
     if (unixSeconds <= 0) return "";
+    if (arithmetic(unixSeconds)) {
+        long const offset = outputStyle().utc ? 0 : localOffsetAt(unixSeconds);
+        char text[32];
+        return std::string(text, civilText(text, unixSeconds + offset, ' '));
+    }
     std::time_t const t = static_cast<std::time_t>(unixSeconds);
     std::tm parts{};
     if (outputStyle().utc) {
@@ -262,6 +335,22 @@ std::string localTime(long long unixSeconds) {
 
 Json isoTime(long long unixSeconds) {
     if (unixSeconds <= 0) return nullptr;
+    if (arithmetic(unixSeconds)) {
+        long const offset = localOffsetAt(unixSeconds);
+        long const size = offset < 0 ? -offset : offset;
+        char text[40];
+        char* end = civilText(text, unixSeconds + offset, 'T');
+        *end++ = offset < 0 ? '-' : '+';
+        end = digits(end, size / 3600, 2);
+        *end++ = ':';
+        end = digits(end, size % 3600 / 60, 2);
+        // Local mean time, before zones had whole minutes, keeps its seconds.
+        if (size % 60 != 0) {
+            *end++ = ':';
+            end = digits(end, size % 60, 2);
+        }
+        return std::string(text, end);
+    }
     return zrn::DateTime::fromUnixTimeStamp(unixSeconds).toLocalTime().toString().str();
 }
 
