@@ -417,15 +417,15 @@ void measurements(Options const& options, EventArgs const& args) {
                           options.json);
     printer.stream(std::cout);
     auto const add = [&](zrn::MeasurementLog const& log) {
-        printer.add(Json{{"type", log.type().str()},
-                         {"spanStart", timeCell(options.json, secondsOf(log.spanStart()))},
-                         {"spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle()))},
-                         {"spanEnd", timeCell(options.json, secondsOf(log.spanEnd()))},
-                         {"minimum", log.minimum()},
-                         {"maximum", log.maximum()},
-                         {"average", log.average()},
-                         {"median", log.median()},
-                         {"numberOfSamples", log.numberOfSamples()}});
+        printer.add(objectOf("type", log.type().str(),                                           //
+                             "spanStart", timeCell(options.json, secondsOf(log.spanStart())),    //
+                             "spanMiddle", timeCell(options.json, secondsOf(log.spanMiddle())),  //
+                             "spanEnd", timeCell(options.json, secondsOf(log.spanEnd())),        //
+                             "minimum", log.minimum(),                                           //
+                             "maximum", log.maximum(),                                           //
+                             "average", log.average(),                                           //
+                             "median", log.median(),                                             //
+                             "numberOfSamples", log.numberOfSamples()));
     };
     // The reader lists oldest first and would keep the oldest N: all are read, the newest N
     // kept (no more than N at a time), then printed still oldest first.

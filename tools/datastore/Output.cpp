@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -83,27 +85,52 @@ void appendCsvCell(std::string& line, std::string const& text, char separator) {
     line += '"';
 }
 
-bool plainAscii(std::string const& text) {
-    for (char c : text) {
-        auto const byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte >= 0x7F) return false;
-    }
-    return true;
-}
-
 // On a terminal, control characters are escaped as in tables; a file gets them as stored,
-// made valid UTF-8. Printable ASCII, most cells, needs neither.
+// made valid UTF-8. Printable ASCII, most cells, needs neither and is looked at once.
 void appendSeparatedCell(std::string& line, std::string const& text, char separator,
                          bool terminal) {
-    if (plainAscii(text)) {
+    bool quoted = false;
+    for (char c : text) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F) {
+            appendCsvCell(line, terminal ? escaped(text) : validUtf8(text), separator);
+            return;
+        }
+        quoted = quoted || c == '"' || c == separator;
+    }
+    if (quoted) {
         appendCsvCell(line, text, separator);
     } else {
-        appendCsvCell(line, terminal ? escaped(text) : validUtf8(text), separator);
+        line += text;
     }
 }
 
 std::string dumped(Json const& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Appends a number as dump() writes it (integers in decimal, reals by the same shortest
+// round-trip conversion, with ".0" on whole ones; not finite: null) without making a string;
+// false for anything else.
+bool appendNumber(std::string& out, Json const& value) {
+    char text[64];
+    char* end = nullptr;
+    if (value.is_number_integer() && !value.is_number_unsigned()) {
+        end = std::to_chars(text, text + sizeof text, value.get<std::int64_t>()).ptr;
+    } else if (value.is_number_unsigned()) {
+        end = std::to_chars(text, text + sizeof text, value.get<std::uint64_t>()).ptr;
+    } else if (value.is_number_float()) {
+        double const real = value.get<double>();
+        if (!std::isfinite(real)) {
+            out += "null";
+            return true;
+        }
+        end = nlohmann::detail::to_chars(text, text + sizeof text, real);
+    } else {
+        return false;
+    }
+    out.append(text, end);
+    return true;
 }
 
 }  // namespace
@@ -527,22 +554,30 @@ void RecordPrinter::writeHeader(std::ostream& out, std::vector<std::string> cons
 
 void RecordPrinter::writeSeparated(std::ostream& out, std::vector<std::string> const& keys,
                                    Json const& record, char separator, bool terminal) const {
-    std::string line;
-    std::string number;
+    thread_local std::string line;
+    line.clear();
+    Json::object_t const& members = record.get_ref<Json::object_t const&>();
     for (std::size_t c = 0; c < keys.size(); ++c) {
         if (c) line += separator;
-        auto const it = record.find(keys[c]);
-        if (it == record.end() || it->is_null()) continue;
-        if (it->is_string()) {
-            appendSeparatedCell(line, it->get_ref<std::string const&>(), separator, terminal);
-        } else if (it->is_boolean()) {
-            line += it->get<bool>() ? "true" : "false";
-        } else {
-            number = dumped(*it);
-            appendSeparatedCell(line, number, separator, terminal);
+        // Records of one listing mostly have their members in the columns' order.
+        Json const* value = nullptr;
+        auto const at = members.begin() + static_cast<std::ptrdiff_t>(c);
+        if (c < members.size() && at->first == keys[c]) {
+            value = &at->second;
+        } else if (auto const it = record.find(keys[c]); it != record.end()) {
+            value = &*it;
+        }
+        if (!value || value->is_null()) continue;
+        if (value->is_string()) {
+            appendSeparatedCell(line, value->get_ref<std::string const&>(), separator, terminal);
+        } else if (value->is_boolean()) {
+            line += value->get<bool>() ? "true" : "false";
+        } else if (!appendNumber(line, *value)) {
+            appendSeparatedCell(line, dumped(*value), separator, terminal);
         }
     }
-    out << line << "\r\n";
+    line += "\r\n";
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
 }
 
 void RecordPrinter::printSeparated(std::ostream& out, char separator) const {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace datastore {
@@ -24,6 +25,25 @@ struct Field {
     // Identifiers (GUIDs, keys) are never cut: a cut one cannot be pasted into the next command.
     bool id = false;
 };
+
+// A record of the members given as key, value, key, value...: the same object as
+// Json{{key, value}, ...} with unique keys, built in place (no intermediate arrays, one
+// allocation for the members), for listings that make a record per row.
+inline void addMembers(Json::object_t&) {}
+template <class Value, class... Rest>
+void addMembers(Json::object_t& members, char const* key, Value&& value, Rest&&... rest) {
+    members.emplace_back(key, std::forward<Value>(value));
+    addMembers(members, std::forward<Rest>(rest)...);
+}
+template <class... Members>
+Json objectOf(Members&&... members) {
+    static_assert(sizeof...(Members) % 2 == 0, "keys and values in pairs");
+    Json object(Json::value_t::object);
+    auto& all = object.get_ref<Json::object_t&>();
+    all.reserve(sizeof...(Members) / 2);
+    addMembers(all, std::forward<Members>(members)...);
+    return object;
+}
 
 enum class Format { Table, Ndjson, Json, JsonPretty, Csv, Tsv };
 
