@@ -289,6 +289,7 @@ void addExportCommand(CLI::App& app, Options& options) {
     addJsonOption(*c, options, {"csv", "ndjson"});
     addWaitOption(*c, options);
     CLI::Option* out = c->add_option("--out", args.out, "Folder to write into (made when missing)");
+    out->type_name("DIR");
     addStoreOption(*c, args.store, "Exports only this store");
     CLI::Option* mark = c->add_option(
         "--mark", args.mark,
