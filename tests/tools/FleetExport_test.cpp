@@ -1,17 +1,10 @@
 // Exports for a fleet database: machine identity, incremental exports with their mark, the
 // ClickHouse schema, and the whole pipeline against a real clickhouse-server run as a child.
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sqlite3.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -19,9 +12,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "ClickHouseServer.h"
 #include "Golden.h"
 #include "TestSupport.h"
 #include "ToolRun.h"
@@ -30,6 +23,7 @@ namespace zrn {
 namespace {
 
 using Json = nlohmann::json;
+using test::ClickHouseServer;
 using test::quoted;
 using test::RawDb;
 using test::ToolRun;
@@ -246,123 +240,6 @@ TEST(FleetExportTest, ClickHouseSchemaIsTheLibrarysTables) {
 
 // ---- against a real server
 
-// A free TCP port on 127.0.0.1 (the kernel's choice, released for the server to take).
-int freePort() {
-    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    int port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0)
-        port = ntohs(address.sin_port);
-    ::close(fd);
-    return port;
-}
-
-std::string firstExisting(std::vector<std::string> const& paths) {
-    for (auto const& path : paths)
-        if (::access(path.c_str(), X_OK) == 0) return path;
-    return "";
-}
-
-// clickhouse-server as a child in a process group of its own, with its configuration and data
-// in `folder`, listening only on 127.0.0.1:port; the group is killed when the object goes,
-// however the test ends.
-class ClickHouseServer {
-public:
-    ClickHouseServer(std::string const& server, std::string client, std::string const& folder)
-        : m_client(std::move(client)), m_folder(folder), m_port(freePort()) {
-        writeConfig();
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::setpgid(0, 0);
-            int const log = ::open((folder + "/console.log").c_str(), O_WRONLY | O_CREAT, 0644);
-            ::dup2(log, 1);
-            ::dup2(log, 2);
-            std::string const config = "--config-file=" + folder + "/config.xml";
-            ::execl(server.c_str(), server.c_str(), config.c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::setpgid(m_pid, m_pid);
-    }
-    ~ClickHouseServer() {
-        ::kill(-m_pid, SIGTERM);
-        if (test::waitProcess(m_pid, 20) < 0) {
-            ::kill(-m_pid, SIGKILL);
-            test::waitProcess(m_pid, 20);
-        }
-    }
-    ClickHouseServer(ClickHouseServer const&) = delete;
-    ClickHouseServer& operator=(ClickHouseServer const&) = delete;
-
-    bool waitReady(double seconds) const {
-        auto const deadline =
-            std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (query("SELECT 1").out == "1\n") return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        return false;
-    }
-
-    // Runs `sql` with clickhouse-client, reading `input` (a file) when given.
-    ToolRun query(std::string const& sql, std::string const& input = "",
-                  std::string const& flags = "") const {
-        std::string const err = m_folder + "/client.err";
-        ToolRun run =
-            test::runShell(quoted(m_client) + " --host 127.0.0.1 --port " + std::to_string(m_port) +
-                           " " + flags + (sql.empty() ? "" : " --query " + quoted(sql)) +
-                           (input.empty() ? "" : " <" + quoted(input)) + " 2>" + quoted(err));
-        run.err = test::readFile(err);
-        return run;
-    }
-
-private:
-    void writeConfig() const {
-        std::string const f = m_folder;
-        test::writeFile(f + "/config.xml",
-                        "<?xml version=\"1.0\"?>\n<yandex>\n"
-                        "    <logger><level>warning</level><log>" +
-                            f +
-                            "/server.log</log>"
-                            "<errorlog>" +
-                            f +
-                            "/error.log</errorlog></logger>\n"
-                            "    <listen_host>127.0.0.1</listen_host>\n"
-                            "    <tcp_port>" +
-                            std::to_string(m_port) +
-                            "</tcp_port>\n"
-                            "    <path>" +
-                            f +
-                            "/data/</path>\n"
-                            "    <tmp_path>" +
-                            f +
-                            "/tmp/</tmp_path>\n"
-                            "    <user_files_path>" +
-                            f +
-                            "/user_files/</user_files_path>\n"
-                            "    <users_config>" +
-                            f +
-                            "/users.xml</users_config>\n"
-                            "    <default_profile>default</default_profile>\n"
-                            "    <default_database>default</default_database>\n"
-                            "    <mark_cache_size>67108864</mark_cache_size>\n"
-                            "</yandex>\n");
-        test::writeFile(f + "/users.xml",
-                        "<?xml version=\"1.0\"?>\n<yandex>\n    <profiles><default/></profiles>\n"
-                        "    <users><default><password></password><networks><ip>127.0.0.1</ip>"
-                        "</networks><profile>default</profile><quota>default</quota></default>"
-                        "</users>\n    <quotas><default/></quotas>\n</yandex>\n");
-    }
-
-    std::string m_client;
-    std::string m_folder;
-    int m_port;
-    pid_t m_pid = -1;
-};
-
 class ClickHouseFleetTest : public ::testing::Test {
 protected:
     std::string stores(std::string const& machine) const { return m_dir.file(machine); }
@@ -385,9 +262,9 @@ protected:
                         m_dir.file("out/" + machine + "/" + store + "/" + table + ".ndjson"));
                 if (text.empty()) continue;  // the server refuses an INSERT of nothing
                 test::writeFile(all, text);
-                ToolRun const insert = server.query("INSERT INTO datastore." + std::string(store) +
-                                                        "_" + table + " FORMAT JSONEachRow",
-                                                    all);
+                auto const insert = server.query("INSERT INTO datastore." + std::string(store) +
+                                                     "_" + table + " FORMAT JSONEachRow",
+                                                 all);
                 ASSERT_EQ(insert.code, 0) << store << "." << table << ": " << insert.err;
             }
     }
@@ -402,7 +279,7 @@ protected:
                     std::string columns;
                     for (auto const& c : raw.columns)
                         columns += (columns.empty() ? "`" : ", `") + c + "`";
-                    ToolRun const result = server.query(
+                    auto const result = server.query(
                         "SELECT " + columns + " FROM datastore." + store + "_" + table +
                             " FINAL WHERE machine = '" + machine + "' AND _deleted = 0 ORDER BY `" +
                             raw.key + "` FORMAT JSONEachRow",
@@ -419,9 +296,8 @@ protected:
 };
 
 TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
-    std::string const server =
-        firstExisting({"/usr/sbin/clickhouse-server", "/usr/bin/clickhouse-server"});
-    std::string const client = firstExisting({"/usr/bin/clickhouse-client"});
+    std::string const server = test::clickHouseServerPath();
+    std::string const client = test::clickHouseClientPath();
     if (server.empty() || client.empty())
         GTEST_SKIP() << "clickhouse-server or clickhouse-client is not installed "
                         "(scripts/setup.sh installs both): the fleet pipeline is not tested";
@@ -433,7 +309,7 @@ TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
     // The schema from the tool's output, as an operator would make it.
     ToolRun const schema = run("pc-1", {"export", "--schema", "clickhouse"});
     test::writeFile(m_dir.file("schema.sql"), schema.out);
-    ToolRun const created = clickhouse.query("", m_dir.file("schema.sql"), "--multiquery");
+    auto const created = clickhouse.query("", m_dir.file("schema.sql"), "--multiquery");
     ASSERT_EQ(created.code, 0) << created.err;
     // Two days on each machine, exported and loaded.
     for (auto const& machine : m_machines)
