@@ -135,16 +135,32 @@ std::vector<std::string> tablesOf(std::string const& path) {
 
 // ---- without a server
 
-TEST(FleetExportTest, IncrementalExportsSendChangesAndKeepASmallMark) {
-    test::TempDir dir;
-    std::string const stores = dir.file("stores"), err = dir.file("err.txt");
-    std::string const mark = dir.file("export.mark"), out = dir.file("out");
-    ASSERT_EQ(tool(stores, {"demo"}, err).code, 0);
-    ASSERT_EQ(tool(stores, {"demo"}, err).code, 0);
+class FleetExportTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(run({"demo"}).code, 0);
+        ASSERT_EQ(run({"demo"}).code, 0);
+    }
+    ToolRun run(std::vector<std::string> const& args) const {
+        return tool(m_stores, args, m_dir.file("err.txt"));
+    }
+    // The incremental export of this machine as "pc-7" (or `machine`) with `mark`.
+    ToolRun exportMarked(std::string const& machine = "pc-7") const {
+        return run(
+            {"export", "--out", m_out, "-o", "ndjson", "--machine", machine, "--mark", m_mark});
+    }
+    std::string file(std::string const& name) const { return test::readFile(m_out + "/" + name); }
 
+    test::TempDir m_dir;
+    std::string const m_stores = m_dir.file("stores");
+    std::string const m_mark = m_dir.file("export.mark");
+    std::string const m_out = m_dir.file("out");
+};
+
+TEST_F(FleetExportTest, RecordsNameTheMachineAndAMarkedExportSendsNothingTwice) {
     // A whole export: every record names the machine (by default this one's identity) and
     // carries _version and _deleted.
-    ToolRun const whole = tool(stores, {"export", "--out", out, "-o", "ndjson"}, err);
+    ToolRun const whole = run({"export", "--out", m_out, "-o", "ndjson"});
     ASSERT_EQ(whole.code, 0) << whole.err;
     std::ifstream idFile("/etc/machine-id");
     std::string machine;
@@ -153,7 +169,7 @@ TEST(FleetExportTest, IncrementalExportsSendChangesAndKeepASmallMark) {
         ::gethostname(host, sizeof host - 1);
         machine = host;
     }
-    std::string const firstLine = lines(test::readFile(out + "/event/TestRuns.ndjson")).at(0);
+    std::string const firstLine = lines(file("event/TestRuns.ndjson")).at(0);
     EXPECT_EQ(firstLine.substr(0, 21 + machine.size()),
               "{\"machine\":\"" + machine + "\",\"host\":");
     Json const first = Json::parse(firstLine);
@@ -161,73 +177,84 @@ TEST(FleetExportTest, IncrementalExportsSendChangesAndKeepASmallMark) {
     unsigned long long const wholeVersion = first["_version"].get<unsigned long long>();
 
     // The first marked export sends everything, the second nothing; the version grows.
-    std::vector<std::string> const marked = {"export",    "--out", out,      "-o", "ndjson",
-                                             "--machine", "pc-7",  "--mark", mark};
-    Sent const initial = sentBy(tool(stores, marked, err));
+    Sent const initial = sentBy(exportMarked());
     EXPECT_EQ(initial.sent, initial.rows);
     EXPECT_EQ(initial.deleted, 0);
-    Json const markJson = Json::parse(test::readFile(mark));
+    Json const markJson = Json::parse(test::readFile(m_mark));
     EXPECT_EQ(markJson["machine"], "pc-7");
     EXPECT_GT(markJson["version"].get<unsigned long long>(), wholeVersion);
-    Sent const again = sentBy(tool(stores, marked, err));
+    Sent const again = sentBy(exportMarked());
     EXPECT_EQ(again.sent + again.deleted, 0);
-    EXPECT_EQ(test::readFile(out + "/event/TestRuns.ndjson"), "");
-
-    // A run finished later, an item replaced, a test run removed: exactly those are sent.
-    {
-        RawDb db(stores + "/event.db");
-        db.exec(
-            "UPDATE TestRuns SET result = 'FAIL' WHERE testId = 3; DELETE FROM TestRuns "
-            "WHERE testId = 5");
-    }
-    ASSERT_EQ(tool(stores, {"state", "set", "ui.theme", "light"}, err).code, 0);
-    Sent const changes = sentBy(tool(stores, marked, err));
-    EXPECT_EQ(changes.sent, 2);  // the test run and the item under its new rowid
-    EXPECT_EQ(changes.deleted, 2);
-    EXPECT_EQ((changes.tables.at("event.TestRuns")), (std::pair<long long, long long>{1, 1}));
-    std::vector<Json> const testRuns = records(test::readFile(out + "/event/TestRuns.ndjson"));
-    ASSERT_EQ(testRuns.size(), 2u);
-    EXPECT_EQ(testRuns[0]["testId"], 3);
-    EXPECT_EQ(testRuns[0]["result"], "FAIL");
-    Json const tombstone = testRuns[1];
-    EXPECT_EQ(lines(test::readFile(out + "/event/TestRuns.ndjson"))[1],
-              "{\"machine\":\"pc-7\",\"host\":" + tombstone["host"].dump() +
-                  ",\"store\":\"event\",\"table\":\"TestRuns\",\"_version\":" +
-                  tombstone["_version"].dump() + ",\"_deleted\":1,\"testId\":5}");
-    EXPECT_EQ(testRuns[0]["_version"], tombstone["_version"]);
-    std::vector<Json> const items = records(test::readFile(out + "/appstate/AppState.ndjson"));
-    ASSERT_EQ(items.size(), 2u);
-    EXPECT_EQ(items[0]["data"], "light");
-    EXPECT_EQ(items[1]["_deleted"], 1);
-    EXPECT_TRUE(items[1].contains("rowid"));
+    EXPECT_EQ(file("event/TestRuns.ndjson"), "");
+    EXPECT_GT(Json::parse(test::readFile(m_mark))["version"], markJson["version"]);
 
     // Small next to the stores: the mark is under 10% of them.
     std::uintmax_t storeBytes = 0;
     for (char const* name : kStores)
-        storeBytes += std::filesystem::file_size(stores + "/" + name + ".db");
-    EXPECT_LT(std::filesystem::file_size(mark) * 10, storeBytes);
-
-    // Another machine's mark sends everything; a file that is no mark, or csv, is refused and
-    // the mark is left as it was.
-    std::vector<std::string> other = marked;
-    other[6] = "pc-8";
-    std::string const before = test::readFile(mark);
-    EXPECT_EQ(sentBy(tool(stores, other, err)).sent, changes.rows);
-    test::writeFile(mark, before);
-    test::writeFile(dir.file("bad.mark"), "{\"machine\":\"pc-7\"}");
-    std::vector<std::string> bad = marked;
-    bad.back() = dir.file("bad.mark");
-    ToolRun const refused = tool(stores, bad, err);
-    EXPECT_EQ(refused.code, 1);
-    EXPECT_EQ(refused.err, "datastore: " + dir.file("bad.mark") +
-                               ": not an export mark (written by 'export --mark')\n");
-    ToolRun const csv = tool(stores, {"export", "--out", out, "--mark", mark}, err);
-    EXPECT_EQ(csv.code, 1);
-    EXPECT_EQ(csv.err, "datastore: --mark: an incremental export writes ndjson (add -o ndjson)\n");
-    EXPECT_EQ(test::readFile(mark), before);
+        storeBytes += std::filesystem::file_size(m_stores + "/" + name + ".db");
+    EXPECT_LT(std::filesystem::file_size(m_mark) * 10, storeBytes);
 }
 
-TEST(FleetExportTest, ClickHouseSchemaIsTheLibrarysTables) {
+TEST_F(FleetExportTest, AMarkedExportSendsTheChangedRowsAndTombstonesForTheGone) {
+    ASSERT_EQ(exportMarked().code, 0);
+    // A run finished later, an item replaced, a test run removed: exactly those are sent.
+    RawDb(m_stores + "/event.db")
+        .exec(
+            "UPDATE TestRuns SET result = 'FAIL' WHERE testId = 3; DELETE FROM TestRuns "
+            "WHERE testId = 5");
+    ASSERT_EQ(run({"state", "set", "ui.theme", "light"}).code, 0);
+    Sent const changes = sentBy(exportMarked());
+    EXPECT_EQ(changes.sent, 2);  // the test run and the item under its new rowid
+    EXPECT_EQ(changes.deleted, 2);
+    EXPECT_EQ((changes.tables.at("event.TestRuns")), (std::pair<long long, long long>{1, 1}));
+    std::vector<Json> const testRuns = records(file("event/TestRuns.ndjson"));
+    ASSERT_EQ(testRuns.size(), 2u);
+    EXPECT_EQ(testRuns[0]["testId"], 3);
+    EXPECT_EQ(testRuns[0]["result"], "FAIL");
+    Json const tombstone = testRuns[1];
+    EXPECT_EQ(lines(file("event/TestRuns.ndjson"))[1],
+              "{\"machine\":\"pc-7\",\"host\":" + tombstone["host"].dump() +
+                  ",\"store\":\"event\",\"table\":\"TestRuns\",\"_version\":" +
+                  tombstone["_version"].dump() + ",\"_deleted\":1,\"testId\":5}");
+    EXPECT_EQ(testRuns[0]["_version"], tombstone["_version"]);
+    std::vector<Json> const items = records(file("appstate/AppState.ndjson"));
+    ASSERT_EQ(items.size(), 2u);
+    EXPECT_EQ(items[0]["data"], "light");
+    EXPECT_EQ(items[1]["_deleted"], 1);
+    EXPECT_TRUE(items[1].contains("rowid"));
+    // Another machine's mark sends everything.
+    EXPECT_EQ(sentBy(exportMarked("pc-8")).sent, changes.rows);
+}
+
+TEST_F(FleetExportTest, AMarkIsWrittenOnlyWhenEveryFileIsAndBadOnesAreRefused) {
+    ASSERT_EQ(exportMarked().code, 0);
+    std::string const before = test::readFile(m_mark);
+    ASSERT_EQ(run({"demo"}).code, 0);
+    // The last store's table cannot be written: the files before it are, the mark is not, so
+    // the next export sends the same changes again.
+    std::filesystem::remove(m_out + "/softwarediagevent/Sessions.ndjson");
+    std::filesystem::create_directories(m_out + "/softwarediagevent/Sessions.ndjson");
+    ToolRun const stopped = exportMarked();
+    EXPECT_EQ(stopped.code, 2);
+    EXPECT_EQ(test::readFile(m_mark), before);
+    EXPECT_EQ(records(file("event/TestRuns.ndjson")).size(), 6u);
+    std::filesystem::remove(m_out + "/softwarediagevent/Sessions.ndjson");
+    EXPECT_EQ(sentBy(exportMarked()).tables.at("event.TestRuns").first, 6);
+    EXPECT_NE(test::readFile(m_mark), before);
+
+    test::writeFile(m_dir.file("bad.mark"), "{\"machine\":\"pc-7\"}");
+    ToolRun const refused =
+        run({"export", "--out", m_out, "-o", "ndjson", "--mark", m_dir.file("bad.mark")});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(refused.err, "datastore: " + m_dir.file("bad.mark") +
+                               ": not an export mark (written by 'export --mark')\n");
+    ToolRun const csv = run({"export", "--out", m_out, "--mark", m_dir.file("new.mark")});
+    EXPECT_EQ(csv.code, 1);
+    EXPECT_EQ(csv.err, "datastore: --mark: an incremental export writes ndjson (add -o ndjson)\n");
+    EXPECT_FALSE(std::filesystem::exists(m_dir.file("new.mark")));
+}
+
+TEST(FleetSchemaTest, ClickHouseSchemaIsTheLibrarysTables) {
     test::TempDir dir;
     ToolRun const schema =
         tool(dir.file("none"), {"export", "--schema", "clickhouse"}, dir.file("err.txt"));
@@ -291,35 +318,16 @@ protected:
             }
     }
 
+    void recordMore() const;
+    void expectFleetAnswers(ClickHouseServer const& clickhouse) const;
+
     test::TempDir m_dir;
     std::vector<std::string> const m_machines{"pc-1", "pc-2", "pc-3"};
 };
 
-TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
-    std::string const server = test::clickHouseServerPath();
-    std::string const client = test::clickHouseClientPath();
-    if (server.empty() || client.empty())
-        GTEST_SKIP() << "clickhouse-server or clickhouse-client is not installed "
-                        "(scripts/setup.sh installs both): the fleet pipeline is not tested";
-    std::filesystem::create_directories(m_dir.file("server"));
-    ClickHouseServer const clickhouse(server, client, m_dir.file("server"));
-    ASSERT_TRUE(clickhouse.waitReady(60)) << test::readFile(m_dir.file("server/console.log"))
-                                          << test::readFile(m_dir.file("server/error.log"));
-
-    // The schema from the tool's output, as an operator would make it.
-    ToolRun const schema = run("pc-1", {"export", "--schema", "clickhouse"});
-    test::writeFile(m_dir.file("schema.sql"), schema.out);
-    auto const created = clickhouse.query("", m_dir.file("schema.sql"), "--multiquery");
-    ASSERT_EQ(created.code, 0) << created.err;
-    // Two days on each machine, exported and loaded.
-    for (auto const& machine : m_machines)
-        for (int day = 0; day < 2; ++day) ASSERT_EQ(run(machine, {"demo"}).code, 0);
-    for (auto const& machine : m_machines) ASSERT_EQ(exportMachine(machine).code, 0);
-    ASSERT_NO_FATAL_FAILURE(load(clickhouse));
-    ASSERT_NO_FATAL_FAILURE(expectSameRows(clickhouse));
-
-    // Then: pc-1 finishes a run differently, records a new day and replaces a state item;
-    // pc-2 prunes its older day; pc-3 does all of it.
+// pc-1 finishes a run differently, records a new day and replaces a state item; pc-2 prunes
+// its older day; pc-3 does all of it but the finished run.
+void ClickHouseFleetTest::recordMore() const {
     long long const dayA = std::stoll(
         RawDb(stores("pc-2") + "/event.db", true).scalar("SELECT MAX(startTime) FROM ScriptRuns"));
     std::string const cutoff = "@" + std::to_string(dayA - 12 * 3600);
@@ -331,35 +339,10 @@ TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
     }
     for (std::string const machine : {"pc-2", "pc-3"})
         ASSERT_EQ(run(machine, {"prune", "--before", cutoff}).code, 0);
-    ToolRun const wholeExport =
-        run("pc-1", {"export", "--out", m_dir.file("whole"), "-o", "ndjson"});
-    std::map<std::string, Sent> sent;
-    for (auto const& machine : m_machines) {
-        ToolRun const incremental = exportMachine(machine);
-        ASSERT_EQ(incremental.code, 0) << incremental.err;
-        sent[machine] = sentBy(incremental);
-    }
-    // Only the changes went: pc-1 sends its new day's test runs and the finished one, pc-2 only
-    // tombstones for its pruned day.
-    EXPECT_EQ(sent["pc-1"].tables["event.TestRuns"], (std::pair<long long, long long>{7, 0}));
-    EXPECT_EQ(sent["pc-2"].tables["event.TestRuns"], (std::pair<long long, long long>{0, 6}));
-    EXPECT_EQ(sent["pc-2"].sent, 0);
-    // Measured against a whole export of the same state.
-    long long wholeRecords = 0;
-    for (Json const& table : wholeExport.records()) wholeRecords += table["rows"].get<long long>();
-    long long const incrementalRecords = sent["pc-1"].sent + sent["pc-1"].deleted;
-    EXPECT_LT(2 * incrementalRecords, wholeRecords);
-    std::cout << "pc-1 after one more day: " << incrementalRecords << " records sent, "
-              << wholeRecords << " in a whole export\n";
-    ASSERT_NO_FATAL_FAILURE(load(clickhouse));
-    ASSERT_NO_FATAL_FAILURE(expectSameRows(clickhouse));
-    EXPECT_EQ(clickhouse
-                  .query("SELECT count() FROM datastore.event_TestRuns FINAL WHERE machine = "
-                         "'pc-2' AND _deleted = 1")
-                  .out,
-              "6\n");
+}
 
-    // Fleet questions, in SQL and from the files.
+// Two fleet questions in SQL against the same questions asked of every machine's file.
+void ClickHouseFleetTest::expectFleetAnswers(ClickHouseServer const& clickhouse) const {
     std::map<std::string, long long> failures;
     std::map<std::string, long long> untracked;
     for (auto const& machine : m_machines) {
@@ -387,6 +370,60 @@ TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
                          "type")
                   .out,
               expectedUntracked);
+}
+
+TEST_F(ClickHouseFleetTest, TheServerHoldsWhatEveryMachineHolds) {
+    std::string const server = test::clickHouseServerPath();
+    std::string const client = test::clickHouseClientPath();
+    if (server.empty() || client.empty())
+        GTEST_SKIP() << "clickhouse-server or clickhouse-client is not installed "
+                        "(scripts/setup.sh installs both): the fleet pipeline is not tested";
+    std::filesystem::create_directories(m_dir.file("server"));
+    ClickHouseServer const clickhouse(server, client, m_dir.file("server"));
+    ASSERT_TRUE(clickhouse.waitReady(60)) << test::readFile(m_dir.file("server/console.log"))
+                                          << test::readFile(m_dir.file("server/error.log"));
+
+    // The schema from the tool's output, as an operator would make it.
+    test::writeFile(m_dir.file("schema.sql"),
+                    run("pc-1", {"export", "--schema", "clickhouse"}).out);
+    auto const created = clickhouse.query("", m_dir.file("schema.sql"), "--multiquery");
+    ASSERT_EQ(created.code, 0) << created.err;
+    // Two days on each machine, exported and loaded.
+    for (auto const& machine : m_machines)
+        for (int day = 0; day < 2; ++day) ASSERT_EQ(run(machine, {"demo"}).code, 0);
+    for (auto const& machine : m_machines) ASSERT_EQ(exportMachine(machine).code, 0);
+    ASSERT_NO_FATAL_FAILURE(load(clickhouse));
+    ASSERT_NO_FATAL_FAILURE(expectSameRows(clickhouse));
+
+    ASSERT_NO_FATAL_FAILURE(recordMore());
+    ToolRun const wholeExport =
+        run("pc-1", {"export", "--out", m_dir.file("whole"), "-o", "ndjson"});
+    std::map<std::string, Sent> sent;
+    for (auto const& machine : m_machines) {
+        ToolRun const incremental = exportMachine(machine);
+        ASSERT_EQ(incremental.code, 0) << incremental.err;
+        sent[machine] = sentBy(incremental);
+    }
+    // Only the changes went: pc-1 sends its new day's test runs and the finished one, pc-2 only
+    // tombstones for its pruned day.
+    EXPECT_EQ(sent["pc-1"].tables["event.TestRuns"], (std::pair<long long, long long>{7, 0}));
+    EXPECT_EQ(sent["pc-2"].tables["event.TestRuns"], (std::pair<long long, long long>{0, 6}));
+    EXPECT_EQ(sent["pc-2"].sent, 0);
+    // Measured against a whole export of the same state.
+    long long wholeRecords = 0;
+    for (Json const& table : wholeExport.records()) wholeRecords += table["rows"].get<long long>();
+    long long const incrementalRecords = sent["pc-1"].sent + sent["pc-1"].deleted;
+    EXPECT_LT(2 * incrementalRecords, wholeRecords);
+    std::cout << "pc-1 after one more day: " << incrementalRecords << " records sent, "
+              << wholeRecords << " in a whole export\n";
+    ASSERT_NO_FATAL_FAILURE(load(clickhouse));
+    ASSERT_NO_FATAL_FAILURE(expectSameRows(clickhouse));
+    EXPECT_EQ(clickhouse
+                  .query("SELECT count() FROM datastore.event_TestRuns FINAL WHERE machine = "
+                         "'pc-2' AND _deleted = 1")
+                  .out,
+              "6\n");
+    expectFleetAnswers(clickhouse);
 }
 
 }  // namespace
