@@ -187,6 +187,12 @@ TEST_F(FleetExportTest, RecordsNameTheMachineAndAMarkedExportSendsNothingTwice) 
     EXPECT_EQ(again.sent + again.deleted, 0);
     EXPECT_EQ(file("event/TestRuns.ndjson"), "");
     EXPECT_GT(Json::parse(test::readFile(m_mark))["version"], markJson["version"]);
+    // One store exported alone leaves what the mark knows of the others.
+    ASSERT_EQ(run({"export", "--out", m_out, "-o", "ndjson", "--machine", "pc-7", "--mark", m_mark,
+                   "--store", "genstore"})
+                  .code,
+              0);
+    EXPECT_EQ(sentBy(exportMarked()).sent, 0);
 
     // Small next to the stores: the mark is under 10% of them.
     std::uintmax_t storeBytes = 0;

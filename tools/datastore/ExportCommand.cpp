@@ -166,6 +166,7 @@ void exportStore(Options const& options, std::string const& path, ExportTarget c
                  std::filesystem::path const& folder, RecordPrinter& printer,
                  std::vector<zrn::StoreReadError>& unreadable) {
     zrn::StoreReader reader(path, readOnly(options));
+    if (target.next) target.next->stores.erase(target.storeName);
     // One read transaction: every table of the store from the same moment, whatever the
     // suite records meanwhile.
     zrn::StoreReader::Snapshot const snapshot(reader);
@@ -217,8 +218,12 @@ ExportTarget exportTarget(ExportArgs const& args, ExportMark const& previous, Ex
         next.machine = target.machine;
         next.version = target.version;
         target.next = &next;
-        // The fleet database has nothing of a machine the mark was not written for.
-        if (previous.machine == target.machine) target.previous = &previous;
+        // The fleet database has nothing of a machine the mark was not written for. What the
+        // mark knows of stores not exported this time (--store, a file not there) is kept.
+        if (previous.machine == target.machine) {
+            target.previous = &previous;
+            next.stores = previous.stores;
+        }
     }
     return target;
 }
@@ -303,7 +308,7 @@ void addExportCommand(CLI::App& app, Options& options) {
     c->add_option("--schema", args.schema,
                   "Prints the fleet database's DDL (one table per store table) instead of "
                   "exporting")
-        ->type_name("clickhouse")
+        ->type_name("KIND")
         ->check(CLI::IsMember({"clickhouse"}))
         ->excludes(out)
         ->excludes(mark);
