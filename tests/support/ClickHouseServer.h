@@ -2,12 +2,13 @@
 
 // Debian's clickhouse-server run as a child process for the fleet test and benchmark: its own
 // configuration and data folder, 127.0.0.1 and a free port only, a process group of its own
-// that is killed when the object goes, however the caller ends. Header-only, so that the
-// benchmarks use it without the test library.
+// that is killed when the object goes, and a SIGTERM when the caller dies. Header-only, so
+// that the benchmarks use it without the test library.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +79,9 @@ public:
         m_pid = ::fork();
         if (m_pid == 0) {
             ::setpgid(0, 0);
+            // Stopped even when the caller is killed outright (a test timeout) and no
+            // destructor runs.
+            ::prctl(PR_SET_PDEATHSIG, SIGTERM);
             int const log = ::open(console.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             ::dup2(log, 1);
             ::dup2(log, 2);
