@@ -258,6 +258,13 @@ TEST_F(FleetExportTest, AMarkIsWrittenOnlyWhenEveryFileIsAndBadOnesAreRefused) {
     EXPECT_EQ(csv.code, 1);
     EXPECT_EQ(csv.err, "datastore: --mark: an incremental export writes ndjson (add -o ndjson)\n");
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("new.mark")));
+    std::string const unwritable = m_dir.file("none/export.mark");
+    ToolRun const nowhere = run({"export", "--out", m_out, "-o", "ndjson", "--mark", unwritable});
+    EXPECT_EQ(nowhere.code, 2);
+    EXPECT_EQ(nowhere.err,
+              "datastore: " + unwritable + ".partial: cannot write: No such file or directory\n");
+    EXPECT_EQ(run({"export"}).err, "datastore: --out is required\n");
+    EXPECT_EQ(run({"export", "--schema", "clickhouse", "--out", m_out}).code, 1);
 }
 
 TEST(FleetSchemaTest, ClickHouseSchemaIsTheLibrarysTables) {
