@@ -74,6 +74,9 @@ for command in $commands; do
         failures=$((failures + 1))
     }
 done
+expect "man: fleet section" "FLEET DATABASE" "$(grep -x 'FLEET DATABASE' <<<"$man_text")"
+fleet_line="       datastore export --schema clickhouse | clickhouse-client --multiquery"
+expect "man: fleet schema" "$fleet_line" "$(grep -xF -e "$fleet_line" <<<"$man_text")"
 grep -q "$(dirname "$tool")" "$dir/datastore.1" && {
     echo "FAIL: man: names the build folder"
     failures=$((failures + 1))
