@@ -15,6 +15,7 @@ packages=(
     libjs-chart.js chromium
     python3 gcovr
     clang libclang-rt-dev llvm
+    clickhouse-server clickhouse-client
 )
 
 missing=()
@@ -36,3 +37,8 @@ fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The fleet test runs clickhouse-server as its own child on a free port; the package's system
+# service is not wanted on a build machine.
+if command -v systemctl >/dev/null && systemctl is-enabled clickhouse-server >/dev/null 2>&1; then
+    $sudo systemctl disable --now clickhouse-server || true
+fi

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <string>
 
 namespace zrn {
@@ -22,6 +23,18 @@ bool plainInteger(long long value) {
 // the text: its sign does not survive it.
 bool readsBack(double value) {
     if (value == 0 || !(value - value == 0)) return false;  // zero, infinite or NaN
+    // Measured values mostly have a few decimals: a decimal m / 10^k of at most 15 digits that
+    // reads as `value` means the shortest text has at most 15 digits too. m and 10^k are exact
+    // doubles, so their quotient is the double nearest to the decimal, as reading its text
+    // gives. Cheaper than writing the shortest text, which decides when this finds nothing.
+    static double const scales[] = {1, 10, 100, 1e3, 1e4, 1e5, 1e6};
+    if (std::fabs(value) < 1e15) {
+        for (double const scale : scales) {
+            double const m = std::nearbyint(value * scale);
+            if (std::fabs(m) >= 1e15) break;
+            if (m / scale == value) return true;
+        }
+    }
     char text[32];
     auto const written = std::to_chars(text, text + sizeof text, value);
     if (written.ec != std::errc()) return false;

@@ -97,6 +97,102 @@ void traceReader(Logger* logger, char const* number, String const& statement) {
           [&] { return LoggerStream() + number + "testRunResultLogs SQL Command: " + statement; });
 }
 
+// The records as the readers make them from their rows, shared by the collecting and the
+// streaming form of each reader.
+TipResultLog tipOf(ResultSetRow const& row) {
+    return TipResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                        row.columnValue(3), row.columnValue(4), sql::timePoint(row, 5));
+}
+
+TestRunEventResultLog eventOf(ResultSetRow const& row) {
+    return TestRunEventResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                                 row.columnValue(3), sql::timePoint(row, 4));
+}
+
+AlertResultLog alertOf(ResultSetRow const& row) {
+    return AlertResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                          row.columnValue(3), row.columnValue(4), row.columnValue(5),
+                          row.columnValue(6), sql::timePoint(row, 7));
+}
+
+ProfilerDiffLog diffOf(ResultSetRow const& row) {
+    return ProfilerDiffLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                           row.columnValue(3));
+}
+
+ScriptletResultLog scriptletOf(ResultSetRow const& row) {
+    return ScriptletResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
+                              row.columnValue(3), sql::timePoint(row, 4));
+}
+
+MeasurementLog measurementOf(ResultSetRow const& row) {
+    return MeasurementLog(row.columnValue(0), sql::timePoint(row, 1), sql::timePoint(row, 2),
+                          sql::timePoint(row, 3), row.realValue(4), row.realValue(5),
+                          row.realValue(6), row.realValue(7), row.uintValue(8));
+}
+
+String alertsStatement(EventTimePoint from, EventTimePoint to, String const& type,
+                       bool untrackedOnly, int limit) {
+    sql::Where where;
+    where.addBounds(id("dateTime"), from, to);
+    if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
+    if (untrackedOnly) where.add(id("tracked"), " = ", "0");
+    return "SELECT " +
+           identifierList(
+               {"rowid", "guid", "key", "type", "title", "message", "deviceName", "dateTime"}) +
+           " FROM " + id("Alerts") + where.text() + " ORDER BY " + id("dateTime") + " DESC" +
+           module::comma() + id("rowid") + " DESC" + sql::limit(limit);
+}
+
+String diffsStatement(EventTimePoint from, EventTimePoint to, String const& category, int limit) {
+    sql::Where where;
+    where.addBounds(id("dateTime"), from, to);
+    if (!category.empty()) where.add(id("category"), " = ", sql::value(category));
+    return "SELECT " +
+           identifierList({"category", "dateTime", "numberOfChanges", "serializedDiff"}) +
+           " FROM " + id("ProfilerDiffs") + where.text() + orderDescending("dateTime") +
+           sql::limit(limit);
+}
+
+String scriptletsStatement(EventTimePoint from, EventTimePoint to, String const& userName,
+                           String const& category, String const& status, int limit) {
+    String const runs = id("ScriptletRuns");
+    String const apps = id("ApplicationRuns");
+    auto const column = [&](char const* name) { return runs + "." + id(name); };
+
+    String statement = "SELECT " + column("scriptletKey") + module::comma() + column("category") +
+                       module::comma() + column("status") + module::comma() + column("result") +
+                       module::comma() + column("dateTime") + " FROM " + runs;
+    bool const byUser = userName != String::EMPTY();
+    if (byUser) {
+        statement +=
+            " INNER JOIN " + apps + " ON " + apps + "." + id("appId") + " = " + column("appId");
+    }
+    sql::Where where;
+    if (byUser) where.add(apps + "." + id("userName"), " = ", sql::value(userName));
+    where.addBounds(column("dateTime"), from, to);
+    if (!category.empty()) where.add(column("category"), " = ", sql::value(category));
+    if (!status.empty()) where.add(column("status"), " = ", sql::value(status));
+    statement += where.text();
+    statement += " ORDER BY " + column("dateTime") + " DESC" + module::comma() +
+                 id("scriptletKey") + " DESC" + sql::limit(limit);
+    return statement;
+}
+
+String measurementsStatement(EventTimePoint from, EventTimePoint to, String const& type,
+                             int limit) {
+    sql::Where where;
+    // The range applies to the middle of the span only.
+    where.addBounds(id("spanMiddleTime"), from, to);
+    if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
+    // Oldest first, unlike every other reader: callers plot these as a series.
+    return "SELECT " +
+           identifierList({"type", "spanStartTime", "spanMiddleTime", "spanEndTime", "maximum",
+                           "minimum", "average", "median", "numberOfSamples"}) +
+           " FROM " + id("Measurements") + where.text() + " ORDER BY " + id("spanMiddleTime") +
+           " ASC" + sql::limit(limit);
+}
+
 }  // namespace
 
 // ---- Shared machinery --------------------------------------------------------------------
@@ -112,6 +208,14 @@ std::vector<Record> EventDataStore::records(String const& statement, Make make) 
     return sql::records<Record>(*m_appDataStore->database(), statement, make);
 }
 
+template <class Record, class Make>
+void EventDataStore::eachRecord(String const& statement, Make make,
+                                Each<Record> const& each) const {
+    StoreLock lock(module::eventStoreMutex(), m_reader.get());
+    m_appDataStore->database()->forEachRow(statement,
+                                           [&](ResultSetRow const& row) { each(make(row)); });
+}
+
 long long EventDataStore::aggregate(String const& statement) const {
     ResultSet result;
     query(statement, result);
@@ -125,28 +229,29 @@ bool EventDataStore::appCell(long long appId, char const* column, String& value)
     return m_appDataStore->cellData(column, value, "appId", idText);
 }
 
+TestRunResultLog EventDataStore::testRunOf(ResultSetRow const& row) const {
+    return TestRunResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                            row.columnValue(3), row.columnValue(4), row.columnValue(5),
+                            row.columnValue(6), row.columnValue(7), sql::timePoint(row, 8),
+                            row.uintValue(9), *m_testRunDataStore->database());
+}
+
 std::vector<TestRunResultLog> EventDataStore::testRuns(String const& statement) const {
-    SQLite3Database& database = *m_testRunDataStore->database();
-    return records<TestRunResultLog>(statement, [&](ResultSetRow const& row) {
-        return TestRunResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
-                                row.columnValue(3), row.columnValue(4), row.columnValue(5),
-                                row.columnValue(6), row.columnValue(7), sql::timePoint(row, 8),
-                                row.uintValue(9), database);
-    });
+    return records<TestRunResultLog>(statement,
+                                     [this](ResultSetRow const& row) { return testRunOf(row); });
+}
+
+void EventDataStore::testRuns(String const& statement, Each<TestRunResultLog> const& each) const {
+    eachRecord<TestRunResultLog>(
+        statement, [this](ResultSetRow const& row) { return testRunOf(row); }, each);
 }
 
 std::vector<TipResultLog> EventDataStore::tips(String const& statement) const {
-    return records<TipResultLog>(statement, [&](ResultSetRow const& row) {
-        return TipResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                            row.columnValue(3), row.columnValue(4), sql::timePoint(row, 5));
-    });
+    return records<TipResultLog>(statement, tipOf);
 }
 
 std::vector<TestRunEventResultLog> EventDataStore::events(String const& statement) const {
-    return records<TestRunEventResultLog>(statement, [&](ResultSetRow const& row) {
-        return TestRunEventResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                                     row.columnValue(3), sql::timePoint(row, 4));
-    });
+    return records<TestRunEventResultLog>(statement, eventOf);
 }
 
 // ---- Application runs --------------------------------------------------------------------
@@ -206,15 +311,58 @@ String EventDataStore::getAppTypeOfRun(long long appId) const {
 
 // ---- Result-log readers ------------------------------------------------------------------
 
+namespace {
+
+// The rows of one owner, newest first, by the time column of the reader's table, with the
+// trace every such reader writes.
+struct OwnedReader {
+    std::string const& (*columns)();
+    char const* source;
+    bool viaScriptRuns;  // the table joined to ScriptRuns, owned by a script run
+    char const* owner;
+    char const* timeColumn;
+    char const* traceNumber;
+};
+
+String ownedStatement(Logger* logger, OwnedReader const& reader, long long ownerId,
+                      EventTimePoint from, EventTimePoint to, int limit) {
+    String const source =
+        reader.viaScriptRuns ? String(joinToScriptRuns(reader.source)) : id(reader.source);
+    String const owner = reader.viaScriptRuns ? "ScriptRuns." + id(reader.owner) : id(reader.owner);
+    String statement =
+        ownedRows(reader.columns(), source, owner, ownerId, reader.timeColumn, from, to, limit);
+    traceReader(logger, reader.traceNumber, statement);
+    return statement;
+}
+
+OwnedReader const kScriptRunEventResultLogs = {eventColumns, "TestRunEvents", true,
+                                               "scriptId",   "dateTime",      "1580 "};
+OwnedReader const kTestRunResultLogs = {testRunColumns, "TestRuns",  false,
+                                        "scriptId",     "startTime", "1813 "};
+OwnedReader const kTestRunEventResultLogs = {eventColumns, "TestRunEvents", false,
+                                             "testId",     "dateTime",      "1868 "};
+OwnedReader const kScriptRunTipResultLogs = {tipColumns, "TestRunTips", true,
+                                             "scriptId", "dateTime",    "1640 "};
+OwnedReader const kTestRunTipResultLogs = {tipColumns, "TestRunTips", false,
+                                           "testId",   "dateTime",    "1919 "};
+OwnedReader const kAlertTipResultLogs = {tipColumns, "AlertTips", false,
+                                         "alertId",  "dateTime",  "2145 "};
+
+}  // namespace
+
 std::vector<TestRunEventResultLog> EventDataStore::scriptRunEventResultLogs(long long scriptId,
                                                                             EventTimePoint from,
                                                                             EventTimePoint to,
                                                                             int limit) const {
+    return events(ownedStatement(logger(), kScriptRunEventResultLogs, scriptId, from, to, limit));
+}
+
+void EventDataStore::scriptRunEventResultLogs(long long scriptId, EventTimePoint from,
+                                              EventTimePoint to, int limit,
+                                              Each<TestRunEventResultLog> const& each) const {
     String const statement =
-        ownedRows(eventColumns(), joinToScriptRuns("TestRunEvents"), "ScriptRuns." + id("scriptId"),
-                  scriptId, "dateTime", from, to, limit);
-    traceReader(logger(), "1580 ", statement);
-    return events(statement);
+        ownedStatement(logger(), kScriptRunEventResultLogs, scriptId, from, to, limit);
+    eachRecord<TestRunEventResultLog>(statement, eventOf, each);
 }
 
 std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<EventTimePoint> from,
@@ -261,48 +409,69 @@ std::vector<TestRunResultLog> EventDataStore::testRunResultLogs(long long script
                                                                 EventTimePoint from,
                                                                 EventTimePoint to,
                                                                 int limit) const {
-    String const statement = ownedRows(testRunColumns(), id("TestRuns"), id("scriptId"), scriptId,
-                                       "startTime", from, to, limit);
-    traceReader(logger(), "1813 ", statement);
-    return testRuns(statement);
+    return testRuns(ownedStatement(logger(), kTestRunResultLogs, scriptId, from, to, limit));
+}
+
+void EventDataStore::testRunResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to,
+                                       int limit, Each<TestRunResultLog> const& each) const {
+    String const statement =
+        ownedStatement(logger(), kTestRunResultLogs, scriptId, from, to, limit);
+    testRuns(statement, each);
 }
 
 std::vector<TestRunEventResultLog> EventDataStore::testRunEventResultLogs(long long testId,
                                                                           EventTimePoint from,
                                                                           EventTimePoint to,
                                                                           int limit) const {
-    String const statement = ownedRows(eventColumns(), id("TestRunEvents"), id("testId"), testId,
-                                       "dateTime", from, to, limit);
-    traceReader(logger(), "1868 ", statement);
-    return events(statement);
+    return events(ownedStatement(logger(), kTestRunEventResultLogs, testId, from, to, limit));
+}
+
+void EventDataStore::testRunEventResultLogs(long long testId, EventTimePoint from,
+                                            EventTimePoint to, int limit,
+                                            Each<TestRunEventResultLog> const& each) const {
+    String const statement =
+        ownedStatement(logger(), kTestRunEventResultLogs, testId, from, to, limit);
+    eachRecord<TestRunEventResultLog>(statement, eventOf, each);
 }
 
 std::vector<TipResultLog> EventDataStore::scriptRunTipResultLogs(long long scriptId,
                                                                  EventTimePoint from,
                                                                  EventTimePoint to,
                                                                  int limit) const {
+    return tips(ownedStatement(logger(), kScriptRunTipResultLogs, scriptId, from, to, limit));
+}
+
+void EventDataStore::scriptRunTipResultLogs(long long scriptId, EventTimePoint from,
+                                            EventTimePoint to, int limit,
+                                            Each<TipResultLog> const& each) const {
     String const statement =
-        ownedRows(tipColumns(), joinToScriptRuns("TestRunTips"), "ScriptRuns." + id("scriptId"),
-                  scriptId, "dateTime", from, to, limit);
-    traceReader(logger(), "1640 ", statement);
-    return tips(statement);
+        ownedStatement(logger(), kScriptRunTipResultLogs, scriptId, from, to, limit);
+    eachRecord<TipResultLog>(statement, tipOf, each);
 }
 
 std::vector<TipResultLog> EventDataStore::testRunTipResultLogs(long long testId,
                                                                EventTimePoint from,
                                                                EventTimePoint to, int limit) const {
-    String const statement = ownedRows(tipColumns(), id("TestRunTips"), id("testId"), testId,
-                                       "dateTime", from, to, limit);
-    traceReader(logger(), "1919 ", statement);
-    return tips(statement);
+    return tips(ownedStatement(logger(), kTestRunTipResultLogs, testId, from, to, limit));
+}
+
+void EventDataStore::testRunTipResultLogs(long long testId, EventTimePoint from, EventTimePoint to,
+                                          int limit, Each<TipResultLog> const& each) const {
+    String const statement =
+        ownedStatement(logger(), kTestRunTipResultLogs, testId, from, to, limit);
+    eachRecord<TipResultLog>(statement, tipOf, each);
 }
 
 std::vector<TipResultLog> EventDataStore::alertTipResultLogs(long long alertId, EventTimePoint from,
                                                              EventTimePoint to, int limit) const {
-    String const statement = ownedRows(tipColumns(), id("AlertTips"), id("alertId"), alertId,
-                                       "dateTime", from, to, limit);
-    traceReader(logger(), "2145 ", statement);
-    return tips(statement);
+    return tips(ownedStatement(logger(), kAlertTipResultLogs, alertId, from, to, limit));
+}
+
+void EventDataStore::alertTipResultLogs(long long alertId, EventTimePoint from, EventTimePoint to,
+                                        int limit, Each<TipResultLog> const& each) const {
+    String const statement =
+        ownedStatement(logger(), kAlertTipResultLogs, alertId, from, to, limit);
+    eachRecord<TipResultLog>(statement, tipOf, each);
 }
 
 std::vector<AlertKeyValueResultLog> EventDataStore::alertKeyValueResultLogs(
@@ -321,91 +490,52 @@ std::vector<AlertKeyValueResultLog> EventDataStore::alertKeyValueResultLogs(
 std::vector<AlertResultLog> EventDataStore::alertResultLogs(EventTimePoint from, EventTimePoint to,
                                                             String const& type, bool untrackedOnly,
                                                             int limit) const {
-    sql::Where where;
-    where.addBounds(id("dateTime"), from, to);
-    if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
-    if (untrackedOnly) where.add(id("tracked"), " = ", "0");
-    String const statement = "SELECT " +
-                             identifierList({"rowid", "guid", "key", "type", "title", "message",
-                                             "deviceName", "dateTime"}) +
-                             " FROM " + id("Alerts") + where.text() + " ORDER BY " +
-                             id("dateTime") + " DESC" + module::comma() + id("rowid") + " DESC" +
-                             sql::limit(limit);
+    return records<AlertResultLog>(alertsStatement(from, to, type, untrackedOnly, limit), alertOf);
+}
 
-    return records<AlertResultLog>(statement, [&](ResultSetRow const& row) {
-        return AlertResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
-                              row.columnValue(3), row.columnValue(4), row.columnValue(5),
-                              row.columnValue(6), sql::timePoint(row, 7));
-    });
+void EventDataStore::alertResultLogs(EventTimePoint from, EventTimePoint to, String const& type,
+                                     bool untrackedOnly, int limit,
+                                     Each<AlertResultLog> const& each) const {
+    eachRecord<AlertResultLog>(alertsStatement(from, to, type, untrackedOnly, limit), alertOf,
+                               each);
 }
 
 std::vector<ProfilerDiffLog> EventDataStore::profilerDiffLogs(EventTimePoint from,
                                                               EventTimePoint to,
                                                               String const& category,
                                                               int limit) const {
-    sql::Where where;
-    where.addBounds(id("dateTime"), from, to);
-    if (!category.empty()) where.add(id("category"), " = ", sql::value(category));
-    String const statement =
-        "SELECT " + identifierList({"category", "dateTime", "numberOfChanges", "serializedDiff"}) +
-        " FROM " + id("ProfilerDiffs") + where.text() + orderDescending("dateTime") +
-        sql::limit(limit);
+    return records<ProfilerDiffLog>(diffsStatement(from, to, category, limit), diffOf);
+}
 
-    return records<ProfilerDiffLog>(statement, [&](ResultSetRow const& row) {
-        return ProfilerDiffLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                               row.columnValue(3));
-    });
+void EventDataStore::profilerDiffLogs(EventTimePoint from, EventTimePoint to,
+                                      String const& category, int limit,
+                                      Each<ProfilerDiffLog> const& each) const {
+    eachRecord<ProfilerDiffLog>(diffsStatement(from, to, category, limit), diffOf, each);
 }
 
 std::vector<ScriptletResultLog> EventDataStore::scriptletResultLogs(
     EventTimePoint from, EventTimePoint to, String const& userName, String const& category,
     String const& status, int limit) const {
-    String const runs = id("ScriptletRuns");
-    String const apps = id("ApplicationRuns");
-    auto const column = [&](char const* name) { return runs + "." + id(name); };
+    return records<ScriptletResultLog>(
+        scriptletsStatement(from, to, userName, category, status, limit), scriptletOf);
+}
 
-    String statement = "SELECT " + column("scriptletKey") + module::comma() + column("category") +
-                       module::comma() + column("status") + module::comma() + column("result") +
-                       module::comma() + column("dateTime") + " FROM " + runs;
-    bool const byUser = userName != String::EMPTY();
-    if (byUser) {
-        statement +=
-            " INNER JOIN " + apps + " ON " + apps + "." + id("appId") + " = " + column("appId");
-    }
-    sql::Where where;
-    if (byUser) where.add(apps + "." + id("userName"), " = ", sql::value(userName));
-    where.addBounds(column("dateTime"), from, to);
-    if (!category.empty()) where.add(column("category"), " = ", sql::value(category));
-    if (!status.empty()) where.add(column("status"), " = ", sql::value(status));
-    statement += where.text();
-    statement += " ORDER BY " + column("dateTime") + " DESC" + module::comma() +
-                 id("scriptletKey") + " DESC" + sql::limit(limit);
-
-    return records<ScriptletResultLog>(statement, [&](ResultSetRow const& row) {
-        return ScriptletResultLog(row.columnValue(0), row.columnValue(1), row.columnValue(2),
-                                  row.columnValue(3), sql::timePoint(row, 4));
-    });
+void EventDataStore::scriptletResultLogs(EventTimePoint from, EventTimePoint to,
+                                         String const& userName, String const& category,
+                                         String const& status, int limit,
+                                         Each<ScriptletResultLog> const& each) const {
+    eachRecord<ScriptletResultLog>(scriptletsStatement(from, to, userName, category, status, limit),
+                                   scriptletOf, each);
 }
 
 std::vector<MeasurementLog> EventDataStore::measurementLogs(EventTimePoint from, EventTimePoint to,
                                                             String const& type, int limit) const {
-    sql::Where where;
-    // The range applies to the middle of the span only.
-    where.addBounds(id("spanMiddleTime"), from, to);
-    if (!type.empty()) where.add(id("type"), " = ", sql::value(type));
-    // Oldest first, unlike every other reader: callers plot these as a series.
-    String const statement =
-        "SELECT " +
-        identifierList({"type", "spanStartTime", "spanMiddleTime", "spanEndTime", "maximum",
-                        "minimum", "average", "median", "numberOfSamples"}) +
-        " FROM " + id("Measurements") + where.text() + " ORDER BY " + id("spanMiddleTime") +
-        " ASC" + sql::limit(limit);
+    return records<MeasurementLog>(measurementsStatement(from, to, type, limit), measurementOf);
+}
 
-    return records<MeasurementLog>(statement, [&](ResultSetRow const& row) {
-        return MeasurementLog(row.columnValue(0), sql::timePoint(row, 1), sql::timePoint(row, 2),
-                              sql::timePoint(row, 3), row.realValue(4), row.realValue(5),
-                              row.realValue(6), row.realValue(7), row.uintValue(8));
-    });
+void EventDataStore::measurementLogs(EventTimePoint from, EventTimePoint to, String const& type,
+                                     int limit, Each<MeasurementLog> const& each) const {
+    eachRecord<MeasurementLog>(measurementsStatement(from, to, type, limit), measurementOf, each);
 }
 
 std::vector<TestRunResultLog> EventDataStore::getAllFails(EventTimePoint from,

@@ -634,5 +634,85 @@ TEST_F(EventCatalogueTest, EveryOperationStatementMessageAndSchema) {
     expectGoldens("event", m_schema);
 }
 
+// Each streamed reader runs the statement and writes the trace of its collecting form, hands
+// over the same records in the same order, and leaves the store usable when its consumer
+// throws. The collecting forms are pinned by the golden texts above.
+class StreamedReadersTest : public EventCatalogueTest {
+protected:
+    // The statements and messages of `read` with the records it gave, as text.
+    template <class Record, class Read>
+    std::string recorded(Read read) {
+        start();
+        std::vector<Record> const records = read();
+        noteRecords("records", records);
+        EXPECT_FALSE(records.empty());
+        return m_catalogue.statements() + m_catalogue.messages();
+    }
+
+    // `collect(args...)` against `stream(args..., each)`.
+    template <class Record, class... Args>
+    void compare(std::vector<Record> (EventDataStore::*collect)(Args...) const,
+                 void (EventDataStore::*stream)(Args..., EventDataStore::Each<Record> const&) const,
+                 EventDataStore const& store, std::decay_t<Args>... args) {
+        std::string const collected = recorded<Record>([&] { return (store.*collect)(args...); });
+        std::string const streamed = recorded<Record>([&] {
+            std::vector<Record> records;
+            (store.*stream)(args..., [&](Record const& r) { records.push_back(r); });
+            return records;
+        });
+        EXPECT_EQ(streamed, collected);
+    }
+};
+
+TEST_F(StreamedReadersTest, RunTheCollectingReadersStatementsAndGiveTheirRecords) {
+    {
+        Store store(m_catalogue, "store");
+        store.emplace(String(m_path));
+        runLogging(*store);
+        alerts(*store);
+        scriptletsDiffsMeasurements(*store);
+        EventDataStore const& s = *store;
+        EventTimePoint const none, from = at(kDay), to = at(kDay + 86400);
+        using E = EventDataStore;
+        compare(&E::scriptRunEventResultLogs, &E::scriptRunEventResultLogs, s, 1, from, to, 5);
+        compare(&E::testRunResultLogs, &E::testRunResultLogs, s, 1, none, none, 0);
+        compare(&E::testRunEventResultLogs, &E::testRunEventResultLogs, s, 1, from, none, 0);
+        compare(&E::scriptRunTipResultLogs, &E::scriptRunTipResultLogs, s, 1, none, to, 0);
+        compare(&E::testRunTipResultLogs, &E::testRunTipResultLogs, s, 1, none, none, 0);
+        compare(&E::alertTipResultLogs, &E::alertTipResultLogs, s, 1, none, none, 0);
+        compare(&E::alertResultLogs, &E::alertResultLogs, s, from, to, String("Warning"), false, 2);
+        compare(&E::profilerDiffLogs, &E::profilerDiffLogs, s, none, none, String("Drivers"), 0);
+        compare(&E::scriptletResultLogs, &E::scriptletResultLogs, s, from, to, String("alice"),
+                String("Security"), String("Done"), 0);
+        compare(&E::measurementLogs, &E::measurementLogs, s, from, none, String("cpu.temperature"),
+                0);
+    }
+
+    // On a read-only store a consumer may ask the store again while the rows come, and what it
+    // throws ends the read without holding the file.
+    EventDataStore reader(String(m_path), ReadOnly{});
+    std::vector<std::string> guids;
+    int tracked = 0;
+    reader.alertResultLogs(at(0), at(0), "", false, 0, [&](AlertResultLog const& log) {
+        guids.push_back(log.guid().str());
+        tracked += reader.alertTracked(log.guid());
+    });
+    ASSERT_EQ(guids.size(), reader.alertResultLogs(at(0), at(0), "", false, 0).size());
+    EXPECT_GT(guids.size(), 1u);
+    EXPECT_EQ(tracked, 1);
+    int seen = 0;
+    EXPECT_THROW(reader.measurementLogs(at(0), at(0), "", 0,
+                                        [&](MeasurementLog const&) {
+                                            ++seen;
+                                            throw std::runtime_error("enough");
+                                        }),
+                 std::runtime_error);
+    EXPECT_EQ(seen, 1);
+    EventDataStore writer{String(m_path)};
+    EXPECT_TRUE(writer.logAppStart("after", "u", "t", at(kDay)));
+    EXPECT_EQ(reader.measurementLogs(at(0), at(0), "", 0).size(),
+              writer.measurementLogs(at(0), at(0), "", 0).size());
+}
+
 }  // namespace
 }  // namespace zrn

@@ -194,8 +194,11 @@ TEST_F(DamagedStoresTest, ExportWritesWholeFilesOfEveryTableItCanRead) {
     // The tables after it are still there, and nothing half written is left.
     EXPECT_TRUE(std::filesystem::exists(out + "/event/Versioning.ndjson"));
     EXPECT_NE(test::readFile(out + "/event/Versioning.ndjson")
-                  .find(",\"store\":\"event\",\"table\":\"Versioning\",\"version\":3}\n"),
+                  .find(",\"store\":\"event\",\"table\":\"Versioning\",\"_version\":"),
               std::string::npos);
+    EXPECT_NE(
+        test::readFile(out + "/event/Versioning.ndjson").find(",\"_deleted\":0,\"version\":3}\n"),
+        std::string::npos);
     for (auto const& entry : std::filesystem::recursive_directory_iterator(out))
         EXPECT_NE(entry.path().extension(), ".partial") << entry.path();
 }

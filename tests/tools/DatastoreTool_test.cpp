@@ -391,6 +391,79 @@ std::vector<std::vector<std::string>> csvRows(test::TempDir const& dir, std::str
     return Json::parse(run.out).get<std::vector<std::vector<std::string>>>();
 }
 
+// The records of a json listing written as Python's csv module writes them (minimal quoting,
+// "\r\n" line ends), in the columns of `header`, Booleans as true/false and null as "".
+std::string pythonSeparated(test::TempDir const& dir, std::string const& json,
+                            std::string const& header, char delimiter) {
+    std::string const file = dir.file("records.json");
+    test::writeFile(file, json);
+    std::string const command =
+        "python3 -c '"
+        "import csv, io, json, sys\n"
+        "records = json.load(open(sys.argv[1]))\n"
+        "keys = sys.argv[3].split(sys.argv[2])\n"
+        "out = io.StringIO()\n"
+        "w = csv.writer(out, delimiter=sys.argv[2], lineterminator=\"\\r\\n\")\n"
+        "w.writerow(keys)\n"
+        "def cell(v):\n"
+        "    return \"\" if v is None else (\"true\" if v else \"false\") if v is True or v is "
+        "False else v\n"
+        "for r in records:\n"
+        "    assert sorted(r) == sorted(keys), (sorted(r), keys)\n"
+        "    w.writerow([cell(r[k]) for k in keys])\n"
+        "sys.stdout.write(out.getvalue())' " +
+        quoted(file) + " " + quoted(std::string(1, delimiter)) + " " + quoted(header);
+    ToolRun const run = test::runShell(command);
+    EXPECT_EQ(run.code, 0) << command;
+    return run.out;
+}
+
+TEST_F(DatastoreToolTest, SeparatedListingsAreTheJsonRecordsAsACsvWriterWritesThem) {
+    demo();
+    // Listings printed as they are read, one from a limit kept in memory, and collected ones.
+    for (std::vector<std::string> const& args :
+         std::vector<std::vector<std::string>>{{"measurements"},
+                                               {"measurements", "--limit", "3"},
+                                               {"alerts"},
+                                               {"tests", "1"},
+                                               {"events", "--script", "1"},
+                                               {"tips", "--script", "1"},
+                                               {"diffs"},
+                                               {"scriptlets"},
+                                               {"apps"}}) {
+        std::vector<std::string> json = args;
+        json.insert(json.end(), {"-o", "json"});
+        ToolRun const records = tool(json);
+        ASSERT_EQ(records.code, 0) << records.err;
+        ASSERT_GT(Json::parse(records.out).size(), 0u) << args[0];
+        for (char delimiter : {',', '\t'}) {
+            std::vector<std::string> separated = args;
+            separated.insert(separated.end(), {"-o", delimiter == ',' ? "csv" : "tsv"});
+            ToolRun const run = tool(separated);
+            ASSERT_EQ(run.code, 0) << run.err;
+            std::string const header = run.out.substr(0, run.out.find("\r\n"));
+            EXPECT_EQ(run.out, pythonSeparated(m_dir, records.out, header, delimiter))
+                << args[0] << " " << delimiter;
+        }
+    }
+    // The members of the records come after the columns a table shows.
+    auto const firstLine = [](std::string const& text) {
+        return text.substr(0, text.find("\r\n") + 2);
+    };
+    EXPECT_EQ(firstLine(tool({"measurements", "-o", "csv"}).out),
+              "type,spanStart,spanMiddle,spanEnd,minimum,maximum,average,median,numberOfSamples"
+              "\r\n");
+    EXPECT_EQ(firstLine(tool({"alerts", "-o", "tsv"}).out),
+              "alertId\ttime\ttype\ttitle\tdeviceName\ttracked\tmessage\tkey\tguid\r\n");
+    // An empty listing still names its columns; ndjson has no line at all.
+    EXPECT_EQ(tool({"alerts", "-o", "csv", "--type", "None"}).out,
+              "alertId,time,type,title,deviceName,tracked,message\r\n");
+    EXPECT_EQ(tool({"measurements", "-o", "tsv", "--since", "2100-01-01"}).out,
+              "type\tspanStart\tspanMiddle\tspanEnd\tminimum\tmaximum\taverage\tmedian\t"
+              "numberOfSamples\r\n");
+    EXPECT_EQ(tool({"scriptlets", "-o", "ndjson", "--status", "None"}).out, "");
+}
+
 TEST_F(DatastoreToolTest, TerminalTablesFitEightyColumnsAndNeverCutIdentifiers) {
     demo();
     m_env = "NO_COLOR=1";

@@ -36,6 +36,9 @@ expect "bash: store names, .db files and folders" \
     "$(bash_complete datastore alerts --file '')"
 expect "bash: store names by prefix" "event.db" "$(bash_complete datastore alerts --file ev)"
 expect "bash: folders" "sub" "$(bash_complete datastore info --dir '')"
+expect "bash: any file" "custom.db notes.txt sub" "$(bash_complete datastore export --mark '')"
+expect "bash: export folder" "sub" "$(bash_complete datastore export --out '')"
+expect "bash: schema kinds" "clickhouse" "$(bash_complete datastore export --schema '')"
 expect "bash: a free value has no candidates" "" "$(bash_complete datastore alerts --type '')"
 expect "bash: registered" "complete -F _datastore datastore" \
     "$(bash -c 'source "$1"; complete -p datastore' _ "$dir/datastore")"
@@ -59,6 +62,7 @@ expect "zsh: store names and .db files" \
     "*.db -g _files appstate.db event.db genstore.db softwarediagevent.db" \
     "$(zsh_complete datastore alerts --file '')"
 expect "zsh: folders" "-/ _files" "$(zsh_complete datastore info --dir '')"
+expect "zsh: any file" "_files" "$(zsh_complete datastore export --mark '')"
 
 # ---- the manual page: renders without a groff warning and documents every command
 man_text=$(MANWIDTH=100 man --warnings -l "$dir/datastore.1" 2>"$work/man.err")
@@ -70,6 +74,9 @@ for command in $commands; do
         failures=$((failures + 1))
     }
 done
+expect "man: fleet section" "FLEET DATABASE" "$(grep -x 'FLEET DATABASE' <<<"$man_text")"
+fleet_line="       datastore export --schema clickhouse | clickhouse-client --multiquery"
+expect "man: fleet schema" "$fleet_line" "$(grep -xF -e "$fleet_line" <<<"$man_text")"
 grep -q "$(dirname "$tool")" "$dir/datastore.1" && {
     echo "FAIL: man: names the build folder"
     failures=$((failures + 1))

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -154,10 +155,10 @@ void tests(Options const& options, EventArgs const& args) {
                         store.path() + ": no script run " + std::to_string(args.scriptId));
     }
     RecordPrinter printer(testRunFields(), options.json);
-    for (auto const& log : store->testRunResultLogs(args.scriptId, at(range.since), at(range.until),
-                                                    limitOf(options))) {
-        printer.add(testRunRecord(options.json, log));
-    }
+    printer.stream(std::cout);
+    store->testRunResultLogs(
+        args.scriptId, at(range.since), at(range.until), limitOf(options),
+        [&](auto const& log) { printer.add(testRunRecord(options.json, log)); });
     printer.print(std::cout);
 }
 
@@ -170,16 +171,6 @@ void requireOneOwner(std::vector<std::pair<char const*, long long>> const& owner
         names += (names.empty() ? "" : ", ") + std::string(name);
     }
     if (given != 1) throw ToolError(USAGE, "give exactly one of " + names + " (a positive id)");
-}
-
-// The events of one test run, each with its test run, newest first.
-std::vector<Json> testRunEvents(Options const& options, zrn::EventDataStore& store,
-                                long long testId, TimeRange const& range) {
-    std::vector<Json> records;
-    for (auto const& log :
-         store.testRunEventResultLogs(testId, at(range.since), at(range.until), limitOf(options)))
-        records.push_back(eventRecord(options.json, log, testId));
-    return records;
 }
 
 // The events of every test run of a script run, newest first. The script's reader does not
@@ -209,9 +200,15 @@ void events(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer(eventFields(), options.json);
-    for (Json& record : args.testId > 0 ? testRunEvents(options, *store, args.testId, range)
-                                        : scriptRunEvents(options, *store, args.scriptId, range))
-        printer.add(std::move(record));
+    printer.stream(std::cout);
+    if (args.testId > 0) {
+        store->testRunEventResultLogs(
+            args.testId, at(range.since), at(range.until), limitOf(options),
+            [&](auto const& log) { printer.add(eventRecord(options.json, log, args.testId)); });
+    } else {
+        for (Json& record : scriptRunEvents(options, *store, args.scriptId, range))
+            printer.add(std::move(record));
+    }
     printer.print(std::cout);
 }
 
@@ -223,13 +220,18 @@ void tips(Options const& options, EventArgs const& args) {
     requireOwner(options, store.path(), args);
     EventTimePoint const from = at(range.since);
     EventTimePoint const to = at(range.until);
-    std::vector<zrn::TipResultLog> const logs =
-        args.testId > 0 ? store->testRunTipResultLogs(args.testId, from, to, limitOf(options))
-        : args.scriptId > 0
-            ? store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options))
-            : store->alertTipResultLogs(args.alertId, from, to, limitOf(options));
     RecordPrinter printer(tipFields(), options.json);
-    for (auto const& log : logs) printer.add(tipRecord(options.json, log));
+    printer.stream(std::cout);
+    auto const add = [&](zrn::TipResultLog const& log) {
+        printer.add(tipRecord(options.json, log));
+    };
+    if (args.testId > 0) {
+        store->testRunTipResultLogs(args.testId, from, to, limitOf(options), add);
+    } else if (args.scriptId > 0) {
+        store->scriptRunTipResultLogs(args.scriptId, from, to, limitOf(options), add);
+    } else {
+        store->alertTipResultLogs(args.alertId, from, to, limitOf(options), add);
+    }
     printer.print(std::cout);
 }
 
@@ -279,11 +281,10 @@ void alerts(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer(alertFields(), options.json);
-    for (auto const& log :
-         store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type),
-                                args.untracked, limitOf(options))) {
-        printer.add(alert(options, *store, log));
-    }
+    printer.stream(std::cout);
+    store->alertResultLogs(at(range.since), at(range.until), zrn::String(args.type), args.untracked,
+                           limitOf(options),
+                           [&](auto const& log) { printer.add(alert(options, *store, log)); });
     printer.print(std::cout);
 }
 
@@ -324,11 +325,24 @@ void measurements(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer(measurementFields(), options.json);
-    // The reader lists oldest first and would keep the oldest N: all are read and the newest
-    // N kept, still oldest first.
-    std::vector<zrn::MeasurementLog> logs =
-        store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type), 0);
-    if (logs.empty() && !args.type.empty()) {
+    printer.stream(std::cout);
+    auto const add = [&](zrn::MeasurementLog const& log) {
+        printer.add(measurementRecord(options.json, log));
+    };
+    // The reader lists oldest first and would keep the oldest N: all are read, the newest N
+    // kept (no more than N at a time), then printed still oldest first.
+    std::size_t const keep = options.limit > 0 ? static_cast<std::size_t>(options.limit) : 0;
+    std::deque<zrn::MeasurementLog> newest;
+    std::size_t read = 0;
+    store->measurementLogs(at(range.since), at(range.until), zrn::String(args.type), 0,
+                           [&](zrn::MeasurementLog const& log) {
+                               ++read;
+                               if (keep == 0) return add(log);
+                               if (newest.size() == keep) newest.pop_front();
+                               newest.push_back(log);
+                           });
+    for (auto const& log : newest) add(log);
+    if (read == 0 && !args.type.empty()) {
         std::set<std::string> types;
         for (auto const& log : store->measurementLogs(at(range.since), at(range.until), "", 0))
             types.insert(log.type().str());
@@ -338,13 +352,6 @@ void measurements(Options const& options, EventArgs const& args) {
         std::cerr << "datastore: no measurements of type '" << args.type << "'"
                   << (known.empty() ? " (none in this range)" : "; the types are " + known) << "\n";
     }
-    std::size_t const first =
-        options.limit > 0 && logs.size() > static_cast<std::size_t>(options.limit)
-            ? logs.size() - static_cast<std::size_t>(options.limit)
-            : 0;
-    for (std::size_t i = first; i < logs.size(); ++i) {
-        printer.add(measurementRecord(options.json, logs[i]));
-    }
     printer.print(std::cout);
 }
 
@@ -352,10 +359,10 @@ void diffs(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer(diffFields(), options.json);
-    for (auto const& log : store->profilerDiffLogs(at(range.since), at(range.until),
-                                                   zrn::String(args.category), limitOf(options))) {
-        printer.add(diffRecord(options.json, log));
-    }
+    printer.stream(std::cout);
+    store->profilerDiffLogs(
+        at(range.since), at(range.until), zrn::String(args.category), limitOf(options),
+        [&](zrn::ProfilerDiffLog const& log) { printer.add(diffRecord(options.json, log)); });
     printer.print(std::cout);
 }
 
@@ -363,11 +370,12 @@ void scriptlets(Options const& options, EventArgs const& args) {
     TimeRange const range = timeRange(options);
     EventStore store(options);
     RecordPrinter printer(scriptletFields(), options.json);
-    for (auto const& log : store->scriptletResultLogs(
-             at(range.since), at(range.until), zrn::String(args.user), zrn::String(args.category),
-             zrn::String(args.status), limitOf(options))) {
-        printer.add(scriptletRecord(options.json, log));
-    }
+    printer.stream(std::cout);
+    store->scriptletResultLogs(at(range.since), at(range.until), zrn::String(args.user),
+                               zrn::String(args.category), zrn::String(args.status),
+                               limitOf(options), [&](zrn::ScriptletResultLog const& log) {
+                                   printer.add(scriptletRecord(options.json, log));
+                               });
     printer.print(std::cout);
 }
 

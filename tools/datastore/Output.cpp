@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -67,15 +69,68 @@ std::vector<Json>& collected() {
 bool g_collecting = false;
 bool g_sectionPrinted = false;
 
-std::string csvCell(std::string const& text, char separator) {
-    if (text.find_first_of(std::string("\"\r\n") + separator) == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + "\"";
+// Appends `text` as one csv or tsv cell: quoted (quotes doubled) when it holds a quote, a line
+// break or the separator.
+void appendCsvCell(std::string& line, std::string const& text, char separator) {
+    char const special[] = {'"', '\r', '\n', separator, '\0'};
+    if (text.find_first_of(special) == std::string::npos) {
+        line += text;
+        return;
+    }
+    line += '"';
+    for (char c : text) {
+        if (c == '"') line += '"';
+        line += c;
+    }
+    line += '"';
+}
+
+// On a terminal, control characters are escaped as in tables; a file gets them as stored,
+// made valid UTF-8. Printable ASCII, most cells, needs neither and is looked at once.
+void appendSeparatedCell(std::string& line, std::string const& text, char separator,
+                         bool terminal) {
+    bool quoted = false;
+    for (char c : text) {
+        auto const byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte >= 0x7F) {
+            appendCsvCell(line, terminal ? escaped(text) : validUtf8(text), separator);
+            return;
+        }
+        quoted = quoted || c == '"' || c == separator;
+    }
+    if (quoted) {
+        appendCsvCell(line, text, separator);
+    } else {
+        line += text;
+    }
 }
 
 std::string dumped(Json const& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Appends a number as dump() writes it (integers in decimal, reals by the same shortest
+// round-trip conversion, with ".0" on whole ones; not finite: null) without making a string;
+// false for anything else.
+bool appendNumber(std::string& out, Json const& value) {
+    char text[64];
+    char* end = nullptr;
+    if (value.is_number_integer() && !value.is_number_unsigned()) {
+        end = std::to_chars(text, text + sizeof text, value.get<std::int64_t>()).ptr;
+    } else if (value.is_number_unsigned()) {
+        end = std::to_chars(text, text + sizeof text, value.get<std::uint64_t>()).ptr;
+    } else if (value.is_number_float()) {
+        double const real = value.get<double>();
+        if (!std::isfinite(real)) {
+            out += "null";
+            return true;
+        }
+        end = nlohmann::detail::to_chars(text, text + sizeof text, real);
+    } else {
+        return false;
+    }
+    out.append(text, end);
+    return true;
 }
 
 }  // namespace
@@ -218,8 +273,81 @@ std::string fit(std::string const& text, std::size_t width) {
     return cut + std::string(room - used, ' ') + "...";
 }
 
+namespace {
+
+// Time texts are made by arithmetic from the instant and the zone's offset; the offset comes
+// from the C library once per hour of times, not once per value (listings print thousands of
+// times, mostly within a few hours). Zones change their offset at most once within an hour,
+// though not always on a whole UTC hour (some change at half past): an hour whose first and
+// last second have one offset has it throughout and is cached; one with a change in it asks
+// for each value. The zone itself is read once per process, as the C library does.
+
+// Within these bounds (1970-01-02 and 9999-12-31, UTC) the wall-clock time is after 1970 and
+// has a four-digit year in every zone; times beyond them take the C library's way.
+long long const kFirstArithmeticTime = 86400;
+long long const kLastArithmeticTime = 253402214400;
+
+bool arithmetic(long long unixSeconds) {
+    return unixSeconds >= kFirstArithmeticTime && unixSeconds < kLastArithmeticTime;
+}
+
+long offsetFromLibrary(long long unixSeconds) {
+    std::time_t const t = static_cast<std::time_t>(unixSeconds);
+    std::tm parts{};
+    localtime_r(&t, &parts);
+    return parts.tm_gmtoff;
+}
+
+long localOffsetAt(long long unixSeconds) {
+    thread_local long long cachedHour = -1;
+    thread_local long cachedOffset = 0;
+    long long const hour = unixSeconds / 3600;
+    if (hour == cachedHour) return cachedOffset;
+    long const first = offsetFromLibrary(hour * 3600);
+    if (first != offsetFromLibrary(hour * 3600 + 3599)) return offsetFromLibrary(unixSeconds);
+    cachedHour = hour;
+    cachedOffset = first;
+    return first;
+}
+
+char* digits(char* out, long long value, int width) {
+    for (int i = width - 1; i >= 0; --i, value /= 10) out[i] = static_cast<char>('0' + value % 10);
+    return out + width;
+}
+
+// "2026-11-23<between>00:49:29" of the wall-clock seconds `local` (non-negative), written at
+// `out`; returns the end.
+char* civilText(char* out, long long local, char between) {
+    // Days to a civil date, after H. Hinnant's days_from_civil inverse (proleptic Gregorian).
+    long long const days = local / 86400, second = local % 86400;
+    long long const z = days + 719468, era = z / 146097, doe = z - era * 146097;
+    long long const yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    long long const doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    long long const mp = (5 * doy + 2) / 153;
+    long long const day = doy - (153 * mp + 2) / 5 + 1, month = mp < 10 ? mp + 3 : mp - 9;
+    long long const year = yoe + era * 400 + (month <= 2);
+    out = digits(out, year, 4);
+    *out++ = '-';
+    out = digits(out, month, 2);
+    *out++ = '-';
+    out = digits(out, day, 2);
+    *out++ = between;
+    out = digits(out, second / 3600, 2);
+    *out++ = ':';
+    out = digits(out, second / 60 % 60, 2);
+    *out++ = ':';
+    return digits(out, second % 60, 2);
+}
+
+}  // namespace
+
 std::string localTime(long long unixSeconds) {
     if (unixSeconds <= 0) return "";
+    if (arithmetic(unixSeconds)) {
+        long const offset = outputStyle().utc ? 0 : localOffsetAt(unixSeconds);
+        char text[32];
+        return std::string(text, civilText(text, unixSeconds + offset, ' '));
+    }
     std::time_t const t = static_cast<std::time_t>(unixSeconds);
     std::tm parts{};
     if (outputStyle().utc) {
@@ -234,6 +362,22 @@ std::string localTime(long long unixSeconds) {
 
 Json isoTime(long long unixSeconds) {
     if (unixSeconds <= 0) return nullptr;
+    if (arithmetic(unixSeconds)) {
+        long const offset = localOffsetAt(unixSeconds);
+        long const size = offset < 0 ? -offset : offset;
+        char text[40];
+        char* end = civilText(text, unixSeconds + offset, 'T');
+        *end++ = offset < 0 ? '-' : '+';
+        end = digits(end, size / 3600, 2);
+        *end++ = ':';
+        end = digits(end, size % 3600 / 60, 2);
+        // Local mean time, before zones had whole minutes, keeps its seconds.
+        if (size % 60 != 0) {
+            *end++ = ':';
+            end = digits(end, size % 60, 2);
+        }
+        return std::string(text, end);
+    }
     return zrn::DateTime::fromUnixTimeStamp(unixSeconds).toLocalTime().toString().str();
 }
 
@@ -306,7 +450,49 @@ bool useColour() {
 RecordPrinter::RecordPrinter(std::vector<Field> fields, bool json)
     : m_fields(std::move(fields)), m_json(json) {}
 
-void RecordPrinter::add(Json record) { m_records.push_back(std::move(record)); }
+void RecordPrinter::stream(std::ostream& out) {
+    if (!m_json) return;
+    m_stream = &out;
+    m_terminal = ::isatty(STDOUT_FILENO) != 0;
+}
+
+void RecordPrinter::add(Json record) {
+    ++m_count;
+    if (m_stream) {
+        streamRecord(std::move(record));
+    } else {
+        m_records.push_back(std::move(record));
+    }
+}
+
+void RecordPrinter::streamRecord(Json record) {
+    g_sectionPrinted = true;
+    Format const format = outputStyle().format;
+    switch (format) {
+        case Format::Table:
+        case Format::Ndjson:
+            *m_stream << dumped(record) << "\n";
+            return;
+        case Format::Json:
+        case Format::JsonPretty:
+            g_collecting = true;
+            collected().push_back(std::move(record));
+            return;
+        case Format::Csv:
+        case Format::Tsv:
+            break;
+    }
+    char const separator = format == Format::Csv ? ',' : '\t';
+    if (m_keys.empty()) {
+        for (auto const& field : m_fields) m_keys.push_back(field.key);
+        for (auto const& item : record.items()) {
+            if (std::find(m_keys.begin(), m_keys.end(), item.key()) == m_keys.end())
+                m_keys.push_back(item.key());
+        }
+        writeHeader(*m_stream, m_keys, separator, m_terminal);
+    }
+    writeSeparated(*m_stream, m_keys, record, separator, m_terminal);
+}
 
 void RecordPrinter::print(std::ostream& out) const {
     if (!m_json) {
@@ -314,6 +500,15 @@ void RecordPrinter::print(std::ostream& out) const {
         return;
     }
     g_sectionPrinted = true;
+    if (m_stream) {
+        Format const format = outputStyle().format;
+        if (format == Format::Json || format == Format::JsonPretty) g_collecting = true;
+        bool const separated = format == Format::Csv || format == Format::Tsv;
+        // An empty listing still names its columns.
+        if (separated && m_count == 0)
+            writeHeader(out, separatedKeys(), format == Format::Csv ? ',' : '\t', m_terminal);
+        return;
+    }
     switch (outputStyle().format) {
         case Format::Table:
         case Format::Ndjson:
@@ -333,7 +528,7 @@ void RecordPrinter::print(std::ostream& out) const {
     }
 }
 
-void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
+std::vector<std::string> RecordPrinter::separatedKeys() const {
     // The columns: the fields' members, then any other member the records have, in the order
     // they first appear. Headers are the members' names, as in the JSON formats.
     std::vector<std::string> keys;
@@ -344,29 +539,53 @@ void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
                 keys.push_back(item.key());
         }
     }
+    return keys;
+}
+
+void RecordPrinter::writeHeader(std::ostream& out, std::vector<std::string> const& keys,
+                                char separator, bool terminal) const {
+    std::string line;
+    for (std::size_t c = 0; c < keys.size(); ++c) {
+        if (c) line += separator;
+        appendSeparatedCell(line, keys[c], separator, terminal);
+    }
+    out << line << "\r\n";
+}
+
+void RecordPrinter::writeSeparated(std::ostream& out, std::vector<std::string> const& keys,
+                                   Json const& record, char separator, bool terminal) const {
+    thread_local std::string line;
+    line.clear();
+    Json::object_t const& members = record.get_ref<Json::object_t const&>();
+    for (std::size_t c = 0; c < keys.size(); ++c) {
+        if (c) line += separator;
+        // Records of one listing mostly have their members in the columns' order.
+        Json const* value = nullptr;
+        auto const at = members.begin() + static_cast<std::ptrdiff_t>(c);
+        if (c < members.size() && at->first == keys[c]) {
+            value = &at->second;
+        } else if (auto const it = record.find(keys[c]); it != record.end()) {
+            value = &*it;
+        }
+        if (!value || value->is_null()) continue;
+        if (value->is_string()) {
+            appendSeparatedCell(line, value->get_ref<std::string const&>(), separator, terminal);
+        } else if (value->is_boolean()) {
+            line += value->get<bool>() ? "true" : "false";
+        } else if (!appendNumber(line, *value)) {
+            appendSeparatedCell(line, dumped(*value), separator, terminal);
+        }
+    }
+    line += "\r\n";
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
+}
+
+void RecordPrinter::printSeparated(std::ostream& out, char separator) const {
     // On a terminal, control characters are escaped as in tables; a file gets them as stored.
     bool const terminal = ::isatty(STDOUT_FILENO) != 0;
-    auto cell = [&](std::string const& text) {
-        return csvCell(terminal ? escaped(text) : validUtf8(text), separator);
-    };
-    std::string line;
-    for (std::size_t c = 0; c < keys.size(); ++c)
-        line += (c ? std::string(1, separator) : "") + cell(keys[c]);
-    out << line << "\r\n";
-    for (auto const& record : m_records) {
-        line.clear();
-        for (std::size_t c = 0; c < keys.size(); ++c) {
-            auto const it = record.find(keys[c]);
-            std::string text;
-            if (it != record.end() && !it->is_null()) {
-                text = it->is_string()    ? it->get<std::string>()
-                       : it->is_boolean() ? (it->get<bool>() ? "true" : "false")
-                                          : dumped(*it);
-            }
-            line += (c ? std::string(1, separator) : "") + cell(text);
-        }
-        out << line << "\r\n";
-    }
+    std::vector<std::string> const keys = separatedKeys();
+    writeHeader(out, keys, separator, terminal);
+    for (auto const& record : m_records) writeSeparated(out, keys, record, separator, terminal);
 }
 
 namespace {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace datastore {
@@ -24,6 +25,25 @@ struct Field {
     // Identifiers (GUIDs, keys) are never cut: a cut one cannot be pasted into the next command.
     bool id = false;
 };
+
+// A record of the members given as key, value, key, value...: the same object as
+// Json{{key, value}, ...} with unique keys, built in place (no intermediate arrays, one
+// allocation for the members), for listings that make a record per row.
+inline void addMembers(Json::object_t&) {}
+template <class Value, class... Rest>
+void addMembers(Json::object_t& members, char const* key, Value&& value, Rest&&... rest) {
+    members.emplace_back(key, std::forward<Value>(value));
+    addMembers(members, std::forward<Rest>(rest)...);
+}
+template <class... Members>
+Json objectOf(Members&&... members) {
+    static_assert(sizeof...(Members) % 2 == 0, "keys and values in pairs");
+    Json object(Json::value_t::object);
+    auto& all = object.get_ref<Json::object_t&>();
+    all.reserve(sizeof...(Members) / 2);
+    addMembers(all, std::forward<Members>(members)...);
+    return object;
+}
 
 enum class Format { Table, Ndjson, Json, JsonPretty, Csv, Tsv };
 
@@ -45,9 +65,18 @@ public:
     // `json`: a machine format (the one chosen with -o; ndjson when none was), else a table.
     RecordPrinter(std::vector<Field> fields, bool json);
 
+    // From now on, the line formats (csv, tsv, ndjson) write each record to `out` as it is
+    // added, so that a listing holds no more than one record however long it is, and the json
+    // formats take it straight into their one array; print() then writes only what is left
+    // (the header of an empty csv or tsv listing). A csv or tsv header is written with the
+    // first record: its columns are the fields' members and the other members of that first
+    // record, so every record must have the same members. Tables still collect: their widths
+    // need every row.
+    void stream(std::ostream& out);
+
     // One record; its members are looked up by the fields' keys (missing ones print empty).
     void add(Json record);
-    std::size_t count() const { return m_records.size(); }
+    std::size_t count() const { return m_count; }
 
     // Writes everything. Tables fit the terminal (when there is one and --wide was not given)
     // by dropping low-priority columns, then cutting free text with "...". The json formats
@@ -57,10 +86,21 @@ public:
 private:
     void printTable(std::ostream& out) const;
     void printSeparated(std::ostream& out, char separator) const;
+    // The columns of csv or tsv: the fields' members, then the records' other members.
+    std::vector<std::string> separatedKeys() const;
+    void writeSeparated(std::ostream& out, std::vector<std::string> const& keys, Json const& record,
+                        char separator, bool terminal) const;
+    void writeHeader(std::ostream& out, std::vector<std::string> const& keys, char separator,
+                     bool terminal) const;
+    void streamRecord(Json record);
 
     std::vector<Field> m_fields;
     bool m_json;
     std::vector<Json> m_records;
+    std::size_t m_count = 0;
+    std::ostream* m_stream = nullptr;  // set by stream() for a machine format
+    std::vector<std::string> m_keys;   // the streamed csv or tsv columns, once known
+    bool m_terminal = false;           // standard output is a terminal (cells escaped)
 };
 
 // Writes what the json formats collected ("[]" when a listing found nothing).

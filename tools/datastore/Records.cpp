@@ -145,16 +145,17 @@ std::vector<Field> measurementFields() {
             {"average", "AVERAGE"}, {"median", "MEDIAN", 1},     {"numberOfSamples", "SAMPLES"}};
 }
 
+// Built in place: listings of measurements run to hundreds of thousands of records.
 Json measurementRecord(bool json, zrn::MeasurementLog const& log) {
-    return Json{{"type", log.type().str()},
-                {"spanStart", timeOf(json, log.spanStart())},
-                {"spanMiddle", timeOf(json, log.spanMiddle())},
-                {"spanEnd", timeOf(json, log.spanEnd())},
-                {"minimum", log.minimum()},
-                {"maximum", log.maximum()},
-                {"average", log.average()},
-                {"median", log.median()},
-                {"numberOfSamples", log.numberOfSamples()}};
+    return objectOf("type", log.type().str(),                      //
+                    "spanStart", timeOf(json, log.spanStart()),    //
+                    "spanMiddle", timeOf(json, log.spanMiddle()),  //
+                    "spanEnd", timeOf(json, log.spanEnd()),        //
+                    "minimum", log.minimum(),                      //
+                    "maximum", log.maximum(),                      //
+                    "average", log.average(),                      //
+                    "median", log.median(),                        //
+                    "numberOfSamples", log.numberOfSamples());
 }
 
 std::vector<Field> diffFields() {

@@ -36,7 +36,8 @@ std::string choicesOf(CLI::Option const& option) {
 // The shell completions are generated at build time from this listing, so they follow the
 // commands and options as they are added. One line per command and per named option:
 //   command <path> <subcommand>...
-//   flag|file|dir|value <path> <name>...        (what the option takes)
+//   flag|file|path|dir|value <path> <name>...   (what the option takes: file is a store file,
+//                                               path any file)
 //   choices <path> <name>... -- <word>...
 // where <path> is the command's words joined with '/', "datastore" for the program itself.
 void printOptions(CLI::App const& command, std::string const& path) {
@@ -54,7 +55,9 @@ void printOptions(CLI::App const& command, std::string const& path) {
             kind = "choices";
         } else if (option->check_lname("file")) {
             kind = "file";
-        } else if (option->check_lname("dir")) {
+        } else if (option->get_type_name() == "FILE") {
+            kind = "path";
+        } else if (option->check_lname("dir") || option->get_type_name() == "DIR") {
             kind = "dir";
         }
         std::cout << kind << " " << path << names;

@@ -33,7 +33,9 @@ foreach(line IN LISTS lines)
     string(REGEX REPLACE "(^|\n)([.'])" "\\1\\\\&\\2" help "${help}")
     string(APPEND commands ".SS \"datastore ${title}\"\n.nf\n${help}.fi\n")
 endforeach()
-file(WRITE ${OUT}/commands.h2m "${commands}")
+# Sections written by hand follow the commands.
+file(READ ${SOURCE}/fleet.h2m fleet)
+file(WRITE ${OUT}/commands.h2m "${commands}\n${fleet}")
 execute_process(COMMAND ${HELP2MAN} --no-info --section=1 "--source=DataStore ${VERSION}"
         "--name=records and inspects the stores of the diagnostics suite"
         --include=${OUT}/commands.h2m --output=${OUT}/datastore.1 ${TOOL}

@@ -9,6 +9,7 @@
 
 #include <boost/optional.hpp>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -18,6 +19,7 @@ namespace zrn {
 class Logger;
 class ReaderLock;
 class ResultSet;
+class ResultSetRow;
 class SQLite3Database;
 class SQLiteDataStore;
 
@@ -238,6 +240,37 @@ public:
                                                  std::vector<String> const* passResults,
                                                  EventTimePoint until) const;
 
+    // ---- The same readers, streamed: `each` gets every record as its row is read, from the
+    // same statement (and trace) in the same order, so that memory does not grow with the
+    // number of rows. The store's lock is held until the last record: `each` may call this
+    // store's readers (the lock is re-entrant, and on a read-only store they see the same
+    // state of the file) but must not write to the store or close it. An exception thrown by
+    // `each` ends the read and reaches the caller.
+    template <class Record>
+    using Each = std::function<void(Record const&)>;
+
+    void scriptRunEventResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to,
+                                  int limit, Each<TestRunEventResultLog> const& each) const;
+    void testRunResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to, int limit,
+                           Each<TestRunResultLog> const& each) const;
+    void testRunEventResultLogs(long long testId, EventTimePoint from, EventTimePoint to, int limit,
+                                Each<TestRunEventResultLog> const& each) const;
+    void scriptRunTipResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to,
+                                int limit, Each<TipResultLog> const& each) const;
+    void testRunTipResultLogs(long long testId, EventTimePoint from, EventTimePoint to, int limit,
+                              Each<TipResultLog> const& each) const;
+    void alertTipResultLogs(long long alertId, EventTimePoint from, EventTimePoint to, int limit,
+                            Each<TipResultLog> const& each) const;
+    void alertResultLogs(EventTimePoint from, EventTimePoint to, String const& type,
+                         bool untrackedOnly, int limit, Each<AlertResultLog> const& each) const;
+    void profilerDiffLogs(EventTimePoint from, EventTimePoint to, String const& category, int limit,
+                          Each<ProfilerDiffLog> const& each) const;
+    void scriptletResultLogs(EventTimePoint from, EventTimePoint to, String const& userName,
+                             String const& category, String const& status, int limit,
+                             Each<ScriptletResultLog> const& each) const;
+    void measurementLogs(EventTimePoint from, EventTimePoint to, String const& type, int limit,
+                         Each<MeasurementLog> const& each) const;
+
     // ---- Retention
 
     // Removes the application runs started before `cutoff` with everything recorded under
@@ -290,6 +323,9 @@ private:
     // the mutex (held until the last record is made).
     template <class Record, class Make>
     std::vector<Record> records(String const& statement, Make make) const;
+    // `each(make(row))` for every row of `statement`, under the mutex.
+    template <class Record, class Make>
+    void eachRecord(String const& statement, Make make, Each<Record> const& each) const;
     // The first cell of `statement`'s first row parsed as a number; 0 when there is none.
     long long aggregate(String const& statement) const;
     // A per-run lookup: the cell of `column` of run `appId`, or false when the run is missing.
@@ -297,6 +333,9 @@ private:
     std::vector<TestRunResultLog> testRuns(String const& statement) const;
     std::vector<TipResultLog> tips(String const& statement) const;
     std::vector<TestRunEventResultLog> events(String const& statement) const;
+    void testRuns(String const& statement, Each<TestRunResultLog> const& each) const;
+    // The test-run record of a row of testRunColumns(); it reads its events through this store.
+    TestRunResultLog testRunOf(ResultSetRow const& row) const;
 
     std::unique_ptr<SQLiteDataStore> m_versionDataStore;
     std::unique_ptr<SQLiteDataStore> m_appDataStore;
