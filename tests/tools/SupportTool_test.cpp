@@ -265,6 +265,11 @@ TEST_F(SupportToolTest, FollowPrintsWhatIsRecordedAfterItStartedUntilInterrupted
         EventDataStore::AlertData alert;
         alert.guid = String(guid.c_str());
         alert.type = "Hardware";
+        // Every member its own text: a column read for another shows.
+        alert.key = "key";
+        alert.title = "title";
+        alert.message = "message";
+        alert.deviceName = "device";
         alert.time = at(1800000000);
         ASSERT_TRUE(events.logAlert(alert));
     };
