@@ -123,41 +123,12 @@ TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
 TEST(SQLite3DatabaseTest, StreamedNumberReadersGiveWhatTheTextGives) {
     SQLite3Database db(":memory:", SQLite3Database::OFF);
     db.execute("CREATE TABLE t (v)");
-    std::vector<std::string> const values = {"0",
-                                             "-0.0",
-                                             "0.0",
-                                             "1",
-                                             "-1",
-                                             "42",
-                                             "4294967295",
-                                             "4294967296",
-                                             "-4294967297",
-                                             "999999999999999",
-                                             "1000000000000000",
-                                             "999999999999999999",
-                                             "1000000000000000000",
-                                             "-1000000000000000000",
-                                             "9223372036854775807",
-                                             "-9223372036854775808",
-                                             "71.5",
-                                             "0.1 + 0.2",
-                                             "1.0 / 3",
-                                             "2.0 / 3 * 1e300",
-                                             "1e-300 / 7",
-                                             "123456789012345.67",
-                                             "12345678901234.5",
-                                             "-55.125",
-                                             "1e15",
-                                             "1e16",
-                                             "1.5e300",
-                                             "9e999",
-                                             "-9e999",
-                                             "'12abc'",
-                                             "' 7'",
-                                             "'0x1f'",
-                                             "'3.25'",
-                                             "NULL",
-                                             "x'41'"};
+    std::vector<std::string> const values = test::split(
+        "0|-0.0|0.0|1|-1|42|4294967295|4294967296|-4294967297|999999999999999|1000000000000000|"
+        "999999999999999999|1000000000000000000|-1000000000000000000|9223372036854775807|"
+        "-9223372036854775808|71.5|0.1 + 0.2|1.0 / 3|2.0 / 3 * 1e300|1e-300 / 7|"
+        "123456789012345.67|12345678901234.5|-55.125|1e15|1e16|1.5e300|9e999|-9e999|'12abc'|"
+        "' 7'|'0x1f'|'3.25'|NULL|x'41'");
     db.execute("BEGIN");
     for (std::string const& v : values) db.execute("INSERT INTO t VALUES (" + v + ")");
     // Doubles of every magnitude with random digits (a fixed sequence, the same every run).

@@ -89,6 +89,10 @@ private:
     sqlite3* m_db = nullptr;
 };
 
+// The fields of `list` separated by `separator`, empty ones included: a long table of
+// cases written as one text.
+std::vector<std::string> split(std::string const& list, char separator = '|');
+
 // Writes `content` to `path`, replacing the file.
 void writeFile(std::string const& path, std::string const& content);
 std::string readFile(std::string const& path);
