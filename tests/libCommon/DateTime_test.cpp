@@ -108,28 +108,13 @@ TEST(DateTimeTest, KindsFieldsAndEquality) {
         EXPECT_TRUE(parsed.isInitialized()) << ok.text;
         EXPECT_EQ(parsed.unixTimeStamp(), ok.seconds) << ok.text;
     }
-    for (char const* bad : {"",
-                            "yesterday",
-                            "2020-13-01",
-                            "2020-05-06T25:00:00",
-                            "2020-05-06T10:00:00+xx",
-                            "2020-05-06T10:00:00 trailing",
-                            "2020-05-06X08:00",
-                            "2020-05-06T08:00:00.",
-                            "2020-05-06T08",
-                            "2020-05-06T08:00:00+05:3",
-                            "2020-00-06",
-                            "2020-05-00",
-                            "2020-05-32",
-                            "2020-05-06T24:00",
-                            "2020-05-06T08:60",
-                            "2020-05-06T08:00:61",
-                            "2020-05-06T08:00:00Zx",
-                            "2020-05-06T08:00:00+",
-                            "20-05-06",
-                            "2020-05-06T08:00:0",
-                            "2020/05/06"}) {
-        EXPECT_FALSE(DateTime(bad).isInitialized()) << bad;
+    for (std::string const& bad : test::split(
+             "|yesterday|2020-13-01|2020-05-06T25:00:00|2020-05-06T10:00:00+xx|"
+             "2020-05-06T10:00:00 trailing|2020-05-06X08:00|2020-05-06T08:00:00.|2020-05-06T08|"
+             "2020-05-06T08:00:00+05:3|2020-00-06|2020-05-00|2020-05-32|2020-05-06T24:00|"
+             "2020-05-06T08:60|2020-05-06T08:00:61|2020-05-06T08:00:00Zx|2020-05-06T08:00:00+|"
+             "20-05-06|2020-05-06T08:00:0|2020/05/06")) {
+        EXPECT_FALSE(DateTime(String(bad)).isInitialized()) << bad;
     }
     DateTime const none;
     EXPECT_FALSE(none.isInitialized());

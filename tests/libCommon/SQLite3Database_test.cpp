@@ -16,15 +16,6 @@
 namespace zrn {
 namespace {
 
-std::string errorOf(std::function<void()> const& action) {
-    try {
-        action();
-    } catch (DatabaseError const& e) {
-        return e.getMessage().str();
-    }
-    return "<no DatabaseError>";
-}
-
 TEST(SQLite3DatabaseTest, ResultsArriveAsTextByIndexAndByName) {
     SQLite3Database db(":memory:", SQLite3Database::OFF);
     EXPECT_TRUE(db.isInMemoryDB());
@@ -99,7 +90,7 @@ TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
     // The same refusals as execute(), and a throwing callback ends the statement: the
     // connection is free for the next one (an unfinished statement would keep the table
     // locked against the DROP).
-    EXPECT_NE(errorOf([&] {
+    EXPECT_NE(test::messageOf<DatabaseError>([&] {
                   db.forEachRow("SELECT 1; DELETE FROM t", [](ResultSetRow const&) {});
               }).find("more than one statement"),
               std::string::npos);
@@ -112,7 +103,9 @@ TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
     EXPECT_EQ(seen, 2);
     db.execute("DROP TABLE t");
     db.close();
-    EXPECT_NE(errorOf([&] { db.forEachRow(select, [](ResultSetRow const&) {}); }).find("closed"),
+    EXPECT_NE(test::messageOf<DatabaseError>([&] {
+                  db.forEachRow(select, [](ResultSetRow const&) {});
+              }).find("closed"),
               std::string::npos);
 }
 
@@ -123,41 +116,12 @@ TEST(SQLite3DatabaseTest, StreamedRowsReadAsTheHeldOnesAndStopOnAnException) {
 TEST(SQLite3DatabaseTest, StreamedNumberReadersGiveWhatTheTextGives) {
     SQLite3Database db(":memory:", SQLite3Database::OFF);
     db.execute("CREATE TABLE t (v)");
-    std::vector<std::string> const values = {"0",
-                                             "-0.0",
-                                             "0.0",
-                                             "1",
-                                             "-1",
-                                             "42",
-                                             "4294967295",
-                                             "4294967296",
-                                             "-4294967297",
-                                             "999999999999999",
-                                             "1000000000000000",
-                                             "999999999999999999",
-                                             "1000000000000000000",
-                                             "-1000000000000000000",
-                                             "9223372036854775807",
-                                             "-9223372036854775808",
-                                             "71.5",
-                                             "0.1 + 0.2",
-                                             "1.0 / 3",
-                                             "2.0 / 3 * 1e300",
-                                             "1e-300 / 7",
-                                             "123456789012345.67",
-                                             "12345678901234.5",
-                                             "-55.125",
-                                             "1e15",
-                                             "1e16",
-                                             "1.5e300",
-                                             "9e999",
-                                             "-9e999",
-                                             "'12abc'",
-                                             "' 7'",
-                                             "'0x1f'",
-                                             "'3.25'",
-                                             "NULL",
-                                             "x'41'"};
+    std::vector<std::string> const values = test::split(
+        "0|-0.0|0.0|1|-1|42|4294967295|4294967296|-4294967297|999999999999999|1000000000000000|"
+        "999999999999999999|1000000000000000000|-1000000000000000000|9223372036854775807|"
+        "-9223372036854775808|71.5|0.1 + 0.2|1.0 / 3|2.0 / 3 * 1e300|1e-300 / 7|"
+        "123456789012345.67|12345678901234.5|-55.125|1e15|1e16|1.5e300|9e999|-9e999|'12abc'|"
+        "' 7'|'0x1f'|'3.25'|NULL|x'41'");
     db.execute("BEGIN");
     for (std::string const& v : values) db.execute("INSERT INTO t VALUES (" + v + ")");
     // Doubles of every magnitude with random digits (a fixed sequence, the same every run).
@@ -202,8 +166,8 @@ TEST(SQLite3DatabaseTest, RefusesASecondStatementAndRunsNothingOfIt) {
     SQLite3Database db(dir.file("a.db"), SQLite3Database::FULL);
     db.execute("CREATE TABLE t (v TEXT)");
     // A value that smuggles a statement in through unescaped text.
-    std::string const message =
-        errorOf([&] { db.execute("INSERT INTO t VALUES ('x'); DROP TABLE t"); });
+    std::string const message = test::messageOf<DatabaseError>(
+        [&] { db.execute("INSERT INTO t VALUES ('x'); DROP TABLE t"); });
     EXPECT_EQ(message, "SQLite database '" + dir.file("a.db") +
                            "': refused to run more than one statement in one call");
 
@@ -221,11 +185,12 @@ TEST(SQLite3DatabaseTest, ErrorsNameTheFileAndCarrySQLiteText) {
     db.execute("CREATE TABLE t (k TEXT UNIQUE)");
     db.execute("INSERT INTO t VALUES ('a')");
 
-    std::string message = errorOf([&] { db.execute("SELECT * FROM nowhere"); });
+    std::string message =
+        test::messageOf<DatabaseError>([&] { db.execute("SELECT * FROM nowhere"); });
     EXPECT_EQ(message, "SQLite database '" + path +
                            "': cannot prepare the statement: no such table: nowhere (code 1)");
 
-    message = errorOf([&] { db.execute("INSERT INTO t VALUES ('a')"); });
+    message = test::messageOf<DatabaseError>([&] { db.execute("INSERT INTO t VALUES ('a')"); });
     EXPECT_EQ(message, "SQLite database '" + path +
                            "': statement failed: UNIQUE constraint failed: t.k (code 2067)");
 
@@ -234,7 +199,7 @@ TEST(SQLite3DatabaseTest, ErrorsNameTheFileAndCarrySQLiteText) {
     db.close();
     db.close();
     EXPECT_TRUE(db.isClosed());
-    message = errorOf([&] { db.execute("SELECT 1"); });
+    message = test::messageOf<DatabaseError>([&] { db.execute("SELECT 1"); });
     EXPECT_EQ(message, "SQLite database '" + path + "': the connection is closed");
     EXPECT_EQ(db.dbFilePath().str(), path);
 }
@@ -260,7 +225,9 @@ TEST(SQLite3DatabaseTest, ReadOnlyAccessNeverCreatesOrWrites) {
     ResultSet result;
     db.execute("SELECT v FROM t", &result);
     EXPECT_EQ(result.row(0).columnValue(0).str(), "kept");
-    EXPECT_NE(errorOf([&] { db.execute("INSERT INTO t VALUES ('no')"); }).find("readonly"),
+    EXPECT_NE(test::messageOf<DatabaseError>([&] {
+                  db.execute("INSERT INTO t VALUES ('no')");
+              }).find("readonly"),
               std::string::npos);
     db.close();
     EXPECT_EQ(test::readFile(path), before);
@@ -269,13 +236,13 @@ TEST(SQLite3DatabaseTest, ReadOnlyAccessNeverCreatesOrWrites) {
 TEST(SQLite3DatabaseTest, GarbageFileAndMissingDirectoryFailInTheConstructor) {
     test::TempDir dir;
     test::writeFile(dir.file("garbage.db"), std::string(4096, 'x'));
-    std::string message =
-        errorOf([&] { SQLite3Database db(dir.file("garbage.db"), SQLite3Database::FULL); });
+    std::string message = test::messageOf<DatabaseError>(
+        [&] { SQLite3Database db(dir.file("garbage.db"), SQLite3Database::FULL); });
     EXPECT_NE(message.find("file is not a database"), std::string::npos) << message;
     EXPECT_EQ(test::readFile(dir.file("garbage.db")), std::string(4096, 'x'));
 
-    message =
-        errorOf([&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
+    message = test::messageOf<DatabaseError>(
+        [&] { SQLite3Database db(dir.file("no/such/dir/x.db"), SQLite3Database::FULL); });
     EXPECT_NE(message.find("unable to open database file"), std::string::npos) << message;
 }
 

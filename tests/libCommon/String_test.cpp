@@ -6,7 +6,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
 
 namespace zrn {
 namespace {
@@ -95,32 +98,12 @@ TEST(StringTest, NumberParsersFollowTheirBase) {
 
 TEST(StringTest, NumberParsersGiveWhatTheCLibraryGivesForEveryShapeOfText) {
     // Plain decimals take a shortcut; everything around its edges must read as strtoll & co.
-    char const* const texts[] = {"0",
-                                 "-0",
-                                 "7",
-                                 "-7",
-                                 "123456789012345678",
-                                 "-123456789012345678",
-                                 "1234567890123456789",
-                                 "9223372036854775807",
-                                 "9223372036854775808",
-                                 "-9223372036854775808",
-                                 "18446744073709551615",
-                                 "99999999999999999999",
-                                 "4294967296",
-                                 "-4294967297",
-                                 "2147483648",
-                                 "-",
-                                 "",
-                                 "+5",
-                                 " 5",
-                                 "5 ",
-                                 "5x",
-                                 "--5",
-                                 "1.5",
-                                 "0x10",
-                                 "007"};
-    for (char const* text : texts) {
+    std::vector<std::string> const texts = test::split(
+        "0|-0|7|-7|123456789012345678|-123456789012345678|1234567890123456789|9223372036854775807|"
+        "9223372036854775808|-9223372036854775808|18446744073709551615|99999999999999999999|"
+        "4294967296|-4294967297|2147483648|-||+5| 5|5 |5x|--5|1.5|0x10|007");
+    for (std::string const& t : texts) {
+        char const* const text = t.c_str();
         EXPECT_EQ(String::strToInt64(text, 10), std::strtoll(text, nullptr, 10)) << text;
         EXPECT_EQ(String::strToUInt64(text, 10), std::strtoull(text, nullptr, 10)) << text;
         EXPECT_EQ(String::strToInt(text, 10), static_cast<int>(std::strtol(text, nullptr, 10)))
@@ -129,33 +112,11 @@ TEST(StringTest, NumberParsersGiveWhatTheCLibraryGivesForEveryShapeOfText) {
                   static_cast<unsigned int>(std::strtoul(text, nullptr, 10)))
             << text;
     }
-    char const* const reals[] = {"0",
-                                 "-0",
-                                 "71.5",
-                                 "-71.5",
-                                 ".5",
-                                 "-.5",
-                                 "1.",
-                                 ".",
-                                 "0.1",
-                                 "0.3",
-                                 "2.675",
-                                 "1e3",
-                                 "12.",
-                                 "1.2.3",
-                                 "123456789012345",
-                                 "1234567890123456",
-                                 "0.1234567890123456789012",
-                                 "3.14159265358979",
-                                 "9007199254740993",
-                                 "nan",
-                                 "-inf",
-                                 "12,5",
-                                 " 1.5",
-                                 "-",
-                                 "-.",
-                                 ""};
-    for (char const* text : reals) {
+    std::vector<std::string> const reals = test::split(
+        "0|-0|71.5|-71.5|.5|-.5|1.|.|0.1|0.3|2.675|1e3|12.|1.2.3|123456789012345|1234567890123456|"
+        "0.1234567890123456789012|3.14159265358979|9007199254740993|nan|-inf|12,5| 1.5|-||-.");
+    for (std::string const& t : reals) {
+        char const* const text = t.c_str();
         double const expected = std::strtod(text, nullptr);
         double const got = String::strToReal64(text);
         if (std::isnan(expected)) {

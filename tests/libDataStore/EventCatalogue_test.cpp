@@ -488,11 +488,7 @@ void EventCatalogueTest::upgrades() {
         "`testName` TEXT,`result` TEXT);"
         "CREATE TABLE `Alerts` (`appId` INTEGER,`guid` TEXT,`dateTime` INTEGER);"
         "CREATE TABLE `Measurements` (`type` TEXT,`spanMiddleTime` INTEGER,`average` REAL);";
-    struct Old {
-        char const* title;
-        std::string sql;
-    };
-    std::vector<Old> const olds = {
+    std::vector<OldFile> const olds = {
         {"version 1",
          "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);INSERT INTO Versioning "
          "VALUES(1);" +
@@ -512,25 +508,7 @@ void EventCatalogueTest::upgrades() {
          "VALUES(3);" +
              olderTables},
     };
-    int n = 0;
-    for (auto const& old : olds) {
-        std::string const path = file("old" + std::to_string(++n) + ".db");
-        prepare(path, old.sql);
-        step("open a file of " + std::string(old.title));
-        {
-            Store store(m_catalogue, "upgraded");
-            store.emplace(String(path));
-            note("getVersion()", store->getVersion());
-        }
-        dumpSchema(std::string("a file of ") + old.title + ", upgraded", path);
-    }
-    std::string const emptied = file("emptied.db");
-    step("open a new file to empty its Versioning table");
-    Store store(m_catalogue, "emptied");
-    store.emplace(String(emptied));
-    prepare(emptied, "DELETE FROM Versioning;");
-    step("getVersion on an emptied Versioning table");
-    note("getVersion()", store->getVersion());
+    openOldFiles<EventDataStore>(olds, "upgraded");
 }
 
 void EventCatalogueTest::readOnlyOpenings() {

@@ -80,15 +80,6 @@ TEST(GeneralRecordsTest, NewLogIsCreatedNowAndTrackingAlwaysMarksTheLog) {
     EXPECT_TRUE(copy.keyValues().get(1).tracked());
     EXPECT_FALSE(log.tracked());
     EXPECT_FALSE(log.keyValues().get(0).tracked());
-
-    GenericLogList list;
-    list.append(log);
-    list.append(copy);
-    GenericLogList listCopy = list;
-    listCopy.get(0).setCategories("other", "x");
-    EXPECT_EQ(list.get(0).category().str(), "cat");
-    EXPECT_EQ(listCopy.get(0).subCategory().str(), "x");
-    EXPECT_EQ(listCopy.size(), 2u);
 }
 
 // Text of `seconds` in local time, as the records display it, computed with the C library.

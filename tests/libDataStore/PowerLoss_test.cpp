@@ -14,7 +14,6 @@
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <ostream>
 #include <set>
@@ -27,11 +26,6 @@ namespace zrn {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string contentOf(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 // ---- The recording VFS. One at a time: the state is the test's.
 
@@ -100,7 +94,7 @@ int recordedSync(sqlite3_file* file, int flags) {
     auto* const recorded = reinterpret_cast<RecordedFile*>(file);
     if (rc == SQLITE_OK && recorded->path) {
         recorder.pending.erase(*recorded->path);
-        recorder.durable[*recorded->path] = contentOf(*recorded->path);
+        recorder.durable[*recorded->path] = test::readFile(*recorded->path);
         recorder.pushState();
     }
     return rc;
@@ -176,7 +170,7 @@ int recordedOpen(sqlite3_vfs*, char const* name, sqlite3_file* file, int flags, 
     recorded->path = recorder.recorded(name) ? new std::string(name) : nullptr;
     // A file met for the first time holds what was durable before (nothing, when new).
     if (recorded->path && !recorder.durable.count(name)) {
-        recorder.durable[name] = contentOf(name);
+        recorder.durable[name] = test::readFile(name);
         recorder.pushState();
     }
     recorded->base.pMethods = &kMethods;
@@ -200,7 +194,7 @@ public:
         recorder.real = sqlite3_vfs_find("unix");
         recorder.folder = folder;
         for (auto const& entry : fs::directory_iterator(folder))
-            recorder.durable[entry.path().string()] = contentOf(entry.path().string());
+            recorder.durable[entry.path().string()] = test::readFile(entry.path().string());
         recorder.pushState();
         m_vfs = *recorder.real;
         m_vfs.zName = "zrn-power-loss";

@@ -40,15 +40,6 @@ std::map<std::string, std::pair<std::string, long long>> snapshot(std::string co
     return files;
 }
 
-std::string messageOf(std::function<void()> const& action) {
-    try {
-        action();
-    } catch (Exception const& e) {
-        return e.getMessage().str();
-    }
-    return "<no exception>";
-}
-
 class ReadOnlyStoresTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -93,7 +84,7 @@ TEST_F(ReadOnlyStoresTest, ServeTheirQueriesRefuseWritesAndLeaveEveryByteAndMtim
         EXPECT_EQ(events.getRecentFails("dg", nullptr, nullptr, at(200)).size(), 1u);
         EXPECT_TRUE(events.alertExists("g1"));
         EXPECT_EQ(events.appRunTime(1), -100);
-        EXPECT_EQ(messageOf([&] { events.logAppStart("x", "y", "z", at(1)); }),
+        EXPECT_EQ(test::messageOf([&] { events.logAppStart("x", "y", "z", at(1)); }),
                   "SQLite database '" + m_events + "': opened read-only: refused to write");
         EXPECT_THROW(events.markAlertAsTracked("g1"), DatabaseError);
         EXPECT_FALSE(events.logAlert(
@@ -132,20 +123,21 @@ TEST_F(ReadOnlyStoresTest, ServeTheirQueriesRefuseWritesAndLeaveEveryByteAndMtim
 
 TEST_F(ReadOnlyStoresTest, RefuseMissingFilesAndFilesOfAnotherStoreCreatingNothing) {
     std::string const missing = m_dir.file("missing.db");
-    EXPECT_EQ(messageOf([&] { EventDataStore store(String(missing), ReadOnly{}); }),
+    EXPECT_EQ(test::messageOf([&] { EventDataStore store(String(missing), ReadOnly{}); }),
               "SQLite database '" + missing + "': no such file");
     EXPECT_EQ(
-        messageOf([&] { GeneralDataStore store(String(m_events), ReadOnly{}); }),
+        test::messageOf([&] { GeneralDataStore store(String(m_events), ReadOnly{}); }),
         "SQLite database '" + m_events + "': not a store of this kind: table `Version` is missing");
-    EXPECT_EQ(messageOf([&] { SoftwareDiagEventDataStore store(String(m_state), ReadOnly{}); }),
-              "SQLite database '" + m_state +
-                  "': not a store of this kind: table `Versioning` is missing");
+    EXPECT_EQ(
+        test::messageOf([&] { SoftwareDiagEventDataStore store(String(m_state), ReadOnly{}); }),
+        "SQLite database '" + m_state +
+            "': not a store of this kind: table `Versioning` is missing");
     {
         // An older file lacking a column is refused rather than upgraded.
         test::RawDb raw(m_events);
         raw.exec("ALTER TABLE `TestRuns` DROP COLUMN `errorCode`");
     }
-    EXPECT_EQ(messageOf([&] { EventDataStore store(String(m_events), ReadOnly{}); }),
+    EXPECT_EQ(test::messageOf([&] { EventDataStore store(String(m_events), ReadOnly{}); }),
               "SQLite database '" + m_events +
                   "': not a store of this kind: table `TestRuns` lacks the column `errorCode`");
 
@@ -188,7 +180,7 @@ TEST_F(ReadOnlyStoresTest, TakeNoNamedMutexAndWaitForAWriterOnlyAsLongAsTold) {
              [&] { EventDataStore store(String(m_events), shortWait); },
              [&] { reader.alertExists("g1"); }}) {
         auto const start = Clock::now();
-        EXPECT_EQ(messageOf(attempt), locked);
+        EXPECT_EQ(test::messageOf(attempt), locked);
         auto const waited = Clock::now() - start;
         EXPECT_GE(waited, std::chrono::milliseconds(250));
         EXPECT_LT(waited, std::chrono::seconds(3));
@@ -236,7 +228,7 @@ TEST_F(ReadOnlyStoresTest, ReadWalFilesAndSayWhenAHotJournalBlocksReading) {
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(std::filesystem::exists(m_events + "-journal"));
-    EXPECT_EQ(messageOf([&] { EventDataStore store(String(m_events), ReadOnly{}); }),
+    EXPECT_EQ(test::messageOf([&] { EventDataStore store(String(m_events), ReadOnly{}); }),
               "SQLite database '" + m_events +
                   "': has a hot journal left by a writer that stopped mid-write; it cannot be "
                   "read until a program with write access rolls it back");

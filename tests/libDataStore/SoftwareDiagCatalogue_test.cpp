@@ -338,11 +338,7 @@ void SoftwareDiagCatalogueTest::failedOpenings() {
 }
 
 void SoftwareDiagCatalogueTest::olderFiles() {
-    struct Old {
-        char const* title;
-        std::string sql;
-    };
-    std::vector<Old> const olds = {
+    std::vector<OldFile> const olds = {
         {"version 0",
          "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL);"
          "INSERT INTO Versioning VALUES(0);"},
@@ -356,25 +352,7 @@ void SoftwareDiagCatalogueTest::olderFiles() {
          "CREATE TABLE `FixActions` (`fixActionId` INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL,"
          "`sessionId` INTEGER,`fixTypeUuid` TEXT);"},
     };
-    int n = 0;
-    for (auto const& old : olds) {
-        std::string const path = file("old" + std::to_string(++n) + ".db");
-        prepare(path, old.sql);
-        step("open a file of " + std::string(old.title));
-        {
-            Store store(m_catalogue, "upgraded");
-            store.emplace(String(path));
-            note("getVersion()", store->getVersion());
-        }
-        dumpSchema(std::string("a file of ") + old.title + ", opened", path);
-    }
-    std::string const emptied = file("emptied.db");
-    step("open a new file to empty its Versioning table");
-    Store store(m_catalogue, "emptied");
-    store.emplace(String(emptied));
-    prepare(emptied, "DELETE FROM Versioning;");
-    step("getVersion on an emptied Versioning table");
-    note("getVersion()", store->getVersion());
+    openOldFiles<SoftwareDiagEventDataStore>(olds, "opened");
 }
 
 void SoftwareDiagCatalogueTest::readOnlyOpenings() {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Golden.h"
+#include "NamedStore.h"
 #include "TestSupport.h"
 
 namespace zrn {
@@ -73,6 +74,36 @@ protected:
             writer.reset();
         });
     }
+    // An older file made by its own statements, opened by the store of today.
+    struct OldFile {
+        char const* title;
+        std::string sql;
+    };
+    // Opens each older file (its schema dumped as "a file of <title>, <opened>"), then a new
+    // file whose Versioning table is emptied under the open store.
+    template <class Store>
+    void openOldFiles(std::vector<OldFile> const& olds, std::string const& opened) {
+        int n = 0;
+        for (auto const& old : olds) {
+            std::string const path = file("old" + std::to_string(++n) + ".db");
+            prepare(path, old.sql);
+            step("open a file of " + std::string(old.title));
+            {
+                NamedStore<Store> store(m_catalogue, "upgraded");
+                store.emplace(String(path));
+                note("getVersion()", store->getVersion());
+            }
+            dumpSchema(std::string("a file of ") + old.title + ", " + opened, path);
+        }
+        std::string const emptied = file("emptied.db");
+        step("open a new file to empty its Versioning table");
+        NamedStore<Store> store(m_catalogue, "emptied");
+        store.emplace(String(emptied));
+        prepare(emptied, "DELETE FROM Versioning;");
+        step("getVersion on an emptied Versioning table");
+        note("getVersion()", store->getVersion());
+    }
+
     // statements.txt, messages.txt and schema.txt of tests/golden/<store>/.
     void expectGoldens(std::string const& store, std::string const& schema) {
         expectGolden(store + "/statements.txt", m_catalogue.statements());

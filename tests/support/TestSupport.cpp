@@ -147,6 +147,13 @@ void writeFile(std::string const& path, std::string const& content) {
     out << content;
 }
 
+std::vector<std::string> split(std::string const& list, char separator) {
+    std::vector<std::string> fields;
+    std::istringstream in(list);
+    for (std::string field; std::getline(in, field, separator);) fields.push_back(field);
+    return fields;
+}
+
 std::string readFile(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;

@@ -3,9 +3,11 @@
 // Shared test helpers: log capture, per-test temporary directories, raw sqlite3 access to
 // read files back independently of the library, and child processes.
 
+#include <libCommon/Exception.h>
 #include <libCommon/Logger.h>
 #include <libCommon/String.h>
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -88,6 +90,21 @@ public:
 private:
     sqlite3* m_db = nullptr;
 };
+
+// The fields of `list` separated by `separator`, empty ones included: a long table of
+// cases written as one text.
+std::vector<std::string> split(std::string const& list, char separator = '|');
+
+// The message of the `E` that `action` throws, or "<no exception>" when it throws none.
+template <class E = Exception>
+std::string messageOf(std::function<void()> const& action) {
+    try {
+        action();
+    } catch (E const& e) {
+        return e.getMessage().str();
+    }
+    return "<no exception>";
+}
 
 // Writes `content` to `path`, replacing the file.
 void writeFile(std::string const& path, std::string const& content);
