@@ -170,11 +170,17 @@ void StoreReader::fail(std::string const& what, int code) const {
                                                                 : StoreReadError::Cause::Other);
 }
 
-void StoreReader::run(std::string const& sql, std::function<void(StoreRow const&)> const& onRow) {
+sqlite3_stmt* StoreReader::prepare(std::string const& sql) {
     sqlite3_stmt* statement = nullptr;
-    int rc = sqlite3_prepare_v2(m_db.get(), sql.c_str(), -1, &statement, nullptr);
+    int const rc = sqlite3_prepare_v2(m_db.get(), sql.c_str(), -1, &statement, nullptr);
     if (rc != SQLITE_OK) fail("cannot read", rc);
+    return statement;
+}
+
+void StoreReader::run(std::string const& sql, std::function<void(StoreRow const&)> const& onRow) {
+    sqlite3_stmt* const statement = prepare(sql);
     std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> const guard(statement, sqlite3_finalize);
+    int rc = SQLITE_OK;
     int const count = sqlite3_column_count(statement);
     std::vector<std::string> columns;
     for (int i = 0; i < count; ++i) columns.emplace_back(sqlite3_column_name(statement, i));
@@ -274,8 +280,7 @@ std::vector<std::string> StoreReader::integrityCheck(int maxFindings) {
 
 // ---- Rows -----------------------------------------------------------------------------------
 
-long long StoreReader::forEachRow(std::string const& name, RowFunction const& onRow,
-                                  StoreRowQuery const& query) {
+std::string StoreReader::selectText(std::string const& name, StoreRowQuery const& query) {
     StoreTable const shape = table(name);
     std::string sql = "SELECT ";
     std::vector<std::string> const columns = shape.readColumns();
@@ -286,8 +291,20 @@ long long StoreReader::forEachRow(std::string const& name, RowFunction const& on
     if (query.afterKey) sql += " AND " + key + " > " + std::to_string(*query.afterKey);
     for (auto const& [column, value] : query.equal)
         sql += " AND " + identifier(column) + (value.isNull() ? " IS " : " = ") + literal(value);
-    sql += " ORDER BY " + key;
+    std::string const ordered = query.orderBy.empty() ? "" : identifier(query.orderBy);
+    if (!ordered.empty() && query.atLeast)
+        sql += " AND " + ordered + " >= " + literal(*query.atLeast);
+    if (!ordered.empty() && query.atMost)
+        sql += " AND " + ordered + " <= " + literal(*query.atMost);
+    std::string const direction = query.descending ? " DESC" : "";
+    sql += " ORDER BY " + (ordered.empty() ? "" : ordered + direction + ",") + key + direction;
     if (query.limit > 0) sql += " LIMIT " + std::to_string(query.limit);
+    return sql;
+}
+
+long long StoreReader::forEachRow(std::string const& name, RowFunction const& onRow,
+                                  StoreRowQuery const& query) {
+    std::string const sql = selectText(name, query);
     long long count = 0;
     run(sql, [&](StoreRow const& row) {
         ++count;
@@ -308,6 +325,29 @@ long long StoreReader::changeCounter() {
     long long counter = 0;
     run("PRAGMA data_version", [&](StoreRow const& row) { counter = row.key; });
     return counter;
+}
+
+StoreReader::Cursor::Cursor(StoreReader& reader, std::string const& table,
+                            StoreRowQuery const& query)
+    : m_reader(reader),
+      m_statement(reader.prepare(reader.selectText(table, query)), sqlite3_finalize) {
+    int const count = sqlite3_column_count(m_statement.get());
+    for (int i = 0; i < count; ++i)
+        m_columns.emplace_back(sqlite3_column_name(m_statement.get(), i));
+    m_cells.resize(static_cast<std::size_t>(count));
+}
+
+StoreReader::Cursor::~Cursor() = default;
+
+bool StoreReader::Cursor::next() {
+    sqlite3_stmt* const statement = m_statement.get();
+    int const rc = sqlite3_step(statement);
+    if (rc == SQLITE_DONE) return false;
+    if (rc != SQLITE_ROW) m_reader.fail("cannot read", rc);
+    for (std::size_t i = 0; i < m_cells.size(); ++i)
+        m_cells[i] = cellOf(statement, static_cast<int>(i));
+    m_key = m_cells.empty() ? 0 : m_cells[0].asInteger();
+    return true;
 }
 
 StoreReader::Snapshot::Snapshot(StoreReader& reader) : m_reader(reader) {

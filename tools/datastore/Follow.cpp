@@ -67,31 +67,51 @@ void follow(Options const& options, Source source) {
     std::string const path = existingStorePath(options, Store::Event);
     zrn::StoreReader reader(path, readOnly(options));
     source.query.afterKey = reader.lastKey(source.table);
-    long long version = reader.changeCounter();
-    onStopSignals();
     Format const format = outputStyle().format;
     bool const headerEachPrint =
         format == Format::Table || format == Format::Csv || format == Format::Tsv;
     bool first = true;
+    whileFollowing({&reader}, [&] {
+        std::string out = newRecords(options, reader, source);
+        if (out.empty()) return;
+        // One header for the whole run.
+        if (headerEachPrint && !first) out.erase(0, out.find('\n') + 1);
+        first = false;
+        std::cout << out << std::flush;
+    });
+}
+
+}  // namespace
+
+// Tracked as the store answers it: any alert of the GUID marked.
+bool alertTracked(zrn::StoreReader& reader, zrn::StoreCell const& guid) {
+    zrn::StoreRowQuery query;
+    query.equal = {{"guid", guid}, {"tracked", zrn::StoreCell::of(1)}};
+    query.limit = 1;
+    return reader.forEachRow(
+               "Alerts", [](zrn::StoreRow const&) {}, query) > 0;
+}
+
+void whileFollowing(std::vector<zrn::StoreReader*> const& readers,
+                    std::function<void()> const& onChange) {
+    std::vector<long long> versions;
+    for (zrn::StoreReader* reader : readers) versions.push_back(reader->changeCounter());
+    onStopSignals();
     while (!g_stop) {
         // A quarter of a second: changes show promptly and an idle follower costs nothing
         // worth measuring (one look at a counter in memory).
         timespec pause{0, 250 * 1000 * 1000};
         nanosleep(&pause, nullptr);
         if (g_stop) break;
-        long long const now = reader.changeCounter();
-        if (now == version) continue;
-        version = now;
-        std::string out = newRecords(options, reader, source);
-        if (out.empty()) continue;
-        // One header for the whole run.
-        if (headerEachPrint && !first) out.erase(0, out.find('\n') + 1);
-        first = false;
-        std::cout << out << std::flush;
+        bool changed = false;
+        for (std::size_t i = 0; i < readers.size(); ++i) {
+            long long const now = readers[i]->changeCounter();
+            changed = changed || now != versions[i];
+            versions[i] = now;
+        }
+        if (changed) onChange();
     }
 }
-
-}  // namespace
 
 void followApps(Options const& options, FollowFilter const& filter) {
     Source source;
@@ -115,15 +135,6 @@ void followApps(Options const& options, FollowFilter const& filter) {
     readOrFail([&] { follow(options, source); });
 }
 
-// Tracked as the store answers it: any alert of the GUID marked.
-bool tracked(zrn::StoreReader& reader, zrn::StoreCell const& guid) {
-    zrn::StoreRowQuery query;
-    query.equal = {{"guid", guid}, {"tracked", zrn::StoreCell::of(1)}};
-    query.limit = 1;
-    return reader.forEachRow(
-               "Alerts", [](zrn::StoreRow const&) {}, query) > 0;
-}
-
 void followAlerts(Options const& options, FollowFilter const& filter) {
     Source source;
     source.table = "Alerts";
@@ -136,7 +147,7 @@ void followAlerts(Options const& options, FollowFilter const& filter) {
         zrn::AlertResultLog const log(row.key, text(row, "guid"), text(row, "key"),
                                       text(row, "type"), text(row, "title"), text(row, "message"),
                                       text(row, "deviceName"), timeOf(row, "dateTime"));
-        return alertRecord(json, log, tracked(reader, row["guid"]));
+        return alertRecord(json, log, alertTracked(reader, row["guid"]));
     };
     readOrFail([&] { follow(options, source); });
 }

@@ -3,7 +3,9 @@
 // -f/--follow of apps, alerts and events: what is recorded after the command started, as it
 // is recorded, until interrupted.
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "Context.h"
 
@@ -24,5 +26,13 @@ struct FollowFilter {
 void followApps(Options const& options, FollowFilter const& filter);
 void followAlerts(Options const& options, FollowFilter const& filter);
 void followEvents(Options const& options, FollowFilter const& filter);
+
+// Whether an alert of `guid` is marked tracked, as the event store answers it for an alert.
+bool alertTracked(zrn::StoreReader& reader, zrn::StoreCell const& guid);
+
+// The loop behind them, for followers of several stores: calls `onChange` each time another
+// connection has committed to any of `readers`' files, until SIGINT or SIGTERM.
+void whileFollowing(std::vector<zrn::StoreReader*> const& readers,
+                    std::function<void()> const& onChange);
 
 }  // namespace datastore

@@ -139,6 +139,7 @@ void describe(CLI::App& app, Options& options) {
     addInfoCommand(app, options);
     addCheckCommand(app, options);
     addSummaryCommand(app, options);
+    addTimelineCommand(app, options);
     addEventCommands(app, options);
     addGeneralCommands(app, options);
     addStateCommands(app, options);

@@ -21,6 +21,7 @@
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace zrn {
 
@@ -103,11 +104,19 @@ struct ZRN_DATASTORE_API StoreRow {
     StoreCell const& operator[](std::string const& column) const;
 };
 
-// Which rows forEachRow() reads, always in the order of their key.
+// Which rows forEachRow() reads, in the order of their key unless `orderBy` names a column.
 struct ZRN_DATASTORE_API StoreRowQuery {
     boost::optional<long long> afterKey;                   // only rows whose key is above it
     std::vector<std::pair<std::string, StoreCell>> equal;  // only rows with these cells
     long long limit = 0;                                   // 0: no limit
+    // Rows in the order of this column's values, rows of equal value by key, for readers that
+    // merge tables by time; "": by key alone. The bounds are on this column, both inclusive;
+    // SQLite compares as the column's declared type does (a TEXT column of times compares
+    // them as text). A NULL value is outside any bound.
+    std::string orderBy;
+    boost::optional<StoreCell> atLeast;
+    boost::optional<StoreCell> atMost;
+    bool descending = false;  // the reverse order, keys included
 };
 
 // What a file is, as far as the family goes.
@@ -155,6 +164,30 @@ public:
     // committed state, even while a writer works; waits for its lock as statements do.
     void backupTo(std::string const& target);
 
+    // Rows handed out one at a time, for callers that read several tables side by side (a
+    // merge by time). The statement stays open while the cursor lives, and with it the state
+    // of the file it started reading; cursors of one reader may be open together.
+    class ZRN_DATASTORE_API Cursor {
+    public:
+        // @throw StoreReadError when the table cannot be read.
+        Cursor(StoreReader& reader, std::string const& table,
+               StoreRowQuery const& query = StoreRowQuery{});
+        ~Cursor();
+        Cursor(Cursor const&) = delete;
+        Cursor& operator=(Cursor const&) = delete;
+        // Steps to the next row; false after the last. @throw StoreReadError.
+        bool next();
+        // The row next() stepped to, valid until the next step.
+        StoreRow row() const { return StoreRow{m_columns, m_cells, m_key}; }
+
+    private:
+        StoreReader& m_reader;
+        std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> m_statement;
+        std::vector<std::string> m_columns;
+        std::vector<StoreCell> m_cells;
+        long long m_key = 0;
+    };
+
     // Holds one read transaction for its lifetime: every read in it sees the same state.
     class ZRN_DATASTORE_API Snapshot {
     public:
@@ -172,6 +205,8 @@ private:
         void operator()(sqlite3* db) const;
     };
     void run(std::string const& sql, std::function<void(StoreRow const&)> const& onRow);
+    sqlite3_stmt* prepare(std::string const& sql);
+    std::string selectText(std::string const& table, StoreRowQuery const& query);
     [[noreturn]] void fail(std::string const& what, int code) const;
 
     std::string m_path;
