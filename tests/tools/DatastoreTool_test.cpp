@@ -322,10 +322,10 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
     std::string text;
     for (std::string const command :
-         {"",           "demo",    "info",  "check",      "summary",   "apps",         "scripts",
-          "tests",      "events",  "tips",  "failures",   "alerts",    "measurements", "diffs",
-          "scriptlets", "logs",    "state", "state list", "state get", "state set",    "state rm",
-          "sessions",   "session", "prune", "export",     "collect",   "report"}) {
+         {"",         "demo",       "info",    "check", "summary",    "timeline",  "apps",
+          "scripts",  "tests",      "events",  "tips",  "failures",   "alerts",    "measurements",
+          "diffs",    "scriptlets", "logs",    "state", "state list", "state get", "state set",
+          "state rm", "sessions",   "session", "prune", "export",     "collect",   "report"}) {
         std::vector<std::string> args;
         std::istringstream words(command);
         for (std::string word; words >> word;) args.push_back(word);

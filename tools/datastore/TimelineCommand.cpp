@@ -157,13 +157,19 @@ Stores openStores(Options const& options, TimelineArgs const& args) {
     return stores;
 }
 
-// Hands the entries of `stores` within `window` to `onEntry` in order until it returns false.
-// Each store is read in one snapshot; `window` of a source comes from `windowOf`.
-template <class WindowOf, class OnEntry>
-void merge(Stores& stores, WindowOf const& windowOf, OnEntry const& onEntry) {
-    std::vector<std::unique_ptr<zrn::StoreReader::Snapshot>> snapshots;
+// Each store as it is at one moment, while this lives.
+using Snapshots = std::vector<std::unique_ptr<zrn::StoreReader::Snapshot>>;
+Snapshots snapshotsOf(Stores& stores) {
+    Snapshots snapshots;
     for (OpenStore& open : stores)
         snapshots.push_back(std::make_unique<zrn::StoreReader::Snapshot>(*open.reader));
+    return snapshots;
+}
+
+// Hands the entries of `stores` to `onEntry` in order until it returns false; the window of
+// a source comes from `windowOf`. The caller holds the stores' snapshots.
+template <class WindowOf, class OnEntry>
+void merge(Stores& stores, WindowOf const& windowOf, OnEntry const& onEntry) {
     std::vector<std::unique_ptr<Feed>> feeds;
     bool descending = false;
     for (OpenStore& open : stores) {
@@ -185,7 +191,6 @@ void merge(Stores& stores, WindowOf const& windowOf, OnEntry const& onEntry) {
         if (!onEntry(feed->head())) break;
         if (feed->next()) queue.push(feed);
     }
-    feeds.clear();  // the statements end before their snapshots
 }
 
 // Prints the window: oldest first, or newest first with -r; with -n only the newest N.
@@ -214,9 +219,10 @@ void printWindow(Options const& options, TimelineArgs const& args, Stores& store
     printer.print(out);
 }
 
-// After the last entry of each source, what is recorded from now on, until interrupted.
-void follow(Options const& options, Stores& stores, Window const& range) {
-    std::vector<std::pair<long long, long long>> last(timelineSources().size());
+// The newest entry of each source, by source: where following starts.
+using Marks = std::vector<std::pair<long long, long long>>;
+Marks newestOf(Stores& stores) {
+    Marks last(timelineSources().size());
     for (OpenStore& open : stores) {
         for (int source : open.sources) {
             Window newestFirst;
@@ -226,6 +232,11 @@ void follow(Options const& options, Stores& stores, Window const& range) {
                 last[static_cast<std::size_t>(source)] = {feed.head().time, feed.head().key};
         }
     }
+    return last;
+}
+
+// After `last` of each source, what is recorded from now on, until interrupted.
+void follow(Options const& options, Stores& stores, Window const& range, Marks last) {
     std::vector<zrn::StoreReader*> readers;
     for (OpenStore& open : stores) readers.push_back(open.reader.get());
     Format const format = outputStyle().format;
@@ -237,6 +248,7 @@ void follow(Options const& options, Stores& stores, Window const& range) {
             std::tie(window.afterTime, window.afterKey) = last[static_cast<std::size_t>(source)];
             return window;
         };
+        Snapshots const now = snapshotsOf(stores);
         merge(stores, windowOf, [&](TimelineEntry const& entry) {
             last[static_cast<std::size_t>(entry.source)] = {entry.time, entry.key};
             printer.add(timelineRecord(options.json, entry));
@@ -262,12 +274,18 @@ void timeline(Options const& options, TimelineArgs args) {
     window.since = range.since;
     window.until = range.until;
     readOrFail([&] {
-        if (!args.follow) return printWindow(options, args, stores, window, std::cout);
-        // Printed as a batch of its own, so that the header is on it whatever follows.
-        std::ostringstream first;
-        printWindow(options, args, stores, window, first);
-        std::cout << first.str() << std::flush;
-        follow(options, stores, window);
+        Marks last;
+        {
+            // Following starts after the newest entries as they were when printed.
+            Snapshots const now = snapshotsOf(stores);
+            if (!args.follow) return printWindow(options, args, stores, window, std::cout);
+            // Printed as a batch of its own, so that the header is on it whatever follows.
+            std::ostringstream first;
+            printWindow(options, args, stores, window, first);
+            std::cout << first.str() << std::flush;
+            last = newestOf(stores);
+        }
+        follow(options, stores, window, std::move(last));
     });
 }
 
@@ -275,17 +293,25 @@ void timeline(Options const& options, TimelineArgs args) {
 
 void addTimelineCommand(CLI::App& app, Options& options) {
     static TimelineArgs args;
-    std::string kinds;
-    for (std::string const& kind : timelineKinds()) kinds += (kinds.empty() ? "" : ", ") + kind;
+    std::string const example = "datastore timeline --since -1d --kind test,alert";
     CLI::App* c = addInspection(
         app, options, "timeline",
-        "What happened, from every store, oldest first: application and script runs, test "
-        "results (FAIL marked), alerts, generic logs, state items, repair sessions with their "
-        "diagnostics, issues and fix actions; SEE is the command showing the record. A store "
-        "that does not exist is passed over",
-        "datastore timeline --since -1d --kind test,alert", true, false);
-    c->add_option("--kind", args.kinds,
-                  "Only entries of these kinds (repeatable, or a comma list): " + kinds)
+        "What the stores recorded, merged by time, oldest first; SEE is the command that shows "
+        "the entry's record",
+        example, true, false);
+    c->footer(
+        "Kinds: state (an application-state item entered), log (a generic log created, "
+        "updated), app (an application run started, ended), script (a script run started, "
+        "ended with its result), test (a test run finished: its result, failed when FAIL), alert "
+        "(raised; tracked or not), session (a repair session started, ended), diagnostic, issue, "
+        "fix (of a repair session).\n"
+        "Entries of one second: by store (appstate, genstore, event, softwarediagevent), then "
+        "in the order of the kinds, then by id.\n"
+        "A store file that does not exist is passed over; one named with --store or --file, "
+        "or none at all, is a store error (exit 2).\n"
+        "Example: " +
+        example);
+    c->add_option("--kind", args.kinds, "Only entries of these kinds (repeatable, or a comma list)")
         ->delimiter(',')
         ->check(CLI::IsMember(timelineKinds()));
     c->add_option("--store", args.stores,

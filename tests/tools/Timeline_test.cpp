@@ -1,0 +1,196 @@
+// datastore timeline, run as a separate process on a demo day whose stores are given times
+// that interleave: the order across stores, the filters and every format are pinned by a
+// golden file (tool/timeline.txt); following and the terminal are checked on their own.
+
+#include <gtest/gtest.h>
+#include <libDataStore/EventDataStore.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Golden.h"
+#include "TestSupport.h"
+#include "ToolRun.h"
+
+namespace zrn {
+namespace {
+
+using Json = nlohmann::json;
+using test::quoted;
+using test::ToolRun;
+
+// 2026-11-23 00:00:00 UTC, the demo's day.
+long long const kDay = 1795392000;
+
+class TimelineTest : public ::testing::Test {
+protected:
+    // Runs the tool on this test's stores, in UTC; `columns` > 0: in a pseudo-terminal of
+    // that width (script(1)), else piped.
+    ToolRun tool(std::vector<std::string> const& args, int columns = 0) const {
+        std::string command =
+            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
+            "DATASTORE_PAGER=cat TZ=UTC USER=technician " +
+            quoted(DATASTORE_TOOL);
+        for (auto const& arg : args) command += " " + quoted(arg);
+        command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
+        if (columns > 0) {
+            command = "script -qec " +
+                      quoted("stty cols " + std::to_string(columns) + " rows 24; " + command) +
+                      " /dev/null </dev/null";
+        }
+        ToolRun run = test::runShell(command);
+        run.err = test::readFile(m_dir.file("stderr.txt"));
+        if (columns > 0)
+            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
+        return run;
+    }
+
+    // The demo's day, with the times and GUIDs the other stores take from the clock moved into it:
+    // logs among the first script's tests, an update in the same second as a test, the items in the
+    // second the application ends (one written in a zone of its own, so that it sorts last), the
+    // repair session after it.
+    void demoDay() {
+        ASSERT_EQ(tool({"demo", "--day", "2026-11-23"}).code, 0);
+        std::string const t = std::to_string(kDay);
+        test::RawDb(store("genstore.db"))
+            .exec("UPDATE GenericLog SET creationTimeStamp = " + t +
+                  " + 32580 + rowid * 60;"
+                  "UPDATE GenericLog SET updateTimeStamp = creationTimeStamp;"
+                  "UPDATE GenericLog SET updateTimeStamp = " +
+                  t +
+                  " + 50680 WHERE rowid = 1;"
+                  "UPDATE GenericLog SET guid = printf('0000000%d-0000-4000-8000-000000000000', "
+                  "rowid);");
+        test::RawDb(store("appstate.db"))
+            .exec(
+                "UPDATE AppState SET dateTime = '2026-11-23T16:45:00+00:00';"
+                "UPDATE AppState SET dateTime = '2026-11-23T08:00:00-09:00' WHERE rowid = 2;");
+        std::string const five = t + " + 61200";
+        test::RawDb(store("softwarediagevent.db"))
+            .exec("UPDATE Sessions SET startTimeStamp = " + five + ", endTimeStamp = " + five +
+                  " + 1800;"
+                  "UPDATE SoftwareDiagnostics SET startTimeStamp = " +
+                  five +
+                  " + rowid * 60;"
+                  "UPDATE Issues SET timeStamp = " +
+                  five +
+                  " + softwareDiagnosticId * 60 + 30;"
+                  "UPDATE FixActions SET startTimeStamp = " +
+                  five + " + 600 + rowid * 60;");
+    }
+
+    std::string store(char const* name) const { return m_stores + "/" + name; }
+
+    test::TempDir m_dir;
+    std::string const m_stores = m_dir.file("stores");
+};
+
+TEST_F(TimelineTest, OneDayAcrossTheStoresInOrderNarrowedByEveryFilter) {
+    demoDay();
+    std::vector<std::vector<std::string>> const commands{
+        {"timeline"},
+        {"timeline", "-o", "ndjson"},
+        {"timeline", "--kind", "test,alert", "--store", "event", "-r"},
+        {"timeline", "--kind", "session", "--kind", "fix", "-n", "3"},
+        {"timeline", "--since", "2026-11-23T14:04:40", "--until", "2026-11-23T16:45", "-o", "csv"},
+        {"timeline", "-n", "2", "-r", "-o", "json"},
+        {"timeline", "--kind", "bogus"},
+        {"timeline", "--store", "event", "--follow", "-r"}};
+    std::string text;
+    for (auto const& command : commands) {
+        ToolRun const run = tool(command);
+        text += "##";
+        for (std::string const& arg : command) text += " " + arg;
+        text += "\n" + run.out + run.err + "exit " + std::to_string(run.code) + "\n";
+    }
+    test::expectGolden("tool/timeline.txt", text);
+
+    // A store that is not there has nothing to show; one named, or no store at all, is an error.
+    std::remove(store("appstate.db").c_str());
+    ToolRun const rest = tool({"timeline", "-o", "ndjson"});
+    EXPECT_EQ(rest.code, 0) << rest.err;
+    EXPECT_EQ(rest.out.find("appstate"), std::string::npos);
+    EXPECT_EQ(rest.records().size(), tool({"timeline", "-o", "ndjson"}).records().size());
+    EXPECT_EQ(tool({"timeline", "--store", "appstate"}).code, 2);
+    for (char const* name : {"event.db", "genstore.db", "softwarediagevent.db"})
+        std::remove(store(name).c_str());
+    ToolRun const none = tool({"timeline"});
+    EXPECT_EQ(none.code, 2);
+    EXPECT_NE(none.err.find("no such store, nor any other in its folder"), std::string::npos);
+}
+
+TEST_F(TimelineTest, TerminalLinesFitTheScreenAndKeepTheirCommandsWhole) {
+    demoDay();
+    std::vector<Json> const records = tool({"timeline", "-o", "ndjson"}).records();
+    ToolRun const terminal = tool({"timeline"}, 100);
+    ASSERT_EQ(terminal.code, 0) << terminal.err;
+    std::vector<std::string> const lines = terminal.lines();
+    ASSERT_EQ(lines.size(), records.size() + 1) << terminal.out;
+    EXPECT_EQ(lines[0].rfind("TIME (UTC+00:00)", 0), 0u) << lines[0];
+    // The long descriptions give way, not the commands.
+    EXPECT_NE(terminal.out.find("Storage/NVMe created: "), std::string::npos) << terminal.out;
+    EXPECT_EQ(terminal.out.find("CheckedBy=Quick hardware check"), std::string::npos);
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        EXPECT_LE(lines[i].size(), 100u) << lines[i];
+        std::string const command = records[i - 1]["command"];
+        EXPECT_EQ(lines[i].substr(lines[i].size() - command.size()), command) << lines[i];
+    }
+}
+
+// Starts the tool in the background with its output in `out`; the pid is the tool's own.
+int startTool(std::string const& stores, std::vector<std::string> const& args,
+              std::string const& out) {
+    std::string command =
+        "exec env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE TZ=UTC " + quoted(DATASTORE_TOOL);
+    for (auto const& arg : args) command += " " + quoted(arg);
+    command += " --dir " + quoted(stores) + " >" + quoted(out) + " 2>&1";
+    return test::spawnProcess({"/bin/sh", "-c", command});
+}
+
+TEST_F(TimelineTest, FollowPrintsWhatIsRecordedAfterTheNewestEntries) {
+    demoDay();
+    std::string const out = m_dir.file("follow.out");
+    int const pid = startTool(m_stores, {"timeline", "-f", "-n", "1", "-o", "ndjson"}, out);
+    struct Stopper {
+        int pid;
+        ~Stopper() {
+            if (::kill(pid, SIGKILL) == 0) test::waitProcess(pid, 5);
+        }
+    } const stopper{pid};
+    // The follower starts in its own time: once it has printed the newest entry, record until
+    // it shows something new.
+    for (int i = 0; i < 100 && test::readFile(out).find("ended") == std::string::npos; ++i)
+        ::usleep(100 * 1000);
+    EventDataStore events(store("event.db"));
+    bool seen = false;
+    for (int i = 0; i < 40 && !seen; ++i) {
+        events.logAppStart("early", "u", "t", EventTimePoint(std::chrono::seconds(kDay + 86400)));
+        ::usleep(250 * 1000);
+        seen = test::readFile(out).find("early") != std::string::npos;
+    }
+    ASSERT_TRUE(seen) << test::readFile(out);
+    ToolRun const set = tool({"state", "set", "followed", "yes"});
+    ASSERT_EQ(set.code, 0) << set.err;
+    for (int i = 0; i < 40 && test::readFile(out).find("followed") == std::string::npos; ++i)
+        ::usleep(100 * 1000);
+    ::kill(pid, SIGINT);
+    EXPECT_EQ(test::waitProcess(pid, 10), 0);
+
+    // The newest entry, then only what came later, each as the timeline prints it.
+    std::vector<std::string> lines;
+    std::istringstream stream(test::readFile(out));
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    ASSERT_GE(lines.size(), 3u);
+    EXPECT_NE(lines[0].find("\"session 1 ended\""), std::string::npos) << lines[0];
+    for (std::size_t i = 1; i + 1 < lines.size(); ++i)
+        EXPECT_NE(lines[i].find("\"early started (t, u)\""), std::string::npos) << lines[i];
+    EXPECT_EQ(lines.back(),
+              tool({"timeline", "--kind", "state", "-n", "1", "-o", "ndjson"}).lines().at(0));
+}
+
+}  // namespace
+}  // namespace zrn
