@@ -184,6 +184,49 @@ TEST_F(StoreReaderTest, TypedReadersOfTheEventStore) {
     EXPECT_FALSE(alertExists(reader, 2));
 }
 
+// The keys of the rows `query` selects, as forEachRow and as a cursor hand them out.
+std::vector<long long> keysOf(StoreReader& reader, std::string const& table,
+                              StoreRowQuery const& query) {
+    std::vector<long long> keys;
+    reader.forEachRow(
+        table, [&](StoreRow const& row) { keys.push_back(row.key); }, query);
+    StoreReader::Cursor cursor(reader, table, query);
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        EXPECT_TRUE(cursor.next());
+        EXPECT_EQ(cursor.row().key, keys[i]);
+    }
+    EXPECT_FALSE(cursor.next());
+    return keys;
+}
+
+TEST_F(StoreReaderTest, RowsInTheOrderOfAColumnWithinBoundsOneAtATime) {
+    makeOddFile();
+    // Times as text, as some tables keep them; equal times, a NULL and a name to quote.
+    test::RawDb(m_odd).exec(
+        "CREATE TABLE `ti'med` (`wh en` TEXT, n INTEGER);"
+        "INSERT INTO `ti'med` VALUES ('300', 1), ('100', 2), (NULL, 3), ('100', 4), ('200', 5);");
+    StoreReader reader(m_odd);
+    StoreRowQuery query;
+    query.orderBy = "wh en";
+    EXPECT_EQ(keysOf(reader, "ti'med", query), (std::vector<long long>{3, 2, 4, 5, 1}));
+    query.atLeast = StoreCell::of(100);
+    EXPECT_EQ(keysOf(reader, "ti'med", query), (std::vector<long long>{2, 4, 5, 1}));
+    query.descending = true;
+    EXPECT_EQ(keysOf(reader, "ti'med", query), (std::vector<long long>{1, 5, 4, 2}));
+    query.atLeast = StoreCell::of(150);
+    query.atMost = StoreCell::of(std::string("300"));
+    query.limit = 1;
+    EXPECT_EQ(keysOf(reader, "ti'med", query), (std::vector<long long>{1}));
+    // Cursors of one reader go on side by side, each with its own row.
+    StoreReader::Cursor keyed(reader, "Keyed");
+    StoreReader::Cursor timed(reader, "ti'med", query);
+    ASSERT_TRUE(keyed.next() && timed.next() && keyed.next());
+    EXPECT_EQ(keyed.row()["name"].asText(), "twenty");
+    EXPECT_EQ(timed.row()["n"].asInteger(), 1);
+    EXPECT_EQ(messageOf([&] { StoreReader::Cursor(reader, "none"); }),
+              "other: " + m_odd + ": no table `none`");
+}
+
 TEST_F(StoreReaderTest, OneSnapshotAcrossReadsAndTheChangeCounter) {
     makeOddFile();
     StoreReader reader(m_odd);
