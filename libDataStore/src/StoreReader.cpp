@@ -211,6 +211,13 @@ std::vector<std::string> StoreReader::tableNames() {
 }
 
 StoreTable StoreReader::table(std::string const& name) {
+    StoreTable table = shape(name);
+    run("SELECT count(*) FROM " + identifier(name),
+        [&](StoreRow const& row) { table.rows = row.cells[0].integer; });
+    return table;
+}
+
+StoreTable StoreReader::shape(std::string const& name) {
     StoreTable table;
     table.name = name;
     int keys = 0;
@@ -229,8 +236,6 @@ StoreTable StoreReader::table(std::string const& name) {
         throw StoreReadError(m_path + ": no table " + identifier(name),
                              StoreReadError::Cause::Other);
     table.rowKey = keys == 1 && !keyColumn.empty() ? keyColumn : "rowid";
-    run("SELECT count(*) FROM " + identifier(name),
-        [&](StoreRow const& row) { table.rows = row.cells[0].integer; });
     return table;
 }
 
@@ -281,7 +286,8 @@ std::vector<std::string> StoreReader::integrityCheck(int maxFindings) {
 // ---- Rows -----------------------------------------------------------------------------------
 
 std::string StoreReader::selectText(std::string const& name, StoreRowQuery const& query) {
-    StoreTable const shape = table(name);
+    // Its columns and key only: counting the rows would read the whole table per statement.
+    StoreTable const shape = this->shape(name);
     std::string sql = "SELECT ";
     std::vector<std::string> const columns = shape.readColumns();
     for (std::size_t i = 0; i < columns.size(); ++i)
@@ -314,7 +320,7 @@ long long StoreReader::forEachRow(std::string const& name, RowFunction const& on
 }
 
 long long StoreReader::lastKey(std::string const& name) {
-    std::string const key = table(name).rowKey;
+    std::string const key = shape(name).rowKey;
     long long last = 0;
     run("SELECT max(" + (key == "rowid" ? key : identifier(key)) + ") FROM " + identifier(name),
         [&](StoreRow const& row) { last = row.cells[0].asInteger(); });

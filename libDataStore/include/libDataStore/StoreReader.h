@@ -206,6 +206,7 @@ private:
     };
     void run(std::string const& sql, std::function<void(StoreRow const&)> const& onRow);
     sqlite3_stmt* prepare(std::string const& sql);
+    StoreTable shape(std::string const& table);  // table() without the row count
     std::string selectText(std::string const& table, StoreRowQuery const& query);
     [[noreturn]] void fail(std::string const& what, int code) const;
 
