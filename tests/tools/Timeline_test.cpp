@@ -49,38 +49,29 @@ protected:
         return run;
     }
 
-    // The demo's day, with the times and GUIDs the other stores take from the clock moved into it:
-    // logs among the first script's tests, an update in the same second as a test, the items in the
-    // second the application ends (one written in a zone of its own, so that it sorts last), the
-    // repair session after it.
+    // The demo's day, with the times and GUIDs the other stores take from the clock moved into
+    // it: logs among the first script's tests, an update in the same second as a test, the
+    // items in the second the application ends (one written in a zone of its own, so that it
+    // sorts last), the repair session after it, its diagnostics in one second.
     void demoDay() {
         ASSERT_EQ(tool({"demo", "--day", "2026-11-23"}).code, 0);
-        std::string const t = std::to_string(kDay);
-        test::RawDb(store("genstore.db"))
-            .exec("UPDATE GenericLog SET creationTimeStamp = " + t +
-                  " + 32580 + rowid * 60;"
-                  "UPDATE GenericLog SET updateTimeStamp = creationTimeStamp;"
-                  "UPDATE GenericLog SET updateTimeStamp = " +
-                  t +
-                  " + 50680 WHERE rowid = 1;"
-                  "UPDATE GenericLog SET guid = printf('0000000%d-0000-4000-8000-000000000000', "
-                  "rowid);");
-        test::RawDb(store("appstate.db"))
-            .exec(
-                "UPDATE AppState SET dateTime = '2026-11-23T16:45:00+00:00';"
-                "UPDATE AppState SET dateTime = '2026-11-23T08:00:00-09:00' WHERE rowid = 2;");
-        std::string const five = t + " + 61200";
-        test::RawDb(store("softwarediagevent.db"))
-            .exec("UPDATE Sessions SET startTimeStamp = " + five + ", endTimeStamp = " + five +
-                  " + 1800;"
-                  "UPDATE SoftwareDiagnostics SET startTimeStamp = " +
-                  five +
-                  " + rowid * 60;"
-                  "UPDATE Issues SET timeStamp = " +
-                  five +
-                  " + softwareDiagnosticId * 60 + 30;"
-                  "UPDATE FixActions SET startTimeStamp = " +
-                  five + " + 600 + rowid * 60;");
+        auto const at = [](long long seconds) { return std::to_string(kDay + seconds); };
+        test::RawDb general(store("genstore.db"));
+        general.exec("UPDATE GenericLog SET creationTimeStamp = " + at(32580) + " + rowid * 60");
+        general.exec("UPDATE GenericLog SET updateTimeStamp = creationTimeStamp");
+        general.exec("UPDATE GenericLog SET updateTimeStamp = " + at(50680) + " WHERE rowid = 1");
+        general.exec(
+            "UPDATE GenericLog SET guid = "
+            "printf('%08d-0000-4000-8000-000000000000', rowid)");
+        test::RawDb state(store("appstate.db"));
+        state.exec("UPDATE AppState SET dateTime = '2026-11-23T16:45:00+00:00'");
+        state.exec("UPDATE AppState SET dateTime = '2026-11-23T08:00:00-09:00' WHERE rowid = 2");
+        test::RawDb repair(store("softwarediagevent.db"));
+        repair.exec("UPDATE Sessions SET startTimeStamp = " + at(61200) +
+                    ", endTimeStamp = " + at(63000));
+        repair.exec("UPDATE SoftwareDiagnostics SET startTimeStamp = " + at(61260));
+        repair.exec("UPDATE Issues SET timeStamp = " + at(61230) + " + softwareDiagnosticId * 60");
+        repair.exec("UPDATE FixActions SET startTimeStamp = " + at(61800) + " + rowid * 60");
     }
 
     std::string store(char const* name) const { return m_stores + "/" + name; }
@@ -98,6 +89,7 @@ TEST_F(TimelineTest, OneDayAcrossTheStoresInOrderNarrowedByEveryFilter) {
         {"timeline", "--kind", "session", "--kind", "fix", "-n", "3"},
         {"timeline", "--since", "2026-11-23T14:04:40", "--until", "2026-11-23T16:45", "-o", "csv"},
         {"timeline", "-n", "2", "-r", "-o", "json"},
+        {"timeline", "--kind", "diagnostic", "-r", "--since", "2026-11-23T16:45"},
         {"timeline", "--kind", "bogus"},
         {"timeline", "--store", "event", "--follow", "-r"}};
     std::string text;
