@@ -85,19 +85,22 @@ double noise(std::mt19937_64& random, double spread) {
     return (uniform(random) + uniform(random) + uniform(random) - 1.5) * 2 * spread;
 }
 
-// The disk fails a few runs early, most runs late.
-double diskFailureChance(double progress) { return 0.06 + 0.88 * progress * progress; }
+// How far the disk has gone, from 0 (a rare failure) to 1 (fails almost always): it wears
+// over its last weeks, whatever the number of days recorded.
+double diskWear(int daysLeft) { return std::exp(-daysLeft / 8.0); }
 
-void planScripts(DayPlan& plan, double progress, bool last) {
+void planScripts(DayPlan& plan, int daysLeft) {
     Day const& day = plan.day;
     std::mt19937_64& random = plan.random;
-    int const reallocated = 101 + static_cast<int>(std::lround(44 * progress * progress));
+    bool const last = daysLeft == 0;
+    double const wear = diskWear(daysLeft);
+    int const reallocated = 101 + static_cast<int>(std::lround(44 * wear));
     std::vector<long long> starts{day.at(9, between(random, 0, 45)),
                                   day.at(13, between(random, 0, 90))};
     if (!last && chance(random, 0.4)) starts.push_back(day.at(15, between(random, 30, 58)));
     for (std::size_t i = 0; i < starts.size(); ++i) {
-        ScriptPlan script{starts[i], chance(random, 0.07),
-                          chance(random, diskFailureChance(progress)), reallocated};
+        ScriptPlan script{starts[i], chance(random, 0.07), chance(random, 0.05 + 0.9 * wear),
+                          reallocated};
         // The last day: it fails in the morning; the repair at noon fixes it.
         if (last) script.diskFails = i == 0;
         if (last && i > 0) script.memoryFails = false;
@@ -113,13 +116,13 @@ void planScripts(DayPlan& plan, double progress, bool last) {
 }
 
 // The disk's warning after its first failure, the battery's now and then, the driver's daily.
-void planAlerts(DayPlan& plan, double progress) {
+void planAlerts(DayPlan& plan, double wear) {
     std::mt19937_64& random = plan.random;
     std::vector<AlertPlan> alerts;
     for (ScriptPlan const& script : plan.scripts) {
         if (!script.diskFails) continue;
         alerts.push_back({AlertKind::Disk, script.start + 60 * between(random, 6, 12),
-                          chance(random, 0.15 + 0.6 * progress), script.reallocated});
+                          chance(random, 0.15 + 0.6 * wear), script.reallocated});
         break;
     }
     if (chance(random, 0.35)) {
@@ -144,8 +147,8 @@ DayPlan storyDay(Day const& lastDay, int index, int count, std::uint64_t seed) {
     plan.random.seed(seq);
     double const progress = count > 1 ? static_cast<double>(index) / (count - 1) : 1.0;
     bool const last = index == count - 1;
-    planScripts(plan, progress, last);
-    planAlerts(plan, progress);
+    planScripts(plan, count - 1 - index);
+    planAlerts(plan, diskWear(count - 1 - index));
     std::mt19937_64& random = plan.random;
     // Dust and age: the temperature and the memory in use creep up; now and then a spike.
     plan.measurements = {5 * progress + noise(random, 0.8), 4 * progress + noise(random, 1.0),
