@@ -995,7 +995,7 @@ TEST_F(DatastoreToolTest, EachRecordKindIsPrintedOneWayByEveryCommand) {
         {"state-item", {{"state", "list"}, {"state", "get", "scheduler.lastRun", "--json"}}},
         // The session with its transactions, diagnostics, issues and fix actions.
         {"session", {{"sessions"}, {"session", "1"}}},
-        {"summary", {{"summary"}}}};
+        {"summary", {{"summary"}, {"summary", "--by-day"}}}};
     std::map<std::string, std::string> guids;
     for (auto const& [kind, commands] : kinds) {
         std::string text;

@@ -108,5 +108,48 @@ TEST_F(DemoStoryTest, TheSameSeedRecordsTheSameMonthAndItsDiskGetsWorseUntilRepa
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("none")));
 }
 
+// The support engineer's first look at a month: one 80x24 screen that names the disk getting
+// worse, with every list capped and the command that shows all of it; the machine formats
+// carry the same facts.
+TEST_F(DemoStoryTest, TheSummaryOfAMonthFitsOneScreenAndNamesTheDiskGettingWorse) {
+    ASSERT_EQ(tool("m", {"demo", "--days", "30", "--seed", "1", "--day", "2026-11-23"}).code, 0);
+    // Three more kinds of alert in the last week: six groups, of which four are shown.
+    test::RawDb(m_dir.file("m/event.db"))
+        .exec(
+            "INSERT INTO Alerts (appId, guid, key, type, title, message, deviceName, dateTime, "
+            "tracked) VALUES (30, 'g1', 'k', 'Hardware', 'Fan noisy', '', 'Fan', 1795400000, "
+            "0), (30, 'g2', 'k', 'Hardware', 'Fan slow', '', 'Fan', 1795400001, 0), (30, 'g3', "
+            "'k', 'Hardware', 'Fan stopped', '', 'Fan', 1795400002, 0)");
+    ToolRun const screen = tool("m", {"summary"}, true);
+    ASSERT_EQ(screen.code, 0) << screen.err;
+    std::vector<std::string> const lines = screen.lines();
+    EXPECT_LE(lines.size(), 23u) << screen.out;  // and the prompt after it
+    for (std::string const& line : lines) EXPECT_LE(line.size(), 80u) << line;
+    EXPECT_EQ(lines.at(0),
+              "Summary since 2026-11-17 00:00:00: the last 7 days recorded (--all: everything)");
+    auto const disk = std::find_if(lines.begin(), lines.end(), [](std::string const& line) {
+        return line.rfind("Disk SMART check  NVMe SSD 512 GB", 0) == 0;
+    });
+    ASSERT_NE(disk, lines.end()) << screen.out;
+    EXPECT_NE(disk->find(" of 17  "), std::string::npos) << *disk;
+    EXPECT_NE(disk->find("  worse  DSK-0112"), std::string::npos) << *disk;
+    EXPECT_NE(screen.out.find("\nand 2 more: datastore alerts --since 2026-11-17\n"),
+              std::string::npos)
+        << screen.out;
+    EXPECT_NE(screen.out.find("\nits issues and fix actions: datastore session 1\n"),
+              std::string::npos);
+
+    // The same facts for programs: every group, the halves' failure rates.
+    std::vector<nlohmann::json> const records = tool("m", {"summary", "-o", "ndjson"}).records();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records[0]["deviceName"], "NVMe SSD 512 GB");
+    EXPECT_EQ(records[0]["trend"], "worse");
+    EXPECT_EQ(records[0]["runs"], 17);
+    EXPECT_GT(records[0]["secondHalfFailureRate"], records[0]["firstHalfFailureRate"]);
+    EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                            [](auto const& r) { return r["record"] == "alertGroup"; }),
+              6);
+}
+
 }  // namespace
 }  // namespace zrn

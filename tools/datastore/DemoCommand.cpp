@@ -8,8 +8,10 @@
 // With --days N (and --seed S, default 1) it records N consecutive days ending on that day, the
 // same records for the same command, a story worth exploring:
 // - the "Disk SMART check" on "NVMe SSD 512 GB" fails with DSK-0112 a few runs early and most
-//   runs late, its reallocated sectors rising, until the last day's repair session (which also
-//   updates the Wi-Fi driver and disables start-up programs) fixes it: the afternoon passes;
+//   runs late (it wears over its last weeks, so the last week of any story fails more often in
+//   its second half), its reallocated sectors rising, until the last day's repair session
+//   (which also updates the Wi-Fi driver and disables start-up programs) fixes it: the last
+//   afternoon passes;
 // - the memory test fails now and then (MEM-0031);
 // - CPU temperature and memory usage drift up over the days, with a spike now and then;
 // - two or three script runs a day at varying times; the disk's warning after its first
