@@ -262,12 +262,14 @@ Json showCommand(Shown const* shown, zrn::StoreRow const& row) {
 std::vector<Field> matchFields(Pattern const& pattern) {
     Field text{"text", "TEXT", 0, false};
     text.mark = [&pattern](std::string const& cell) { return pattern.highlighted(cell); };
-    return {{"store", "STORE", 3, true},
-            {"table", "TABLE", 0, true},
-            {"row", "ROW", 0, true},
-            {"column", "COLUMN", 0, true},
-            {"time", "TIME", 2, false},
-            {"show", "SHOWN BY", 1, true},
+    // A narrow terminal keeps the time, the command and the text: the command names the
+    // record, the table and row only say where it is stored.
+    return {{"store", "STORE", 5, true},
+            {"table", "TABLE", 4, true},
+            {"row", "ROW", 2, true},
+            {"column", "COLUMN", 3, true},
+            {"time", "TIME", 1, false},
+            {"show", "SHOWN BY", 0, true},
             std::move(text)};
 }
 
