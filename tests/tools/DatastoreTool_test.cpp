@@ -325,7 +325,7 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
          {"",           "demo",    "info",  "check",      "summary",   "apps",         "scripts",
           "tests",      "events",  "tips",  "failures",   "alerts",    "measurements", "diffs",
           "scriptlets", "logs",    "state", "state list", "state get", "state set",    "state rm",
-          "sessions",   "session", "prune", "export",     "collect",   "report"}) {
+          "sessions",   "session", "prune", "export",     "collect",   "report",       "grep"}) {
         std::vector<std::string> args;
         std::istringstream words(command);
         for (std::string word; words >> word;) args.push_back(word);
