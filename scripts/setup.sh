@@ -10,7 +10,7 @@ packages=(
     libgtest-dev libgmock-dev
     libbenchmark-dev
     libcli11-dev nlohmann-json3-dev
-    libutf8proc-dev
+    libutf8proc-dev libpcre2-dev
     libarchive-dev libssl-dev
     libjs-chart.js chromium
     python3 gcovr

@@ -322,10 +322,11 @@ TEST_F(DatastoreToolTest, StateSetReplacesAndRmRemoves) {
 TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
     std::string text;
     for (std::string const command :
-         {"",         "demo",       "info",    "check", "summary",    "timeline",  "apps",
-          "scripts",  "tests",      "events",  "tips",  "failures",   "alerts",    "measurements",
-          "diffs",    "scriptlets", "logs",    "state", "state list", "state get", "state set",
-          "state rm", "sessions",   "session", "prune", "export",     "collect",   "report"}) {
+         {"",           "demo",    "info",  "check",      "summary",   "apps",         "scripts",
+          "tests",      "events",  "tips",  "failures",   "alerts",    "measurements", "diffs",
+          "scriptlets", "logs",    "state", "state list", "state get", "state set",    "state rm",
+          "sessions",   "session", "prune", "export",     "collect",   "report",       "grep",
+          "timeline"}) {
         std::vector<std::string> args;
         std::istringstream words(command);
         for (std::string word; words >> word;) args.push_back(word);
@@ -995,7 +996,7 @@ TEST_F(DatastoreToolTest, EachRecordKindIsPrintedOneWayByEveryCommand) {
         {"state-item", {{"state", "list"}, {"state", "get", "scheduler.lastRun", "--json"}}},
         // The session with its transactions, diagnostics, issues and fix actions.
         {"session", {{"sessions"}, {"session", "1"}}},
-        {"summary", {{"summary"}}}};
+        {"summary", {{"summary"}, {"summary", "--by-day"}}}};
     std::map<std::string, std::string> guids;
     for (auto const& [kind, commands] : kinds) {
         std::string text;

@@ -1,4 +1,4 @@
-// The tool's support commands (prune, export, follow, collect, report), run as a separate
+// The tool's support commands (prune, export, follow, collect), run as a separate
 // process; what they write is read back with the raw sqlite3 API and parsed.
 
 #include <gtest/gtest.h>
@@ -367,91 +367,6 @@ TEST_F(SupportToolTest, CollectBundlesConsistentCopiesWithTheirManifestWhileTheS
     std::filesystem::remove_all(m_stores);
     EXPECT_EQ(tool({"collect", "--out", m_dir.file("none.tar.gz")}).code, 2);
     EXPECT_FALSE(std::filesystem::exists(m_dir.file("none.tar.gz")));
-}
-
-// ---- report
-
-// Runs headless chromium on `page` with `args` (--dump-dom, --screenshot=...); its stdout.
-std::string chromium(test::TempDir const& dir, std::string const& page, std::string const& args) {
-    std::string const profile = dir.file("profile");
-    std::filesystem::remove_all(profile);
-    std::filesystem::create_directories(profile);
-    std::string const out = dir.file("chromium.out");
-    std::string const command =
-        "cd " + quoted(dir.path()) +
-        " && timeout 120 chromium --headless --no-sandbox --disable-gpu --disable-quic "
-        "--no-first-run --disable-background-networking --disable-component-update "
-        "--disable-sync --user-data-dir=" +
-        quoted(profile) + " --window-size=1000,3000 " + args + " " + quoted("file://" + page) +
-        " >" + quoted(out) + " 2>/dev/null";
-    EXPECT_EQ(test::runProcess({"/bin/sh", "-c", command}), 0) << command;
-    return test::readFile(out);
-}
-
-std::size_t occurrences(std::string const& text, std::string const& what) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
-
-TEST_F(SupportToolTest, ReportDrawsItsChartsAndTablesInARealBrowser) {
-    if (test::runProcess({"/bin/sh", "-c", "command -v chromium >/dev/null"}) != 0)
-        GTEST_SKIP() << "chromium is not installed (scripts/setup.sh installs it)";
-    demo();
-    {
-        // Store text that would be markup if it were not escaped.
-        EventDataStore events(store("event.db"));
-        EventDataStore::AlertData alert;
-        alert.guid = "hostile";
-        alert.type = "Hardware";
-        alert.title = "<script>document.title='owned'</script><b id=\"injected\">x</b>";
-        alert.message = "Tom & \"Jerry\" </table>";
-        alert.time = at(std::time(nullptr));
-        ASSERT_TRUE(events.logAlert(alert));
-    }
-    std::string const page = m_dir.file("report.html");
-    ToolRun const run = tool({"report", "--out", page, "-o", "ndjson"});
-    ASSERT_EQ(run.code, 0) << run.err;
-    Json const summary = run.records().at(0);
-    std::string const html = test::readFile(page);
-    // Self-contained: nothing fetched, the chart library inlined.
-    EXPECT_EQ(html.find("src="), std::string::npos);
-    EXPECT_EQ(html.find("http://"), std::string::npos);
-    EXPECT_NE(html.find("Chart.js v"), std::string::npos);
-
-    std::string const dom = chromium(m_dir, page, "--dump-dom");
-    // The page script counts the canvases Chart.js really drew pixels on: two measurement
-    // types, failures per device and per test, alerts per day.
-    std::string const charts = std::to_string(summary["charts"].get<int>());
-    EXPECT_EQ(summary["charts"], 5);
-    EXPECT_NE(dom.find("data-charts-drawn=\"" + charts + "\""), std::string::npos)
-        << dom.substr(0, 2000);
-    EXPECT_EQ(occurrences(dom, "<canvas"), 5u);
-    // Measurements, two per-group tables, every failure, alerts.
-    EXPECT_EQ(occurrences(dom, "<table>"), 5u);
-    EXPECT_NE(dom.find("NVMe SSD 512 GB"), std::string::npos);
-    // Shown as text, never run or parsed as markup.
-    EXPECT_EQ(dom.find("<b id=\"injected\">"), std::string::npos);
-    EXPECT_NE(dom.find("<title>Diagnostics report: "), std::string::npos);
-    EXPECT_NE(dom.find("&lt;script&gt;document.title="), std::string::npos);
-    EXPECT_NE(dom.find("Tom &amp; \"Jerry\" &lt;/table&gt;"), std::string::npos);
-
-    std::string const shot = m_dir.file("report.png");
-    chromium(m_dir, page, "--screenshot=" + shot);
-    std::string const png = test::readFile(shot);
-    ASSERT_GT(png.size(), 8u);
-    EXPECT_EQ(png.substr(1, 3), "PNG");
-    // Text and five charts compress to far more than an empty page does (a few KB).
-    EXPECT_GT(png.size(), 60000u);
-
-    // Without Chart.js there is no report.
-    m_env = "DATASTORE_CHARTJS=" + m_dir.file("missing.js");
-    ToolRun const missing = tool({"report", "--out", m_dir.file("other.html")});
-    EXPECT_EQ(missing.code, 2);
-    EXPECT_NE(missing.err.find("libjs-chart.js"), std::string::npos) << missing.err;
-    EXPECT_FALSE(std::filesystem::exists(m_dir.file("other.html")));
-    EXPECT_EQ(tool({"report"}).code, 1);
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ expect "bash: folders" "sub" "$(bash_complete datastore info --dir '')"
 expect "bash: any file" "custom.db notes.txt sub" "$(bash_complete datastore export --mark '')"
 expect "bash: export folder" "sub" "$(bash_complete datastore export --out '')"
 expect "bash: schema kinds" "clickhouse" "$(bash_complete datastore export --schema '')"
+expect "bash: grep's options" "--case-sensitive --count" "$(bash_complete datastore grep --c)"
 expect "bash: timeline kinds" "test" "$(bash_complete datastore timeline --kind te)"
 expect "bash: a free value has no candidates" "" "$(bash_complete datastore alerts --type '')"
 expect "bash: registered" "complete -F _datastore datastore" \

@@ -26,6 +26,7 @@ void addPruneCommand(CLI::App& app, Options& options);
 void addExportCommand(CLI::App& app, Options& options);
 void addCollectCommand(CLI::App& app, Options& options);
 void addReportCommand(CLI::App& app, Options& options);
+void addGrepCommand(CLI::App& app, Options& options);
 void addTimelineCommand(CLI::App& app, Options& options);
 
 // The store's verdict on itself, asked of a read-only opening so that nothing is completed,

@@ -14,6 +14,7 @@
 #include <iostream>
 #include <vector>
 
+#include "AtomicFile.h"
 #include "ClickHouseSchema.h"
 #include "Commands.h"
 #include "ExportMark.h"
@@ -130,33 +131,24 @@ TableCounts writeNdjson(std::ostream& out, zrn::StoreReader& reader, ExportTarge
 // there is always a whole table (or all of its changes).
 TableCounts exportTable(zrn::StoreReader& reader, ExportTarget const& target,
                         zrn::StoreTable const& table, std::string const& file) {
-    std::string const partial = file + ".partial";
-    std::ofstream out(partial, std::ios::binary | std::ios::trunc);
-    if (!out) throw ToolError(STORE, partial + ": cannot write: " + std::strerror(errno));
-    if (target.csv) {
-        // Even an empty table says what its columns are.
-        std::vector<std::string> const columns = table.readColumns();
-        for (std::size_t i = 0; i < columns.size(); ++i)
-            out << (i ? "," : "") << csvCell(columns[i]);
-        out << "\r\n";
-    }
     TableCounts counts;
-    try {
-        if (target.csv)
+    writeAtomically(file, [&](std::string const& partial) {
+        std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+        if (!out) throw ToolError(STORE, partial + ": cannot write: " + std::strerror(errno));
+        if (target.csv) {
+            // Even an empty table says what its columns are.
+            std::vector<std::string> const columns = table.readColumns();
+            for (std::size_t i = 0; i < columns.size(); ++i)
+                out << (i ? "," : "") << csvCell(columns[i]);
+            out << "\r\n";
             counts.rows = counts.sent = reader.forEachRow(
                 table.name, [&](zrn::StoreRow const& row) { writeCsvRow(out, row); });
-        else
+        } else {
             counts = writeNdjson(out, reader, target, table);
-    } catch (...) {
+        }
         out.close();
-        std::remove(partial.c_str());
-        throw;
-    }
-    out.close();
-    if (!out) throw ToolError(STORE, partial + ": cannot write: " + std::strerror(errno));
-    std::error_code error;
-    std::filesystem::rename(partial, file, error);
-    if (error) throw ToolError(STORE, file + ": cannot write: " + error.message());
+        if (!out) throw ToolError(STORE, partial + ": cannot write: " + std::strerror(errno));
+    });
     return counts;
 }
 

@@ -22,7 +22,7 @@ std::string scriptJson(Json const& value);
 std::string fillTemplate(std::string const& text, std::map<std::string, std::string> const& values);
 
 // The report's page (report.html beside this file, embedded at build time), to fill with
-// fillTemplate(): host, store, period, made, version, body, data, chartjs.
+// fillTemplate(): host, store, period, zone, made, version, body, data, chartjs.
 std::string const& reportTemplate();
 
 }  // namespace datastore

@@ -598,6 +598,7 @@ struct TableLayout {
     std::vector<std::size_t> widths;
     std::vector<bool> fixed;
     std::vector<bool> shown;
+    std::vector<std::function<std::string(std::string const&)>> marks;
 };
 
 // "2026-11-23 00:49:29", as localTime() writes it.
@@ -664,6 +665,7 @@ TableLayout layoutOf(std::vector<Field> const& fields, std::vector<Json> const& 
     }
     for (std::size_t c = 0; c < columns; ++c) {
         table.headers.push_back(fields[c].header + zoneOf(table.cells, c));
+        table.marks.push_back(fields[c].mark);
         table.widths[c] = displayWidth(table.headers[c]);
         for (auto const& row : table.cells)
             table.widths[c] = std::max(table.widths[c], displayWidth(row[c]));
@@ -737,6 +739,8 @@ void writeTable(std::ostream& out, TableLayout const& table) {
             // take no width.
             if (colour && !header && (cell == "FAIL" || cell == "ERROR")) {
                 text += "\x1b[31m" + cell + "\x1b[0m" + spaced.substr(cell.size());
+            } else if (colour && !header && table.marks[c]) {
+                text += table.marks[c](cell) + spaced.substr(cell.size());
             } else {
                 text += spaced;
             }

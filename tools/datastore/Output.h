@@ -6,6 +6,7 @@
 #include <libDataStore/StoreReader.h>
 
 #include <cstddef>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
@@ -24,6 +25,9 @@ struct Field {
     int drop = 0;
     // Identifiers (GUIDs, keys) are never cut: a cut one cannot be pasted into the next command.
     bool id = false;
+    // Colours parts of a cell as a terminal table shows it (escaped, fitted to its column):
+    // returns the text with escape codes added. Called only when colour is on.
+    std::function<std::string(std::string const&)> mark = nullptr;
 };
 
 // A record of the members given as key, value, key, value...: the same object as

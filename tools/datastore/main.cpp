@@ -148,6 +148,7 @@ void describe(CLI::App& app, Options& options) {
     addExportCommand(app, options);
     addCollectCommand(app, options);
     addReportCommand(app, options);
+    addGrepCommand(app, options);
 }
 
 // Parses and runs the command line; failures become one line on standard error and the exit
@@ -159,6 +160,8 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
                !std::strcmp(arg, "--follow");
     });
     Pager pager(!noPager);
+    // grep answers "nothing matched" with 1, as grep does: its usage errors are 2.
+    int const usage = commandWord(argc, argv) == "grep" ? STORE : USAGE;
     try {
         checkOptionNames(app, argc, argv);
         app.parse(argc, argv);
@@ -173,13 +176,15 @@ int parseAndRun(CLI::App& app, int argc, char** argv) {
     } catch (CLI::ParseError const& e) {
         pager.finish();
         std::cerr << "datastore: " << parseErrorLine(app, e, argc, argv) << "\n";
-        return USAGE;
+        return usage;
     } catch (ToolError const& e) {
         // What a command printed before it failed (check, info) is still one whole document.
         finishOutput(std::cout);
         pager.finish();
+        // No message: an answer, not a failure (grep's "nothing matched").
+        if (*e.what() == '\0') return e.code();
         std::cerr << "datastore: " << e.what() << "\n";
-        return e.code();
+        return e.code() == USAGE ? usage : e.code();
     } catch (zrn::Exception const& e) {
         pager.finish();
         std::cerr << "datastore: " << e.getMessage() << "\n";
