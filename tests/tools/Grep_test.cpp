@@ -71,21 +71,23 @@ TEST_F(GrepTest, FindsTheErrorCodeInTestRunsAndEventsWithTheirIds) {
 TEST_F(GrepTest, ReadsThePatternAsGrepDoes) {
     using Found = std::vector<std::string>;
     // Smart case: lower case matches any case, an upper-case letter only itself.
-    EXPECT_EQ(found({"grep", "dsk-0112"}, "row"), (Found{"2", "5"}));
+    EXPECT_EQ(found({"grep", "dsk-0112"}, "row"), (Found{"2", "5", "5", "13"}));
     EXPECT_EQ(found({"grep", "Dsk-0112"}, "row"), Found{});
-    EXPECT_EQ(found({"grep", "-i", "Dsk-0112"}, "row"), (Found{"2", "5"}));
+    EXPECT_EQ(found({"grep", "-i", "Dsk-0112"}, "row"), (Found{"2", "5", "5", "13"}));
     EXPECT_EQ(found({"grep", "-s", "dsk-0112"}, "row"), Found{});
     // \D is an escape, not an upper-case letter.
-    EXPECT_EQ(found({"grep", "dsk\\D0112"}, "row"), (Found{"2", "5"}));
+    EXPECT_EQ(found({"grep", "dsk\\D0112"}, "row"), (Found{"2", "5", "5", "13"}));
     // -F: regular expression characters are themselves.
     EXPECT_EQ(found({"grep", "-F", "(bit 17"}, "match"), Found{"\"(bit 17\""});
     EXPECT_EQ(found({"grep", "-F", "DSK.0112"}, "row"), Found{});
-    EXPECT_EQ(found({"grep", "-E", "DSK.0112"}, "row"), (Found{"2", "5"}));
+    EXPECT_EQ(found({"grep", "-E", "DSK.0112"}, "row"), (Found{"2", "5", "5", "13"}));
     EXPECT_EQ(found({"grep", "-w", "011"}, "row"), Found{});
     EXPECT_EQ(found({"grep", "-w", "0112", "--store", "event"}, "column"),
-              (Found{"\"errorCode\"", "\"errorCode\""}));
+              (Found{"\"errorCode\"", "\"errorCode\"", "\"customerEventCode\"",
+                     "\"customerEventCode\""}));
     // Rows with a time in the range; --limit counts cells.
-    EXPECT_EQ(found({"grep", "DSK-0112", "--since", "2026-11-23T12:00:00Z"}, "row"), Found{"5"});
+    EXPECT_EQ(found({"grep", "DSK-0112", "--since", "2026-11-23T12:00:00Z"}, "row"),
+              (Found{"5", "13"}));
     EXPECT_EQ(found({"grep", "DSK", "--limit", "1"}, "row"), Found{"2"});
 }
 

@@ -103,7 +103,7 @@ void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& tes
     bool const failed = std::string(test.result) == "FAIL";
     if (test.device.type == kMemory.type && failed) {
         store.logTestRunEvent(testId, "Pattern 0x55AA mismatch at 0x3A2F1000 (bit 17)", "ERROR",
-                              "2031", "MEM-31", at(start + 95));
+                              "2031", "MEM-0031", at(start + 95));
         store.logTestRunTip(testId, "memory.reseat", "Action", "Reseat the memory module",
                             "Switch off, unplug, and press DIMM A1 firmly into its slot.",
                             "If the error returns after reseating, replace the module.",
@@ -113,7 +113,7 @@ void runTest(zrn::EventDataStore& store, long long scriptId, TestPlan const& tes
             testId,
             zrn::String("Reallocated sector count " + std::to_string(script.reallocated) +
                         " exceeds threshold 100"),
-            "ERROR", "3112", "DSK-112", at(start + 40));
+            "ERROR", "3112", "DSK-0112", at(start + 40));
         store.logTestRunTip(testId, "disk.backup", "Action", "Back up your data",
                             "Copy important files to another drive today.",
                             "The drive is remapping failing sectors; more failures are likely.",
