@@ -100,6 +100,18 @@ TEST_F(EventDataStoreTest, ScriptRunsShareSpecsOfIdenticalXmlOnly) {
               (Rows{{"1"}, {"1"}, {"2"}}));
 }
 
+TEST_F(EventDataStoreTest, AlertQuestionsAnswerNoForAMissingAlertOrOneWithoutKeyValues) {
+    EventDataStore store{String(m_path)};
+    ASSERT_TRUE(store.logAlerts(
+        {EventDataStore::AlertData{1, "kv", "k", "t", "ti", "m", "d", at(1), {}, {{"a", "b"}}},
+         EventDataStore::AlertData{1, "plain", "k", "t", "ti", "m", "d", at(2), {}, {}}}));
+    EXPECT_TRUE(store.alertExistsWithKeyVals("kv"));
+    EXPECT_FALSE(store.alertExistsWithKeyVals("plain"));
+    EXPECT_FALSE(store.alertExistsWithKeyVals("missing"));
+    EXPECT_TRUE(store.alertExists("plain"));
+    EXPECT_FALSE(store.alertExists("missing"));
+}
+
 TEST_F(EventDataStoreTest, NonPositiveInsertIdsGiveEmptyOrZeroResults) {
     EventDataStore store{String(m_path)};
     {
