@@ -152,7 +152,8 @@ auto recordOrFail(std::string const& path, Record record) {
     }
 }
 
-// One day into the four stores; the state items and the repair session when the plan has them.
+// One day into the event store; the generic logs, the state items and the repair session when
+// the plan has them (the story's last day, or the single day).
 void recordDay(Stores& stores, DayPlan& plan, Recorded& recorded) {
     EventDay const day = recordOrFail(
         stores.eventPath, [&] { return recordEvents(*stores.events, plan, userName()); });
@@ -162,9 +163,12 @@ void recordDay(Stores& stores, DayPlan& plan, Recorded& recorded) {
                                      day.scriptIds.end());
     recorded.events.alertGuids.insert(recorded.events.alertGuids.end(), day.alertGuids.begin(),
                                       day.alertGuids.end());
-    LogKeys const logs = recordGeneral(*stores.general, stores.generalPath, plan);
-    recorded.logs.insert(recorded.logs.end(), logs.begin(), logs.end());
     if (plan.repair) {
+        // The general store stamps a log with the moment it is written, not with the story's
+        // day: a log per earlier day would pile up at this moment on every timeline, so only
+        // the last day (the machine's state now) writes its logs.
+        LogKeys const logs = recordGeneral(*stores.general, stores.generalPath, plan);
+        recorded.logs.insert(recorded.logs.end(), logs.begin(), logs.end());
         recordState(*stores.state, stores.statePath, plan);
         recorded.session.emplace(recordOrFail(stores.repairPath, [&] {
             return recordRepair(*stores.repair, stores.repairPath, plan);
