@@ -120,6 +120,11 @@ std::string demangled(char const* name) {
 
 }  // namespace
 
+std::string goldenText(std::string const& name) {
+    std::string const path = std::string(ZRN_GOLDEN_DIR) + "/" + name;
+    return std::filesystem::exists(path) ? readFile(path) : std::string();
+}
+
 void expectGolden(std::string const& name, std::string const& actual) {
     std::string const path = std::string(ZRN_GOLDEN_DIR) + "/" + name;
     if (updating()) {

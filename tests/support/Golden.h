@@ -21,6 +21,10 @@ namespace test {
 // With DATASTORE_UPDATE_GOLDEN set, writes `actual` to the golden file and passes.
 void expectGolden(std::string const& name, std::string const& actual);
 
+// The text of tests/golden/<name> ("" when there is none), for tests whose golden file also
+// lists the cases they run.
+std::string goldenText(std::string const& name);
+
 // The schema of a database file as text, read with the raw sqlite3 API: every sqlite_master
 // row in creation order, then for each table PRAGMA table_info, PRAGMA index_list with each
 // index's PRAGMA index_info, and the rows of the tables named in `contentTables` (the version
