@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -59,6 +60,39 @@ inline ToolRun runShell(std::string const& command) {
     run.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return run;
 }
+
+// Runs the built tool with `args` and standard error in `errFile`, in an environment cleared of
+// what would change its output (the library's log settings, DATASTORE_DIR, COLUMNS, NO_COLOR,
+// the pagers) plus `env` ("NAME=value ..."), piped, or on a pseudo-terminal of `rows` x
+// `columns` when `columns` > 0 (its "\r\n" read as "\n"; its pager `cat` unless `env` names
+// one).
+#ifdef DATASTORE_TOOL
+inline ToolRun runTool(std::vector<std::string> const& args, std::string const& errFile,
+                       std::string const& env = "", int columns = 0, int rows = 24) {
+    std::string command =
+        "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR -u PAGER "
+        "-u DATASTORE_PAGER " +
+        std::string(env.find("PAGER") == std::string::npos ? "DATASTORE_PAGER=cat " : "") + env +
+        " " + quoted(DATASTORE_TOOL);
+    for (auto const& arg : args) command += " " + quoted(arg);
+    command += " 2>" + quoted(errFile);
+    if (columns > 0) {
+        command = "script -qec " +
+                  quoted("stty cols " + std::to_string(columns) + " rows " + std::to_string(rows) +
+                         "; " + command) +
+                  " /dev/null";
+    }
+    ToolRun run = runShell(command + " </dev/null");
+    std::FILE* file = std::fopen(errFile.c_str(), "rb");
+    char buffer[4096];
+    for (std::size_t n; file && (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;)
+        run.err.append(buffer, n);
+    if (file) std::fclose(file);
+    if (columns > 0)
+        run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
+    return run;
+}
+#endif
 
 }  // namespace test
 }  // namespace zrn

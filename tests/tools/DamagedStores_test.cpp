@@ -27,13 +27,7 @@ protected:
 
     // Runs the tool piped, the library's log settings cleared.
     ToolRun tool(std::vector<std::string> const& args) const {
-        std::string command =
-            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR " + quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        command += " 2>" + quoted(m_dir.file("stderr.txt"));
-        ToolRun run = test::runShell(command);
-        run.err = test::readFile(m_dir.file("stderr.txt"));
-        return run;
+        return test::runTool(args, m_dir.file("stderr.txt"));
     }
 
     std::string store(char const* name) const { return m_stores + "/" + name; }

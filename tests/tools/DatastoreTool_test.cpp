@@ -48,29 +48,9 @@ protected:
     // `columns` > 0: in a pseudo-terminal of that width and 24 lines (script(1)), with the
     // terminal's line ends turned back into "\n"; else piped.
     ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
-        std::string command =
-            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
-            "-u PAGER -u DATASTORE_PAGER " +
-            // A pager on the pseudo-terminal would wait for keys: tests ask for one in m_env.
-            std::string(columns > 0 && m_env.find("PAGER") == std::string::npos
-                            ? "DATASTORE_PAGER=cat "
-                            : "") +
-            m_env + " " + quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        if (withDir) command += " --dir " + quoted(m_stores);
-        std::string const errFile = m_dir.file("stderr.txt");
-        command += " 2>" + quoted(errFile);
-        if (columns > 0) {
-            command = "script -qec " +
-                      quoted("stty cols " + std::to_string(columns) + " rows 24; " + command) +
-                      " /dev/null </dev/null";
-        }
-
-        ToolRun run = test::runShell(command);
-        run.err = test::readFile(errFile);
-        if (columns > 0)
-            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
-        return run;
+        std::vector<std::string> all = args;
+        if (withDir) all.insert(all.end(), {"--dir", m_stores});
+        return test::runTool(all, m_dir.file("stderr.txt"), m_env, columns);
     }
 
     void demo() const {

@@ -24,19 +24,10 @@ protected:
     // `terminal` in a pseudo-terminal of 80x24 with the terminal's line ends undone.
     ToolRun tool(std::string const& dir, std::vector<std::string> const& args,
                  bool terminal = false) const {
-        std::string command =
-            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR -u NO_COLOR -u PAGER "
-            "TZ=UTC USER=technician DATASTORE_PAGER=cat COLUMNS=80 LINES=24 " +
-            quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        command += " --dir " + quoted(m_dir.file(dir)) + " 2>" + quoted(m_dir.file("err"));
-        if (terminal)
-            command = "script -qec " + quoted("stty cols 80 rows 24; " + command) + " /dev/null";
-        ToolRun run = test::runShell(command + " </dev/null");
-        run.err = test::readFile(m_dir.file("err"));
-        if (terminal)
-            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
-        return run;
+        std::vector<std::string> withDir = args;
+        withDir.insert(withDir.end(), {"--dir", m_dir.file(dir)});
+        return test::runTool(withDir, m_dir.file("err"),
+                             "TZ=UTC USER=technician COLUMNS=80 LINES=24", terminal ? 80 : 0);
     }
     std::string scalar(std::string const& dir, std::string const& sql) const {
         return test::RawDb(m_dir.file(dir + "/event.db"), true).scalar(sql);

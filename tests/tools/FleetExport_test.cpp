@@ -46,12 +46,9 @@ std::vector<Json> records(std::string const& text) {
 // Runs the tool piped on the stores in `stores`; standard error goes to `err`.
 ToolRun tool(std::string const& stores, std::vector<std::string> const& args,
              std::string const& errFile) {
-    std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR " +
-                          quoted(DATASTORE_TOOL) + " --dir " + quoted(stores);
-    for (auto const& arg : args) command += " " + quoted(arg);
-    ToolRun run = test::runShell(command + " 2>" + quoted(errFile));
-    run.err = test::readFile(errFile);
-    return run;
+    std::vector<std::string> withDir{"--dir", stores};
+    withDir.insert(withDir.end(), args.begin(), args.end());
+    return test::runTool(withDir, errFile);
 }
 
 // Sums of an export's listing: rows in the tables, records sent, tombstones.

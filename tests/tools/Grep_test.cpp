@@ -26,17 +26,10 @@ protected:
     // The tool on this test's stores, in UTC; `terminal`: in a pseudo-terminal (script(1)).
     ToolRun tool(std::vector<std::string> const& args, std::string const& env = "",
                  bool terminal = false) const {
-        std::string command =
-            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR -u NO_COLOR -u COLUMNS "
-            "DATASTORE_PAGER=cat TZ=UTC " +
-            env + " " + quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
-        if (terminal)
-            command = "script -qec " + quoted("stty cols 200 rows 24; " + command) + " /dev/null";
-        ToolRun run = test::runShell(command + " </dev/null");
-        run.err = test::readFile(m_dir.file("stderr.txt"));
-        return run;
+        std::vector<std::string> withDir = args;
+        withDir.insert(withDir.end(), {"--dir", m_stores});
+        return test::runTool(withDir, m_dir.file("stderr.txt"), "TZ=UTC " + env,
+                             terminal ? 200 : 0);
     }
 
     // The `column` of each ndjson record `args` print.
@@ -115,9 +108,9 @@ TEST_F(GrepTest, ExitsAsGrepDoes) {
 TEST_F(GrepTest, HighlightsMatchesOnATerminalOnly) {
     ToolRun run = tool({"grep", "dsk-0112", "--store", "event"}, "", true);
     EXPECT_EQ(run.code, 0) << run.err;
-    EXPECT_NE(run.out.find("\x1b[1;31mDSK-0112\x1b[0m\r\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("\x1b[1;31mDSK-0112\x1b[0m\n"), std::string::npos) << run.out;
     run = tool({"grep", "dsk-0112", "--store", "event"}, "NO_COLOR=1", true);
-    EXPECT_NE(run.out.find("  DSK-0112\r\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("  DSK-0112\n"), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find('\x1b'), std::string::npos) << run.out;
 }
 

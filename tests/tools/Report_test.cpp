@@ -27,13 +27,9 @@ class ReportTest : public ::testing::Test {
 protected:
     // Runs the tool piped, with --dir of this test, in the environment `m_env` adds.
     ToolRun tool(std::vector<std::string> const& args) const {
-        std::string command = "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u DATASTORE_DIR " + m_env +
-                              " " + quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
-        ToolRun run = test::runShell(command);
-        run.err = test::readFile(m_dir.file("stderr.txt"));
-        return run;
+        std::vector<std::string> withDir = args;
+        withDir.insert(withDir.end(), {"--dir", m_stores});
+        return test::runTool(withDir, m_dir.file("stderr.txt"), m_env);
     }
 
     // The demo's fixed day, 2026-11-23, or its story of `days` days ending on it.

@@ -31,22 +31,9 @@ protected:
     // Runs the tool on this test's stores, in UTC; `columns` > 0: in a pseudo-terminal of
     // that width (script(1)), else piped.
     ToolRun tool(std::vector<std::string> const& args, int columns = 0) const {
-        std::string command =
-            "env -u ZRN_LOG_LEVEL -u ZRN_LOG_FILE -u COLUMNS -u DATASTORE_DIR -u NO_COLOR "
-            "DATASTORE_PAGER=cat TZ=UTC USER=technician " +
-            quoted(DATASTORE_TOOL);
-        for (auto const& arg : args) command += " " + quoted(arg);
-        command += " --dir " + quoted(m_stores) + " 2>" + quoted(m_dir.file("stderr.txt"));
-        if (columns > 0) {
-            command = "script -qec " +
-                      quoted("stty cols " + std::to_string(columns) + " rows 24; " + command) +
-                      " /dev/null </dev/null";
-        }
-        ToolRun run = test::runShell(command);
-        run.err = test::readFile(m_dir.file("stderr.txt"));
-        if (columns > 0)
-            run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
-        return run;
+        std::vector<std::string> withDir = args;
+        withDir.insert(withDir.end(), {"--dir", m_stores});
+        return test::runTool(withDir, m_dir.file("stderr.txt"), "TZ=UTC USER=technician", columns);
     }
 
     // The demo's day, with the times and GUIDs the other stores take from the clock moved into
