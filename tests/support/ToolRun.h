@@ -16,6 +16,14 @@
 namespace zrn {
 namespace test {
 
+// The lines of `text`, without their line ends.
+inline std::vector<std::string> lines(std::string const& text) {
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) result.push_back(line);
+    return result;
+}
+
 struct ToolRun {
     int code = -1;  // the exit code, or 128 + the signal that ended it
     std::string out;
@@ -32,12 +40,7 @@ struct ToolRun {
         }
         return result;
     }
-    std::vector<std::string> lines() const {
-        std::vector<std::string> result;
-        std::istringstream stream(out);
-        for (std::string line; std::getline(stream, line);) result.push_back(line);
-        return result;
-    }
+    std::vector<std::string> lines() const { return test::lines(out); }
 };
 
 // `text` as one word for sh.
@@ -66,6 +69,17 @@ inline ToolRun runShell(std::string const& command) {
 // the pagers) plus `env` ("NAME=value ..."), piped, or on a pseudo-terminal of `rows` x
 // `columns` when `columns` > 0 (its "\r\n" read as "\n"; its pager `cat` unless `env` names
 // one).
+// The rows of the csv file at `path` (tsv with '\t'), as Python's csv module reads them.
+inline std::vector<std::vector<std::string>> csvFileRows(std::string const& path,
+                                                         char delimiter = ',') {
+    ToolRun const run = runShell(
+        "python3 -c 'import csv, json, sys; print(json.dumps(list(csv.reader(open(sys.argv[1], "
+        "newline=\"\"), delimiter=sys.argv[2]))))' " +
+        quoted(path) + " " + quoted(std::string(1, delimiter)));
+    EXPECT_EQ(run.code, 0) << path;
+    return nlohmann::json::parse(run.out).get<std::vector<std::vector<std::string>>>();
+}
+
 #ifdef DATASTORE_TOOL
 inline ToolRun runTool(std::vector<std::string> const& args, std::string const& errFile,
                        std::string const& env = "", int columns = 0, int rows = 24) {

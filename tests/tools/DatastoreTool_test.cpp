@@ -308,20 +308,6 @@ std::size_t displayWidth(std::string const& line) {
     return width;
 }
 
-// Rows of csv or tsv text, as Python's csv module reads them.
-std::vector<std::vector<std::string>> csvRows(test::TempDir const& dir, std::string const& text,
-                                              char delimiter) {
-    std::string const file = dir.file("table.csv");
-    test::writeFile(file, text);
-    std::string const command =
-        "python3 -c 'import csv, json, sys; print(json.dumps(list(csv.reader(open(sys.argv[1], "
-        "newline=\"\"), delimiter=sys.argv[2]))))' " +
-        quoted(file) + " " + quoted(std::string(1, delimiter));
-    ToolRun const run = test::runShell(command);
-    EXPECT_EQ(run.code, 0);
-    return Json::parse(run.out).get<std::vector<std::vector<std::string>>>();
-}
-
 // The records of a json listing written as Python's csv module writes them (minimal quoting,
 // "\r\n" line ends), in the columns of `header`, Booleans as true/false and null as "".
 std::string pythonSeparated(test::TempDir const& dir, std::string const& json,
@@ -499,7 +485,8 @@ TEST_F(DatastoreToolTest, HostileTextIsEscapedOnTerminalsAndReplacedInMachineOut
     for (char delimiter : {',', '\t'}) {
         ToolRun const table = tool({"alerts", "-o", delimiter == ',' ? "csv" : "tsv"});
         ASSERT_EQ(table.code, 0) << table.err;
-        auto const rows = csvRows(m_dir, table.out, delimiter);
+        test::writeFile(m_dir.file("table.csv"), table.out);
+        auto const rows = test::csvFileRows(m_dir.file("table.csv"), delimiter);
         ASSERT_EQ(rows.size(), 5u);
         EXPECT_EQ(rows[0][0], "alertId");
         EXPECT_EQ(rows[0][6], "message");

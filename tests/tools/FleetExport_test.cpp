@@ -24,18 +24,12 @@ namespace {
 
 using Json = nlohmann::json;
 using test::ClickHouseServer;
+using test::lines;
 using test::quoted;
 using test::RawDb;
 using test::ToolRun;
 
 char const* const kStores[] = {"appstate", "genstore", "event", "softwarediagevent"};
-
-std::vector<std::string> lines(std::string const& text) {
-    std::vector<std::string> result;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) result.push_back(line);
-    return result;
-}
 
 std::vector<Json> records(std::string const& text) {
     std::vector<Json> result;

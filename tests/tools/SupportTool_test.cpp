@@ -25,51 +25,11 @@ namespace {
 using Json = nlohmann::json;
 using test::RawDb;
 
+using test::lines;
 using test::quoted;
 using test::ToolRun;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
-
-std::vector<std::string> lines(std::string const& text) {
-    std::vector<std::string> result;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) result.push_back(line);
-    return result;
-}
-
-// The records of a CSV text (RFC 4180: quoted cells may hold commas, quotes and line ends).
-std::vector<std::vector<std::string>> parseCsv(std::string const& text) {
-    std::vector<std::vector<std::string>> rows(1);
-    std::string cell;
-    bool quotedCell = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char const c = text[i];
-        if (quotedCell) {
-            if (c == '"' && i + 1 < text.size() && text[i + 1] == '"') {
-                cell += '"';
-                ++i;
-            } else if (c == '"') {
-                quotedCell = false;
-            } else {
-                cell += c;
-            }
-        } else if (c == '"') {
-            quotedCell = true;
-        } else if (c == ',') {
-            rows.back().push_back(cell);
-            cell.clear();
-        } else if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
-            rows.back().push_back(cell);
-            cell.clear();
-            rows.emplace_back();
-            ++i;
-        } else {
-            cell += c;
-        }
-    }
-    rows.pop_back();  // after the last line end
-    return rows;
-}
 
 class SupportToolTest : public ::testing::Test {
 protected:
@@ -190,7 +150,7 @@ TEST_F(SupportToolTest, ExportWritesEveryRowOfEveryTableInBothFormats) {
                 EXPECT_EQ(record["table"], table);
                 EXPECT_FALSE(record["host"].get<std::string>().empty());
             }
-            auto const csvRows = parseCsv(test::readFile(base + ".csv"));
+            auto const csvRows = test::csvFileRows(base + ".csv");
             ASSERT_FALSE(csvRows.empty()) << base;  // the header, at least
             EXPECT_EQ(std::to_string(csvRows.size() - 1), count) << base;
         }
@@ -209,7 +169,7 @@ TEST_F(SupportToolTest, ExportWritesEveryRowOfEveryTableInBothFormats) {
     EXPECT_EQ(awkwardRecord["message"], awkward);
     EXPECT_EQ(awkwardRecord["dateTime"], 1800000000);
     EXPECT_TRUE(awkwardRecord["rowid"].is_number_integer());
-    auto const alerts = parseCsv(test::readFile(out + "/event/Alerts.csv"));
+    auto const alerts = test::csvFileRows(out + "/event/Alerts.csv");
     EXPECT_EQ(alerts[0][0], "rowid");
     EXPECT_EQ(alerts.back()[6], awkward);
 
