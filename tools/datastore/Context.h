@@ -114,6 +114,8 @@ struct TimeRange {
 };
 TimeRange timeRange(Options const& options);
 long long parseTime(std::string const& text, char const* option, bool endOfDay);
+// Local midnight `daysBack` days before the local day of `seconds` (Unix seconds).
+long long midnightBefore(long long seconds, int daysBack);
 
 // Adds the options a subcommand understands.
 void addLocationOptions(CLI::App& command, Options& options);  // --dir, --file

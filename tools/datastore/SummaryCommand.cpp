@@ -41,17 +41,6 @@ struct SummaryArgs {
 
 std::string localDate(long long seconds) { return localTime(seconds).substr(0, 10); }
 
-// Local midnight `daysBack` days before the local day of `seconds`.
-long long midnightBefore(long long seconds, int daysBack) {
-    std::time_t const t = static_cast<std::time_t>(seconds);
-    std::tm day{};
-    localtime_r(&t, &day);
-    day.tm_mday -= daysBack;
-    day.tm_hour = day.tm_min = day.tm_sec = 0;
-    day.tm_isdst = -1;
-    return static_cast<long long>(std::mktime(&day));
-}
-
 std::unique_ptr<zrn::EventDataStore> openEvents(Options const& options) {
     std::string const path = existingStorePath(options, Store::Event);
     return openOrFail(path, [&] {

@@ -26,6 +26,16 @@ namespace datastore {
 
 // ---- Times
 
+long long midnightBefore(long long seconds, int daysBack) {
+    std::time_t const t = static_cast<std::time_t>(seconds);
+    std::tm day{};
+    localtime_r(&t, &day);
+    day.tm_mday -= daysBack;
+    day.tm_hour = day.tm_min = day.tm_sec = 0;
+    day.tm_isdst = -1;  // mktime settles a daylight-saving change between the two days
+    return static_cast<long long>(std::mktime(&day));
+}
+
 namespace {
 
 bool leapYear(int year) { return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0; }
@@ -37,13 +47,7 @@ int daysInMonth(int year, int month) {
 
 // Local midnight of the day `daysBack` days before today.
 long long localMidnight(int daysBack) {
-    std::time_t const now = std::time(nullptr);
-    std::tm parts{};
-    localtime_r(&now, &parts);
-    parts.tm_mday -= daysBack;
-    parts.tm_hour = parts.tm_min = parts.tm_sec = 0;
-    parts.tm_isdst = -1;
-    return static_cast<long long>(std::mktime(&parts));
+    return midnightBefore(static_cast<long long>(std::time(nullptr)), daysBack);
 }
 
 // The local time of a calendar date and clock time; mktime settles daylight-saving changes.
