@@ -65,7 +65,12 @@ ResultSetRow& ResultSetRow::operator=(ResultSetRow const& other) {
 
 void ResultSetRow::streamFrom(sqlite3_stmt* statement) {
     m_statement = statement;
-    m_read.assign(m_cells.size(), 0);
+    // Row numbers start at 1, so a fresh mark (0) reads as unread; after 2^32 - 1 rows the
+    // marks start over.
+    if (++m_row == 0 || m_read.size() != m_cells.size()) {
+        m_read.assign(m_cells.size(), 0);
+        if (m_row == 0) m_row = 1;
+    }
 }
 
 String const& ResultSetRow::columnValue(int index) const {
@@ -79,7 +84,7 @@ String const& ResultSetRow::columnValue(int index) const {
         } else {
             m_cells[i].clear();
         }
-        m_read[i] = 1;
+        m_read[i] = m_row;
     }
     return m_cells[i];
 }

@@ -8,6 +8,7 @@
 #include <libCommon/SprintfFormat.h>
 #include <libDataStore/DataStoreSettings.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -483,11 +484,15 @@ void SoftwareDiagEventDataStore::query(String const& statement, ResultSet& resul
 }
 
 template <class Record>
-LogList<Record> SoftwareDiagEventDataStore::records(String const& statement) const {
+LogList<Record> SoftwareDiagEventDataStore::records(String const& statement, int limit) const {
     // Each record is made as SQLite steps to its row, under the mutex: no copy of the whole
     // result is held next to the list.
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     LogList<Record> logs;
+    // A limited list is room for its limit from the start rather than grown by doubling, each
+    // step moving every record made so far; a large limit is usually far above what the table
+    // holds, so only a page's worth is set aside for it.
+    if (limit > 0) logs.reserve(static_cast<unsigned int>(std::min(limit, 1024)));
     m_database->forEachRow(statement,
                            [&](ResultSetRow const& row) { logs.append(Record::fromDbRow(row)); });
     return logs;
@@ -499,7 +504,8 @@ SessionList SoftwareDiagEventDataStore::getSessions(TimeStamp const& from, TimeS
                                                .whereStartedBetween(from, to)
                                                .orderById("sessionId", descending)
                                                .limit(limit)
-                                               .text()));
+                                               .text(),
+                                           limit));
 }
 
 SessionList SoftwareDiagEventDataStore::getSession(long long sessionId) {
@@ -528,7 +534,8 @@ RunTransactionList SoftwareDiagEventDataStore::getRunTransactionsByDate(TimeStam
                                        .whereStartedBetween(from, to)
                                        .orderById("runTransactionId", descending)
                                        .limit(limit)
-                                       .text()));
+                                       .text(),
+                                   limit));
 }
 
 FixTransactionList SoftwareDiagEventDataStore::getFixTransactionsByDate(TimeStamp const& from,
@@ -540,7 +547,8 @@ FixTransactionList SoftwareDiagEventDataStore::getFixTransactionsByDate(TimeStam
                                        .whereStartedBetween(from, to)
                                        .orderById("fixTransactionId", descending)
                                        .limit(limit)
-                                       .text()));
+                                       .text(),
+                                   limit));
 }
 
 SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByDate(
@@ -550,7 +558,8 @@ SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByDate(
                                            .whereStartedBetween(from, to)
                                            .orderById("softwareDiagnosticId", descending)
                                            .limit(limit)
-                                           .text()));
+                                           .text(),
+                                       limit));
 }
 
 SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByRunTransaction(
@@ -560,7 +569,8 @@ SoftwareDiagnosticList SoftwareDiagEventDataStore::getSoftwareDiagnosticsByRunTr
             .whereEquals("runTransactionId", runTransaction.runTransactionId())
             .orderById("softwareDiagnosticId", descending)
             .limit(limit)
-            .text()));
+            .text(),
+        limit));
 }
 
 IssueList SoftwareDiagEventDataStore::getIssuesBySession(SessionLog const& session, bool descending,
@@ -569,7 +579,8 @@ IssueList SoftwareDiagEventDataStore::getIssuesBySession(SessionLog const& sessi
                                            .whereEquals("sessionId", session.sessionId())
                                            .orderByRowid(descending)
                                            .limit(limit)
-                                           .text()));
+                                           .text(),
+                                       limit));
 }
 
 IssueList SoftwareDiagEventDataStore::getIssuesBySoftwareDiagnostic(
@@ -579,7 +590,8 @@ IssueList SoftwareDiagEventDataStore::getIssuesBySoftwareDiagnostic(
             .whereEquals("softwareDiagnosticId", diagnostic.softwareDiagnosticId())
             .orderByRowid(descending)
             .limit(limit)
-            .text()));
+            .text(),
+        limit));
 }
 
 FixActionList SoftwareDiagEventDataStore::getFixActionsBySession(SessionLog const& session,
@@ -588,7 +600,8 @@ FixActionList SoftwareDiagEventDataStore::getFixActionsBySession(SessionLog cons
                                                    .whereEquals("sessionId", session.sessionId())
                                                    .orderById("fixActionId", descending)
                                                    .limit(limit)
-                                                   .text()));
+                                                   .text(),
+                                               limit));
 }
 
 FixActionList SoftwareDiagEventDataStore::getFixActionsByIssue(IssueLog const& issue,
@@ -605,7 +618,7 @@ FixActionList SoftwareDiagEventDataStore::getFixActionsByIssue(IssueLog const& i
                             : " ORDER BY fa.`startTimeStamp` ASC, fa.`fixActionId` ASC";
     statement += sql::limit(limit);
 
-    return FixActionList(records<FixActionLog>(String(std::move(statement))));
+    return FixActionList(records<FixActionLog>(String(std::move(statement)), limit));
 }
 
 RunTransactionLog SoftwareDiagEventDataStore::getRunTransactionBySession(

@@ -37,8 +37,12 @@ std::uint64_t wordFor(DateTime const& value) {
 
 }  // namespace
 
+// The readers make two of these per record: the word is made straight from the seconds (a UTC
+// instant) rather than through a DateTime.
 TimeStamp::TimeStamp(long long unixSeconds)
-    : m_word(wordFor(DateTime::fromUnixTimeStamp(unixSeconds))) {}
+    : m_word(unixSeconds >= -kInlineLimit && unixSeconds < kInlineLimit
+                 ? (static_cast<std::uint64_t>(unixSeconds) << 3) | kUtc | kInitialised | 1
+                 : wordFor(DateTime::fromUnixTimeStamp(unixSeconds))) {}
 
 TimeStamp::TimeStamp(DateTime const& dateTime) : m_word(wordFor(dateTime)) {}
 

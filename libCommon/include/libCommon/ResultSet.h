@@ -3,6 +3,7 @@
 #include <libCommon/Export.h>
 #include <libCommon/String.h>
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -52,14 +53,17 @@ private:
     // Whether cell `index` is still in SQLite, not yet copied out as text.
     bool unread(int index) const {
         return m_statement && index >= 0 && static_cast<std::size_t>(index) < m_cells.size() &&
-               !m_read[static_cast<std::size_t>(index)];
+               m_read[static_cast<std::size_t>(index)] != m_row;
     }
 
     std::shared_ptr<std::vector<String> const> m_columnNames;
     // The texts; on a streamed row, those not yet read are stale from an earlier row. Their
     // storage is kept from row to row, so a copy-out allocates only for a longer text.
     mutable std::vector<String> m_cells;
-    mutable std::vector<char> m_read;
+    // On a streamed row, the number of the row each cell was last copied out on: moving to the
+    // next row is one increment, not a pass over every cell.
+    mutable std::vector<std::uint32_t> m_read;
+    std::uint32_t m_row = 0;
     sqlite3_stmt* m_statement = nullptr;
 };
 

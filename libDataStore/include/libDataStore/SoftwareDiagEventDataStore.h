@@ -164,7 +164,7 @@ private:
     void query(String const& statement, ResultSet& result) const;
     // The records `statement` selects, one per row in row order, through Record::fromDbRow.
     template <class Record>
-    LogList<Record> records(String const& statement) const;
+    LogList<Record> records(String const& statement, int limit = 0) const;
 
     SQLiteDataStore::Database m_database;
     // Owned; created in this order, checked and closed in this order, deleted in this order.
