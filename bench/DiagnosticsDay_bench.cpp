@@ -55,6 +55,49 @@ char const* const kDeviceTypes[kDevices] = {"Memory", "Storage", "Battery"};
 
 std::string n(long long value) { return std::to_string(value); }
 
+// Every text of a day that does not change from day to day, made once before the first day is
+// recorded, and handed to the library as String and to the hand-written program as the same
+// bytes: neither side's measure counts the program's building of its arguments (the replay of
+// the library's statements receives them ready-made too).
+struct DayTexts {
+    DayTexts() {
+        for (int test = 0; test < kTestsPerScript; ++test) {
+            testNames.emplace_back("Test " + n(test));
+            testGuids.emplace_back("tg-" + n(test));
+            steps.emplace_back();
+            for (int e = 0; e < kEventsPerTest; ++e)
+                steps.back().emplace_back("Step " + n(e) + " of 'Test " + n(test) + "'");
+        }
+        for (int e = 0; e < kEventsPerTest; ++e) eventCodes.emplace_back(n(1000 + e));
+        for (int device = 0; device < kDevices; ++device) {
+            deviceNames.emplace_back(kDeviceNames[device]);
+            deviceTypes.emplace_back(kDeviceTypes[device]);
+            deviceGuids.emplace_back("dg-" + n(device));
+        }
+        for (int k = 0; k < 5; ++k) {
+            keys.emplace_back("key" + n(k));
+            values.emplace_back("value " + n(k));
+        }
+        for (int f = 0; f < kFindings; ++f) {
+            diagnosticUuids.emplace_back("diag-" + n(f));
+            diagnosticNames.emplace_back("Diagnostic " + n(f));
+            issueNames.emplace_back("Issue " + n(f));
+            fixUuids.emplace_back("fix-" + n(f));
+            fixSummaries.emplace_back("Fix " + n(f));
+        }
+    }
+    std::vector<String> testNames, testGuids, eventCodes, deviceNames, deviceTypes, deviceGuids,
+        keys, values, diagnosticUuids, diagnosticNames, issueNames, fixUuids, fixSummaries;
+    std::vector<std::vector<String>> steps;  // [test][event]
+    String const info = "INFO", none = "", running = "RUNNING", pass = "PASS", fail = "FAIL",
+                 failCode = "E17";
+};
+
+DayTexts const& texts() {
+    static DayTexts const made;
+    return made;
+}
+
 // ---- The library -------------------------------------------------------------------------
 
 struct LibraryStores {
@@ -84,6 +127,7 @@ void grouped(Store& store, bool batch, Body const& body) {
 void libraryDay(LibraryStores& s, long long day, Batching batching) {
     bool const perTest = batching != Batching::None;
     bool const perGroup = batching == Batching::PerGroup;
+    DayTexts const& x = texts();
     EventDataStore& events = s.events;
     long long const app =
         *events.logAppStart("Diagnostics Suite", "technician", "Scheduled", at(day));
@@ -95,14 +139,14 @@ void libraryDay(LibraryStores& s, long long day, Batching batching) {
             int const device = test % kDevices;
             grouped(events, perTest, [&] {
                 long long const testId = *events.logTestStart(
-                    scriptId, "Test " + n(test), kDeviceNames[device], "tg-" + n(test),
-                    "dg-" + n(device), kDeviceTypes[device], "RUNNING", at(++t), 1);
+                    scriptId, x.testNames[test], x.deviceNames[device], x.testGuids[test],
+                    x.deviceGuids[device], x.deviceTypes[device], x.running, at(++t), 1);
                 for (int e = 0; e < kEventsPerTest; ++e) {
-                    events.logTestRunEvent(testId, "Step " + n(e) + " of 'Test " + n(test) + "'",
-                                           "INFO", n(1000 + e), "", at(++t));
+                    events.logTestRunEvent(testId, x.steps[test][e], x.info, x.eventCodes[e],
+                                           x.none, at(++t));
                 }
-                events.logTestFinished(testId, test % 7 ? "PASS" : "FAIL", test % 7 ? "" : "E17",
-                                       at(++t));
+                events.logTestFinished(testId, test % 7 ? x.pass : x.fail,
+                                       test % 7 ? x.none : x.failCode, at(++t));
             });
         }
         events.logScriptFinished(scriptId, "PASS", at(++t));
@@ -119,7 +163,7 @@ void libraryDay(LibraryStores& s, long long day, Batching batching) {
                                         at(++t),
                                         {},
                                         {}};
-        for (int k = 0; k < 3; ++k) alert.keyValues.emplace_back("key" + n(k), "value " + n(k));
+        for (int k = 0; k < 3; ++k) alert.keyValues.emplace_back(x.keys[k], x.values[k]);
         alert.tips.emplace_back("disk.backup", "Action", "Back up", "Copy your files", "", at(t));
         alerts.push_back(alert);
     }
@@ -136,10 +180,9 @@ void libraryDay(LibraryStores& s, long long day, Batching batching) {
     grouped(s.general, perGroup, [&] {
         for (int device = 0; device < kDevices; ++device) {
             LogKeyValueSet keyValues;
-            for (int k = 0; k < 5; ++k)
-                keyValues.append(LogKeyValue("key" + n(k), "value " + n(k)));
+            for (int k = 0; k < 5; ++k) keyValues.append(LogKeyValue(x.keys[k], x.values[k]));
             s.general.logOrUpdate(GenericLog(kHealthType, "log-" + n(day) + "-" + n(device),
-                                             kDeviceTypes[device], kDeviceNames[device], 1u,
+                                             x.deviceTypes[device], x.deviceNames[device], 1u,
                                              keyValues));
         }
     });
@@ -147,16 +190,18 @@ void libraryDay(LibraryStores& s, long long day, Batching batching) {
 }
 
 void repairSession(SoftwareDiagEventDataStore& repair) {
+    DayTexts const& x = texts();
     repair.logSessionStarted();
     SessionLog const session = repair.getLastSessionLog();
     repair.logRunTransactionStarted(session);
     RunTransactionLog const run = repair.getRunTransactionBySession(session);
     std::vector<IssueLog> issues;
     for (int f = 0; f < kFindings; ++f) {
-        repair.logSoftwareDiagnosticStarted(session, run, "diag-" + n(f), "Diagnostic " + n(f));
+        repair.logSoftwareDiagnosticStarted(session, run, x.diagnosticUuids[f],
+                                            x.diagnosticNames[f]);
         SoftwareDiagnosticLog const diagnostic =
             repair.getSoftwareDiagnosticsByRunTransaction(run, true, 1).get(0);
-        repair.logIssue(session, diagnostic, "Issue " + n(f), "What was found");
+        repair.logIssue(session, diagnostic, x.issueNames[f], "What was found");
         issues.push_back(repair.getIssuesBySoftwareDiagnostic(diagnostic, true, 1).get(0));
         repair.logSoftwareDiagnosticFinished(diagnostic, "ISSUES FOUND");
     }
@@ -164,7 +209,7 @@ void repairSession(SoftwareDiagEventDataStore& repair) {
     repair.logFixTransactionStarted(session, "");
     FixTransactionLog const fixes = repair.getFixTransactionBySession(session);
     for (int f = 0; f < kFindings; ++f) {
-        repair.logFixAction(session, "fix-" + n(f), "Fix " + n(f));
+        repair.logFixAction(session, x.fixUuids[f], x.fixSummaries[f]);
         FixActionLog const fix = repair.getFixActionsBySession(session, true, 1).get(0);
         repair.associateIssueToFixAction(issues[static_cast<std::size_t>(f)], fix);
         repair.logFixActionStarted(fix);
@@ -307,6 +352,7 @@ public:
     }
 
     void day(long long day) {
+        DayTexts const& x = texts();
         m_events.exec("BEGIN");
         long long const app = m_appStart->run("Diagnostics Suite", "Scheduled", "technician", day);
         m_events.exec("COMMIT");
@@ -321,12 +367,13 @@ public:
             for (int test = 0; test < kTestsPerScript; ++test) {
                 int const device = test % kDevices;
                 m_events.exec("BEGIN");
-                long long const testId = m_testStart->run(
-                    scriptId, "Test " + n(test), kDeviceNames[device], "tg-" + n(test),
-                    "dg-" + n(device), kDeviceTypes[device], "RUNNING", ++t, 1);
+                long long const testId =
+                    m_testStart->run(scriptId, x.testNames[test].str(), kDeviceNames[device],
+                                     x.testGuids[test].str(), x.deviceGuids[device].str(),
+                                     kDeviceTypes[device], "RUNNING", ++t, 1);
                 for (int e = 0; e < kEventsPerTest; ++e) {
-                    m_testEvent->run(testId, "Step " + n(e) + " of 'Test " + n(test) + "'", "INFO",
-                                     n(1000 + e), "", ++t);
+                    m_testEvent->run(testId, x.steps[test][e].str(), "INFO", x.eventCodes[e].str(),
+                                     "", ++t);
                 }
                 m_testStop->run(test % 7 ? "PASS" : "FAIL", test % 7 ? "" : "E17", ++t, testId);
                 m_events.exec("COMMIT");
@@ -340,7 +387,8 @@ public:
             long long const alert = m_alert->run(app, "alert-" + n(day) + "-" + n(a), "disk.smart",
                                                  "Hardware", "Disk health warning",
                                                  "Reallocated sectors rose", kDeviceNames[1], ++t);
-            for (int k = 0; k < 3; ++k) m_alertKeyValue->run(alert, "key" + n(k), "value " + n(k));
+            for (int k = 0; k < 3; ++k)
+                m_alertKeyValue->run(alert, x.keys[k].str(), x.values[k].str());
             m_alertTip->run(alert, "disk.backup", "Action", "Back up", "Copy your files", "", t);
         }
         m_events.exec("COMMIT");
@@ -359,7 +407,8 @@ public:
         for (int device = 0; device < kDevices; ++device) {
             long long const log = m_log->run(kHealthType, "log-" + n(day) + "-" + n(device),
                                              kDeviceTypes[device], kDeviceNames[device], t, t, 1);
-            for (int k = 0; k < 5; ++k) m_logKeyValue->run(log, "key" + n(k), "value " + n(k), t);
+            for (int k = 0; k < 5; ++k)
+                m_logKeyValue->run(log, x.keys[k].str(), x.values[k].str(), t);
         }
         m_general.exec("COMMIT");
 
@@ -368,16 +417,16 @@ public:
         long long const run = m_run->run(session, t);
         std::vector<long long> issues;
         for (int f = 0; f < kFindings; ++f) {
-            long long const diagnostic =
-                m_diagnostic->run(session, run, "diag-" + n(f), "Diagnostic " + n(f), t);
+            long long const diagnostic = m_diagnostic->run(session, run, x.diagnosticUuids[f].str(),
+                                                           x.diagnosticNames[f].str(), t);
             issues.push_back(
-                m_issue->run(session, diagnostic, "Issue " + n(f), "What was found", t));
+                m_issue->run(session, diagnostic, x.issueNames[f].str(), "What was found", t));
             m_diagnosticEnd->run("ISSUES FOUND", t, diagnostic);
         }
         m_runEnd->run(t, run);
         long long const fixes = m_fixTransaction->run(session, "", t);
         for (int f = 0; f < kFindings; ++f) {
-            long long const fix = m_fix->run(session, "fix-" + n(f), "Fix " + n(f));
+            long long const fix = m_fix->run(session, x.fixUuids[f].str(), x.fixSummaries[f].str());
             m_fixLink->run(issues[static_cast<std::size_t>(f)], fix);
             m_fixStart->run(t, fix);
             m_fixEnd->run(1, "Done", t, fix);
@@ -557,6 +606,7 @@ int main(int argc, char** argv) {
     using namespace zrn;
     if (argc > 1 && std::string(argv[1]) == "--same-statements") return sameStatements();
     bench::Scratch scratch("day");
+    texts();  // made before the first day is timed
     std::vector<std::unique_ptr<LibraryStores>> libraries;
     std::vector<std::unique_ptr<HandWritten>> handWritten;
     auto library = [&](Batching batching) {

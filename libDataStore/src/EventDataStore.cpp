@@ -529,8 +529,9 @@ void EventDataStore::logTestFinished(long long testId, String const& result,
 void EventDataStore::logTestRunEvent(long long testId, String const& message, String const& type,
                                      String const& eventCode, String const& customerEventCode,
                                      EventTimePoint time) {
-    static sql::ColumnOrder const columns{"testId",    "message",           "type",
-                                          "eventCode", "customerEventCode", "dateTime"};
+    static sql::ColumnOrder const columns{
+        "TestRunEvents",
+        {"testId", "message", "type", "eventCode", "customerEventCode", "dateTime"}};
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     RowWriter::append(
         *m_eventDataStore, columns,
@@ -540,8 +541,8 @@ void EventDataStore::logTestRunEvent(long long testId, String const& message, St
 void EventDataStore::logTestRunTip(long long testId, String const& key, String const& type,
                                    String const& title, String const& text,
                                    String const& extendedText, EventTimePoint time) {
-    static sql::ColumnOrder const columns{"testId", "key",           "type",    "title",
-                                          "text",   "extended_text", "dateTime"};
+    static sql::ColumnOrder const columns{
+        "TestRunTips", {"testId", "key", "type", "title", "text", "extended_text", "dateTime"}};
     StoreLock lock(module::eventStoreMutex(), m_reader.get());
     RowWriter::append(
         *m_testRunTipsDataStore, columns,
@@ -579,11 +580,12 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     }
 
     // Written although the column defaults to 1: a new alert is not tracked yet.
-    static sql::ColumnOrder const columns{"appId",   "guid",       "key",      "type",   "title",
-                                          "message", "deviceName", "dateTime", "tracked"};
+    static sql::ColumnOrder const columns{
+        "Alerts",
+        {"appId", "guid", "key", "type", "title", "message", "deviceName", "dateTime", "tracked"}};
     RowWriter::append(*m_alertDataStore, columns,
                       {sql::number(alert.appId), alert.guid, alert.key, alert.type, alert.title,
-                       alert.message, alert.deviceName, sql::seconds(alert.time), "0"});
+                       alert.message, alert.deviceName, sql::seconds(alert.time), String("0")});
     long long const alertId = database.lastInsertId();
     logAt(logger(), TRACE, [&] {
         return LoggerStream() + "1224 " + "logAlerts() guid: " + alert.guid +
@@ -593,8 +595,8 @@ void EventDataStore::logAlertUnlocked(AlertData const& alert) {
     storeAlertKeyValues(alertId, alert.keyValues);
     String const id = sql::number(alertId);
     for (TipResultLog const& tip : alert.tips) {
-        static sql::ColumnOrder const columns{"alertId", "key",           "type",    "title",
-                                              "text",    "extended_text", "dateTime"};
+        static sql::ColumnOrder const columns{
+            "AlertTips", {"alertId", "key", "type", "title", "text", "extended_text", "dateTime"}};
         RowWriter::append(*m_alertTipsDataStore, columns,
                           {id, tip.key(), tip.type(), tip.title(), tip.text(), tip.extendedText(),
                            sql::seconds(tip.timeStamp())});
@@ -689,8 +691,8 @@ void EventDataStore::logScriptletResult(long long appId, String const& key, Stri
     }
     if (previous == result) return;
 
-    static sql::ColumnOrder const columns{"appId",  "scriptletKey", "category",
-                                          "result", "status",       "dateTime"};
+    static sql::ColumnOrder const columns{
+        "ScriptletRuns", {"appId", "scriptletKey", "category", "result", "status", "dateTime"}};
     RowWriter::append(*m_scriptletDataStore, columns,
                       {sql::number(appId), key, category, result, status, sql::seconds(time)});
 }

@@ -16,7 +16,7 @@ public:
     // table.append(row) for the row whose entries are `order`'s columns, inserted in that
     // order, holding `values` (one per column, in the same order).
     static void append(SQLiteDataStore& table, sql::ColumnOrder const& order,
-                       std::initializer_list<String> values);
+                       std::initializer_list<sql::Cell> values);
 };
 
 }  // namespace zrn

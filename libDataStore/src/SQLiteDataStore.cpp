@@ -1,5 +1,6 @@
 #include <libDataStore/SQLiteDataStore.h>
 
+#include <libCommon/Assert.h>
 #include <libCommon/Exception.h>
 #include <libCommon/FileSystem.h>
 #include <libCommon/Logger.h>
@@ -259,23 +260,10 @@ void SQLiteDataStore::append(HashTable<String, String> const& row) {
 }
 
 void RowWriter::append(SQLiteDataStore& table, sql::ColumnOrder const& order,
-                       std::initializer_list<String> values) {
+                       std::initializer_list<sql::Cell> values) {
+    ZRN_ASSERT(order.table() == table.m_tableName.str(), "RowWriter::append: another table");
     table.checkAppendCount(order.size());
-    // The whole statement in one buffer, reserved once: every value may gain two quotes and a
-    // comma (doubled quotes inside may still grow it).
-    static char const kPrefix[] = "INSERT OR REPLACE INTO ";
-    std::size_t bytes = sizeof kPrefix + table.m_tableName.byteSize() + order.names().size() + 16;
-    for (String const& value : values) bytes += value.byteSize() + 3;
-    std::string statement;
-    statement.reserve(bytes);
-    statement += kPrefix;
-    sql::appendIdentifier(statement, table.m_tableName);
-    statement += " (";
-    statement += order.names();
-    statement += ") VALUES(";
-    order.appendValues(statement, values);
-    statement += ")";
-    table.runAppend(std::move(statement));
+    table.runAppend(order.insertOrReplace(values));
 }
 
 void SQLiteDataStore::appendLists(std::size_t n, std::string const& names,

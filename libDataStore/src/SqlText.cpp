@@ -24,30 +24,52 @@ void appendIdentifier(std::string& out, String const& name) {
     out.push_back(backquote);
 }
 
+namespace {
+
+// The bytes of `text` quoted with `quote`, every `quote` inside doubled.
+std::size_t quotedSize(std::string const& text, char quote) {
+    std::size_t size = text.size() + 2;
+    char const* const last = text.data() + text.size();
+    for (char const* at = text.data(); (at = static_cast<char const*>(std::memchr(
+                                            at, quote, static_cast<std::size_t>(last - at))));
+         ++at) {
+        ++size;
+    }
+    return size;
+}
+
+// Writes `text` quoted at `out`, which has room for quotedSize(text, quote) bytes; returns the
+// end. Whole runs between quotes are copied at once; each quote found ends a run and is doubled.
+char* writeQuoted(char* out, std::string const& text, char quote) {
+    *out++ = quote;
+    char const* run = text.data();
+    char const* const last = run + text.size();
+    for (char const* at; (at = static_cast<char const*>(
+                              std::memchr(run, quote, static_cast<std::size_t>(last - run))));
+         run = at + 1) {
+        std::size_t const bytes = static_cast<std::size_t>(at + 1 - run);
+        std::memcpy(out, run, bytes);
+        out += bytes;
+        *out++ = quote;
+    }
+    std::size_t const bytes = static_cast<std::size_t>(last - run);
+    if (bytes) std::memcpy(out, run, bytes);
+    out += bytes;
+    *out++ = quote;
+    return out;
+}
+
+}  // namespace
+
 void appendValue(std::string& out, String const& text) {
     char const quote = module::quote().str()[0];
-    std::string const& in = text.str();
-    char const* const first = in.data();
-    char const* const last = first + in.size();
-    char const* at = static_cast<char const*>(std::memchr(first, quote, in.size()));
+    std::size_t const start = out.size();
+    std::size_t const bytes = quotedSize(text.str(), quote);
     // Grows once at most (geometrically, as appends do), when the caller did not reserve.
-    std::size_t const needed = out.size() + in.size() + 2;
-    if (needed > out.capacity()) out.reserve(std::max(needed + 8, 2 * out.capacity()));
-    out.push_back(quote);
-    if (!at) {
-        out.append(first, in.size());  // nothing to double: one copy
-    } else {
-        // Whole runs between quotes go in at once; each quote found ends a run and is doubled.
-        char const* run = first;
-        for (; at; at = static_cast<char const*>(
-                       std::memchr(run, quote, static_cast<std::size_t>(last - run)))) {
-            out.append(run, static_cast<std::size_t>(at + 1 - run));
-            out.push_back(quote);
-            run = at + 1;
-        }
-        out.append(run, static_cast<std::size_t>(last - run));
-    }
-    out.push_back(quote);
+    if (start + bytes > out.capacity())
+        out.reserve(std::max(start + bytes + 8, 2 * out.capacity()));
+    out.resize(start + bytes);
+    writeQuoted(&out[start], text.str(), quote);
 }
 
 String identifier(String const& name) {
@@ -88,24 +110,39 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
     }
 }
 
-ColumnOrder::ColumnOrder(std::initializer_list<char const*> columns) {
+ColumnOrder::ColumnOrder(char const* table, std::initializer_list<char const*> columns)
+    : m_table(table) {
     HashTable<String, String> row;
     std::size_t index = 0;
     for (char const* column : columns) row.insert(column, String(std::to_string(index++)));
+    m_head = "INSERT OR REPLACE INTO ";
+    appendIdentifier(m_head, m_table);
+    m_head += " (";
     for (auto const& entry : row) {
         m_order.push_back(static_cast<std::size_t>(std::stoul(entry.second.str())));
-        if (!m_names.empty()) m_names += module::comma().str();
-        appendIdentifier(m_names, entry.first);
+        if (m_order.size() > 1) m_head += module::comma().str();
+        appendIdentifier(m_head, entry.first);
     }
+    m_head += ") VALUES(";
 }
 
-void ColumnOrder::appendValues(std::string& out, std::initializer_list<String> values) const {
+std::string ColumnOrder::insertOrReplace(std::initializer_list<Cell> values) const {
     ZRN_ASSERT(values.size() == m_order.size(), "sql::ColumnOrder");
-    String const* const first = values.begin();
+    char const quote = module::quote().str()[0];
+    char const comma = module::comma().str()[0];
+    Cell const* const first = values.begin();
+    std::size_t bytes = m_head.size() + m_order.size();  // the commas and ")"
+    for (Cell const& value : values) bytes += quotedSize(value.text->str(), quote);
+    std::string out(bytes, '\0');
+    char* at = &out[0];
+    std::memcpy(at, m_head.data(), m_head.size());
+    at += m_head.size();
     for (std::size_t i = 0; i < m_order.size(); ++i) {
-        if (i) out.push_back(module::comma().str()[0]);
-        appendValue(out, first[m_order[i]]);
+        if (i) *at++ = comma;
+        at = writeQuoted(at, first[m_order[i]].text->str(), quote);
     }
+    *at = ')';
+    return out;
 }
 
 // ---- Statements and clauses --------------------------------------------------------------

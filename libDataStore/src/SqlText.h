@@ -59,22 +59,31 @@ void columnAndValueLists(HashTable<String, String> const& row, std::string& name
 // depends only on the keys and the order they went in; this computes that order once, by
 // building such a table, so that rows of these columns need no table of their own and come out
 // in the same statement byte for byte. Keep one per column set (a function-local static).
+// One value of a row handed to ColumnOrder: the String itself, not a copy (a list of Strings
+// would copy each text, allocating for every one longer than a few bytes).
+struct Cell {
+    Cell(String const& value) : text(&value) {}  // NOLINT: implicit by design
+    String const* text;
+};
+
 class ColumnOrder {
 public:
-    // The columns in the order the row's entries would be inserted.
-    ColumnOrder(std::initializer_list<char const*> columns);
+    // The columns of `table` in the order the row's entries would be inserted.
+    ColumnOrder(char const* table, std::initializer_list<char const*> columns);
 
     std::size_t size() const { return m_order.size(); }
-    // "`a`,`b`": the quoted column names in statement order.
-    std::string const& names() const { return m_names; }
-    // Appends "'x','y'": `values` (given in the insertion order of the columns) quoted, in
-    // statement order. There must be one value per column.
-    void appendValues(std::string& out, std::initializer_list<String> values) const;
+    std::string const& table() const { return m_table; }
+    // "INSERT OR REPLACE INTO `<table>` (`a`,`b`) VALUES('x','y')": `values` (given in the
+    // insertion order of the columns) quoted, in statement order, in one buffer sized once.
+    // There must be one value per column.
+    std::string insertOrReplace(std::initializer_list<Cell> values) const;
 
 private:
+    std::string m_table;
     // For each position in the statement, the index of its column in the insertion order.
     std::vector<std::size_t> m_order;
-    std::string m_names;
+    // The statement up to its values, the same for every row.
+    std::string m_head;
 };
 
 // ---- Statements and clauses --------------------------------------------------------------
