@@ -63,14 +63,9 @@ ResultSetRow& ResultSetRow::operator=(ResultSetRow const& other) {
     return *this;
 }
 
-void ResultSetRow::streamFrom(sqlite3_stmt* statement) {
-    m_statement = statement;
-    // Row numbers start at 1, so a fresh mark (0) reads as unread; after 2^32 - 1 rows the
-    // marks start over.
-    if (++m_row == 0 || m_read.size() != m_cells.size()) {
-        m_read.assign(m_cells.size(), 0);
-        if (m_row == 0) m_row = 1;
-    }
+void ResultSetRow::restartMarks() {
+    m_read.assign(m_cells.size(), 0);
+    if (m_row == 0) m_row = 1;
 }
 
 String const& ResultSetRow::columnValue(int index) const {

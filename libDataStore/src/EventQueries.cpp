@@ -365,12 +365,14 @@ void EventDataStore::scriptRunEventResultLogs(long long scriptId, EventTimePoint
     eachRecord<TestRunEventResultLog>(statement, eventOf, each);
 }
 
-std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<EventTimePoint> from,
-                                                              boost::optional<EventTimePoint> to,
-                                                              boost::optional<String> typeOfRun,
-                                                              boost::optional<String> name,
-                                                              boost::optional<String> scriptGuid,
-                                                              int limit) const {
+namespace {
+
+// The statement of the script-run readers (their text is matched by other tools).
+String scriptRunsStatement(boost::optional<EventTimePoint> const& from,
+                           boost::optional<EventTimePoint> const& to,
+                           boost::optional<String> const& typeOfRun,
+                           boost::optional<String> const& name,
+                           boost::optional<String> const& scriptGuid, int limit) {
     // Each selected item starts with a blank, hence the two blanks after SELECT.
     std::pair<char const*, char const*> const selected[] = {
         {" s.", "scriptId"}, {" s.", "name"},        {" s.", "result"},     {" s.", "startTime"},
@@ -398,11 +400,35 @@ std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<Ev
     statement += " ORDER BY s." + id("startTime").str() + " DESC";
     statement += sql::limit(limit);
 
-    return records<ScriptResultLog>(String(std::move(statement)), [&](ResultSetRow const& row) {
-        return ScriptResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
-                               sql::timePoint(row, 3), sql::timePoint(row, 4), row.uintValue(5),
-                               row.columnValue(6), row.columnValue(7));
-    });
+    return String(std::move(statement));
+}
+
+ScriptResultLog scriptRunOf(ResultSetRow const& row) {
+    return ScriptResultLog(row.int64Value(0), row.columnValue(1), row.columnValue(2),
+                           sql::timePoint(row, 3), sql::timePoint(row, 4), row.uintValue(5),
+                           row.columnValue(6), row.columnValue(7));
+}
+
+}  // namespace
+
+std::vector<ScriptResultLog> EventDataStore::scriptResultLogs(boost::optional<EventTimePoint> from,
+                                                              boost::optional<EventTimePoint> to,
+                                                              boost::optional<String> typeOfRun,
+                                                              boost::optional<String> name,
+                                                              boost::optional<String> scriptGuid,
+                                                              int limit) const {
+    return records<ScriptResultLog>(
+        scriptRunsStatement(from, to, typeOfRun, name, scriptGuid, limit), scriptRunOf);
+}
+
+void EventDataStore::scriptResultLogs(boost::optional<EventTimePoint> from,
+                                      boost::optional<EventTimePoint> to,
+                                      boost::optional<String> typeOfRun,
+                                      boost::optional<String> name,
+                                      boost::optional<String> scriptGuid, int limit,
+                                      Each<ScriptResultLog> const& each) const {
+    eachRecord<ScriptResultLog>(scriptRunsStatement(from, to, typeOfRun, name, scriptGuid, limit),
+                                scriptRunOf, each);
 }
 
 std::vector<TestRunResultLog> EventDataStore::testRunResultLogs(long long scriptId,

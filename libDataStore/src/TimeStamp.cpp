@@ -12,11 +12,6 @@ struct SharedDateTime {
     DateTime value;
 };
 
-// Bits 1 and 2 of an inline value; its seconds start at bit 3.
-std::uint64_t const kInitialised = 2;
-std::uint64_t const kUtc = 4;
-long long const kInlineLimit = 1LL << 60;
-
 static_assert(sizeof(SharedDateTime*) <= sizeof(std::uint64_t), "a pointer fits in the word");
 static_assert(alignof(SharedDateTime) % 2 == 0, "a pointer leaves the lowest bit clear");
 
@@ -24,25 +19,18 @@ SharedDateTime* block(std::uint64_t word) {
     return reinterpret_cast<SharedDateTime*>(static_cast<std::uintptr_t>(word));
 }
 
-std::uint64_t wordFor(DateTime const& value) {
+}  // namespace
+
+std::uint64_t TimeStamp::wordFor(DateTime const& value) {
     if (!value.isInitialized()) return 1;
     long long const seconds = value.unixTimeStamp();
     if (seconds >= -kInlineLimit && seconds < kInlineLimit) {
         return (static_cast<std::uint64_t>(seconds) << 3) |
-               (value.kind() == DateTime::UTC ? kUtc : 0) | kInitialised | 1;
+               (value.kind() == DateTime::UTC ? kUtcBit : 0) | kInitialisedBit | 1;
     }
     return static_cast<std::uint64_t>(
         reinterpret_cast<std::uintptr_t>(new SharedDateTime{1, value}));
 }
-
-}  // namespace
-
-// The readers make two of these per record: the word is made straight from the seconds (a UTC
-// instant) rather than through a DateTime.
-TimeStamp::TimeStamp(long long unixSeconds)
-    : m_word(unixSeconds >= -kInlineLimit && unixSeconds < kInlineLimit
-                 ? (static_cast<std::uint64_t>(unixSeconds) << 3) | kUtc | kInitialised | 1
-                 : wordFor(DateTime::fromUnixTimeStamp(unixSeconds))) {}
 
 TimeStamp::TimeStamp(DateTime const& dateTime) : m_word(wordFor(dateTime)) {}
 
@@ -58,11 +46,11 @@ void TimeStamp::release() {
 
 DateTime TimeStamp::dateTime() const {
     if (shared()) return block(m_word)->value;
-    if (!(m_word & kInitialised)) return DateTime();
+    if (!(m_word & kInitialisedBit)) return DateTime();
     // The seconds are the word's upper bits, sign included.
     auto const seconds = static_cast<long long>(m_word) >> 3;
     DateTime const utc = DateTime::fromUnixTimeStamp(seconds);
-    return m_word & kUtc ? utc : utc.toLocalTime();
+    return m_word & kUtcBit ? utc : utc.toLocalTime();
 }
 
 TimeStamp TimeStamp::getCurrentTimeStamp() { return TimeStamp(DateTime::getCurrentDateTime()); }
@@ -70,8 +58,6 @@ TimeStamp TimeStamp::getCurrentTimeStamp() { return TimeStamp(DateTime::getCurre
 TimeStamp TimeStamp::getCurrentUTCTimeStamp() {
     return TimeStamp(DateTime::getCurrentUTCDateTime());
 }
-
-TimeStamp TimeStamp::fromUnixTimeStamp(long long unixSeconds) { return TimeStamp(unixSeconds); }
 
 long long TimeStamp::getUnixTimeStamp() const { return dateTime().unixTimeStamp(); }
 

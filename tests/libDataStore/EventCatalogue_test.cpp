@@ -652,6 +652,10 @@ TEST_F(StreamedReadersTest, RunTheCollectingReadersStatementsAndGiveTheirRecords
         EventDataStore const& s = *store;
         EventTimePoint const none, from = at(kDay), to = at(kDay + 86400);
         using E = EventDataStore;
+        using Text = boost::optional<String>;
+        compare(&E::scriptResultLogs, &E::scriptResultLogs, s,
+                boost::optional<EventTimePoint>(from), boost::optional<EventTimePoint>(), Text(),
+                Text(String("Morning check (full)")), Text(), 0);
         compare(&E::scriptRunEventResultLogs, &E::scriptRunEventResultLogs, s, 1, from, to, 5);
         compare(&E::testRunResultLogs, &E::testRunResultLogs, s, 1, none, none, 0);
         compare(&E::testRunEventResultLogs, &E::testRunEventResultLogs, s, 1, from, none, 0);

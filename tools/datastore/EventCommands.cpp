@@ -111,13 +111,12 @@ void scripts(Options const& options, EventArgs const& args) {
         return seconds > 0 ? boost::optional<EventTimePoint>(at(seconds))
                            : boost::optional<EventTimePoint>();
     };
-    std::vector<zrn::ScriptResultLog> const logs =
-        store->scriptResultLogs(bound(range.since), bound(range.until), text(args.type),
-                                text(args.name), text(args.guid), limitOf(options));
     RecordPrinter printer(scriptRunFields(), options.json);
-    for (auto const& log : logs) {
-        printer.add(scriptRunRecord(options.json, log));
-    }
+    printer.stream(std::cout);
+    store->scriptResultLogs(
+        bound(range.since), bound(range.until), text(args.type), text(args.name), text(args.guid),
+        limitOf(options),
+        [&](zrn::ScriptResultLog const& log) { printer.add(scriptRunRecord(options.json, log)); });
     printer.print(std::cout);
 }
 

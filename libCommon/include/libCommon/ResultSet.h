@@ -44,7 +44,13 @@ public:
 private:
     // Points one row object at the current row of a streamed statement, for every row.
     friend class SQLite3Database;
-    void streamFrom(sqlite3_stmt* statement);
+    void streamFrom(sqlite3_stmt* statement) {
+        m_statement = statement;
+        // Row numbers start at 1, so a fresh mark (0) reads as unread; after 2^32 - 1 rows the
+        // marks start over.
+        if (++m_row == 0 || m_read.size() != m_cells.size()) restartMarks();
+    }
+    void restartMarks();
 
     // Cell `index` of the streamed statement's row; `index` must be a column.
     sqlite3_value* cell(int index) const;

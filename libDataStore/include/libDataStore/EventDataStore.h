@@ -249,6 +249,10 @@ public:
     template <class Record>
     using Each = std::function<void(Record const&)>;
 
+    void scriptResultLogs(boost::optional<EventTimePoint> from, boost::optional<EventTimePoint> to,
+                          boost::optional<String> typeOfRun, boost::optional<String> name,
+                          boost::optional<String> scriptGuid, int limit,
+                          Each<ScriptResultLog> const& each) const;
     void scriptRunEventResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to,
                                   int limit, Each<TestRunEventResultLog> const& each) const;
     void testRunResultLogs(long long scriptId, EventTimePoint from, EventTimePoint to, int limit,

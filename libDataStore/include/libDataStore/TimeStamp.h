@@ -35,7 +35,13 @@ public:
     using Handle = SharedResource<PointerStorage<DateTime>, false>;
 
     TimeStamp() = default;
-    explicit TimeStamp(long long unixSeconds);
+    // The readers make two of these per record: a time near enough to 1970 (any of this era)
+    // is made here, in the caller, straight from its seconds.
+    explicit TimeStamp(long long unixSeconds)
+        : m_word(unixSeconds >= -kInlineLimit && unixSeconds < kInlineLimit
+                     ? (static_cast<std::uint64_t>(unixSeconds) << 3) | kUtcBit | kInitialisedBit |
+                           1
+                     : wordFor(DateTime::fromUnixTimeStamp(unixSeconds))) {}
     explicit TimeStamp(DateTime const& dateTime);
     TimeStamp(TimeStamp const& other) : m_word(other.m_word) {
         if (shared()) retain();
@@ -58,7 +64,7 @@ public:
 
     static TimeStamp getCurrentTimeStamp();
     static TimeStamp getCurrentUTCTimeStamp();
-    static TimeStamp fromUnixTimeStamp(long long unixSeconds);
+    static TimeStamp fromUnixTimeStamp(long long unixSeconds) { return TimeStamp(unixSeconds); }
 
     // Seconds since 1970-01-01 00:00:00 UTC (0 when not initialised).
     long long getUnixTimeStamp() const;
@@ -77,6 +83,13 @@ private:
 
     // An inline, uninitialised value: bit 0 set, every other bit clear.
     static constexpr std::uint64_t kUninitialised = 1;
+    // Bits 1 and 2 of an inline value; its seconds start at bit 3. Times at least 2^60
+    // seconds away from 1970 are held in a shared block instead.
+    static constexpr std::uint64_t kInitialisedBit = 2;
+    static constexpr std::uint64_t kUtcBit = 4;
+    static constexpr long long kInlineLimit = 1LL << 60;
+
+    static std::uint64_t wordFor(DateTime const& value);
 
     bool shared() const { return (m_word & 1) == 0; }
     void retain() const;
