@@ -26,50 +26,66 @@ void appendIdentifier(std::string& out, String const& name) {
 
 namespace {
 
-// The bytes of `text` quoted with `quote`, every `quote` inside doubled.
-std::size_t quotedSize(std::string const& text, char quote) {
-    std::size_t size = text.size() + 2;
-    char const* const last = text.data() + text.size();
-    for (char const* at = text.data(); (at = static_cast<char const*>(std::memchr(
-                                            at, quote, static_cast<std::size_t>(last - at))));
-         ++at) {
-        ++size;
+// Writes into a buffer sized beforehand from the lengths of its parts, growing it only when a
+// value holds quotes to double: every byte of a value is looked at once, and each run between
+// quotes is copied at once.
+class QuotedWriter {
+public:
+    // Writes from `out`'s current size on, into room for `bytes` more and a few doubled quotes.
+    QuotedWriter(std::string& out, std::size_t bytes) : m_out(out) {
+        std::size_t const start = out.size();
+        std::size_t const needed = start + bytes + 16;
+        // Grows geometrically, as appends do, when the caller did not reserve.
+        if (needed > out.capacity()) out.reserve(std::max(needed, 2 * out.capacity()));
+        out.resize(needed);
+        m_at = &out[start];
+        m_end = &out[0] + needed;
     }
-    return size;
-}
+    QuotedWriter(QuotedWriter const&) = delete;
+    QuotedWriter& operator=(QuotedWriter const&) = delete;
+    ~QuotedWriter() { m_out.resize(static_cast<std::size_t>(m_at - &m_out[0])); }
 
-// Writes `text` quoted at `out`, which has room for quotedSize(text, quote) bytes; returns the
-// end. Whole runs between quotes are copied at once; each quote found ends a run and is doubled.
-char* writeQuoted(char* out, std::string const& text, char quote) {
-    *out++ = quote;
-    char const* run = text.data();
-    char const* const last = run + text.size();
-    for (char const* at; (at = static_cast<char const*>(
-                              std::memchr(run, quote, static_cast<std::size_t>(last - run))));
-         run = at + 1) {
-        std::size_t const bytes = static_cast<std::size_t>(at + 1 - run);
-        std::memcpy(out, run, bytes);
-        out += bytes;
-        *out++ = quote;
+    void put(char c) {
+        if (m_at == m_end) grow(1);
+        *m_at++ = c;
     }
-    std::size_t const bytes = static_cast<std::size_t>(last - run);
-    if (bytes) std::memcpy(out, run, bytes);
-    out += bytes;
-    *out++ = quote;
-    return out;
-}
+    void put(char const* bytes, std::size_t count) {
+        if (count > static_cast<std::size_t>(m_end - m_at)) grow(count);
+        if (count) std::memcpy(m_at, bytes, count);
+        m_at += count;
+    }
+    void quoted(std::string const& text, char quote) {
+        put(quote);
+        char const* run = text.data();
+        char const* const last = run + text.size();
+        for (char const* at; (at = static_cast<char const*>(
+                                  std::memchr(run, quote, static_cast<std::size_t>(last - run))));
+             run = at + 1) {
+            put(run, static_cast<std::size_t>(at + 1 - run));
+            put(quote);
+        }
+        put(run, static_cast<std::size_t>(last - run));
+        put(quote);
+    }
+
+private:
+    void grow(std::size_t count) {
+        std::size_t const written = static_cast<std::size_t>(m_at - &m_out[0]);
+        std::size_t const size = std::max(2 * m_out.size(), written + count);
+        m_out.resize(size);
+        m_at = &m_out[0] + written;
+        m_end = &m_out[0] + size;
+    }
+
+    std::string& m_out;
+    char* m_at;   // where the next byte goes
+    char* m_end;  // the end of the room
+};
 
 }  // namespace
 
 void appendValue(std::string& out, String const& text) {
-    char const quote = module::quote().str()[0];
-    std::size_t const start = out.size();
-    std::size_t const bytes = quotedSize(text.str(), quote);
-    // Grows once at most (geometrically, as appends do), when the caller did not reserve.
-    if (start + bytes > out.capacity())
-        out.reserve(std::max(start + bytes + 8, 2 * out.capacity()));
-    out.resize(start + bytes);
-    writeQuoted(&out[start], text.str(), quote);
+    QuotedWriter(out, text.byteSize() + 2).quoted(text.str(), module::quote().str()[0]);
 }
 
 String identifier(String const& name) {
@@ -131,17 +147,19 @@ std::string ColumnOrder::insertOrReplace(std::initializer_list<Cell> values) con
     char const quote = module::quote().str()[0];
     char const comma = module::comma().str()[0];
     Cell const* const first = values.begin();
-    std::size_t bytes = m_head.size() + m_order.size();  // the commas and ")"
-    for (Cell const& value : values) bytes += quotedSize(value.text->str(), quote);
-    std::string out(bytes, '\0');
-    char* at = &out[0];
-    std::memcpy(at, m_head.data(), m_head.size());
-    at += m_head.size();
-    for (std::size_t i = 0; i < m_order.size(); ++i) {
-        if (i) *at++ = comma;
-        at = writeQuoted(at, first[m_order[i]].text->str(), quote);
+    // Two quotes and a comma (or the closing parenthesis) per value.
+    std::size_t bytes = m_head.size() + 3 * m_order.size();
+    for (Cell const& value : values) bytes += value.text->byteSize();
+    std::string out;
+    {
+        QuotedWriter writer(out, bytes);
+        writer.put(m_head.data(), m_head.size());
+        for (std::size_t i = 0; i < m_order.size(); ++i) {
+            if (i) writer.put(comma);
+            writer.quoted(first[m_order[i]].text->str(), quote);
+        }
+        writer.put(')');
     }
-    *at = ')';
     return out;
 }
 
