@@ -489,9 +489,9 @@ LogList<Record> SoftwareDiagEventDataStore::records(String const& statement, int
     // result is held next to the list.
     StoreLock lock(module::softwareDiagStoreMutex(), m_reader.get());
     LogList<Record> logs;
-    // A limited list is room for its limit from the start rather than grown by doubling, each
-    // step moving every record made so far; a large limit is usually far above what the table
-    // holds, so only a page's worth is set aside for it.
+    // A limited list gets room for its limit from the start rather than growing by doubling,
+    // each step moving every record made so far; a large limit is usually far above what the
+    // table holds, so room for at most 1,024 records is set aside.
     if (limit > 0) logs.reserve(static_cast<unsigned int>(std::min(limit, 1024)));
     m_database->forEachRow(statement,
                            [&](ResultSetRow const& row) { logs.append(Record::fromDbRow(row)); });

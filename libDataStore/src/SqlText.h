@@ -54,11 +54,6 @@ std::string identifierList(std::initializer_list<char const*> columns);
 void columnAndValueLists(HashTable<String, String> const& row, std::string& names,
                          std::string& values);
 
-// The columns of a fixed row in the order a statement lists them. A row built as a
-// HashTable<String, String> (32 buckets) lists its columns in the table's iteration order, which
-// depends only on the keys and the order they went in; this computes that order once, by
-// building such a table, so that rows of these columns need no table of their own and come out
-// in the same statement byte for byte. Keep one per column set (a function-local static).
 // One value of a row handed to ColumnOrder: the String itself, not a copy (a list of Strings
 // would copy each text, allocating for every one longer than a few bytes).
 struct Cell {
@@ -66,6 +61,11 @@ struct Cell {
     String const* text;
 };
 
+// The columns of a fixed row in the order a statement lists them. A row built as a
+// HashTable<String, String> (32 buckets) lists its columns in the table's iteration order, which
+// depends only on the keys and the order they went in; this computes that order once, by
+// building such a table, so that rows of these columns need no table of their own and come out
+// in the same statement byte for byte. Keep one per column set (a function-local static).
 class ColumnOrder {
 public:
     // The columns of `table` in the order the row's entries would be inserted.
@@ -74,7 +74,7 @@ public:
     std::size_t size() const { return m_order.size(); }
     std::string const& table() const { return m_table; }
     // "INSERT OR REPLACE INTO `<table>` (`a`,`b`) VALUES('x','y')": `values` (given in the
-    // insertion order of the columns) quoted, in statement order, in one buffer sized once.
+    // insertion order of the columns) quoted, in statement order, in one buffer sized from them.
     // There must be one value per column.
     std::string insertOrReplace(std::initializer_list<Cell> values) const;
 
