@@ -41,31 +41,7 @@ std::string replaceAll(std::string text, std::string const& from, std::string co
     return text;
 }
 
-class DatastoreToolTest : public ::testing::Test {
-protected:
-    // Runs the tool with `args` (plus --dir of this test unless `withDir` is false), with the
-    // library's own log settings and the tool's environment cleared (then `m_env` added).
-    // `columns` > 0: in a pseudo-terminal of that width and 24 lines (script(1)), with the
-    // terminal's line ends turned back into "\n"; else piped.
-    ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
-        std::vector<std::string> all = args;
-        if (withDir) all.insert(all.end(), {"--dir", m_stores});
-        return test::runTool(all, m_dir.file("stderr.txt"), m_env, columns);
-    }
-
-    void demo() const {
-        ToolRun const run = tool({"demo"});
-        ASSERT_EQ(run.code, 0) << run.err;
-        ASSERT_EQ(run.err, "");
-    }
-
-    std::string store(char const* name) const { return m_stores + "/" + name; }
-
-    std::string m_env;  // VAR=value ... for the tool's environment
-    test::TempDir m_dir;
-    // Deliberately not there yet: the demo must create it.
-    std::string const m_stores = m_dir.file("stores");
-};
+using DatastoreToolTest = test::ToolTest;
 
 TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
     demo();
