@@ -9,7 +9,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
+#include <cwchar>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -265,23 +268,13 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
 
 // ---- Output for people and for programs
 
-// Columns a line takes on a terminal, for the characters these tests write: CJK ideographs
-// take two, combining accents none.
+// Columns a line takes on a terminal, as the C library's UTF-8 tables count them (CJK
+// ideographs take two, combining accents none).
 std::size_t displayWidth(std::string const& line) {
-    std::size_t width = 0;
-    for (std::size_t i = 0; i < line.size();) {
-        unsigned char const lead = static_cast<unsigned char>(line[i]);
-        std::size_t const length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        unsigned codePoint = lead;
-        if (length == 2) codePoint = (lead & 0x1Fu) << 6 | (line[i + 1] & 0x3F);
-        if (length == 3)
-            codePoint = (lead & 0x0Fu) << 12 | (line[i + 1] & 0x3F) << 6 | (line[i + 2] & 0x3F);
-        width += codePoint >= 0x4E00 && codePoint <= 0x9FFF ? 2
-                 : codePoint >= 0x300 && codePoint <= 0x36F ? 0
-                                                            : 1;
-        i += length;
-    }
-    return width;
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    std::wstring wide(line.size(), L'\0');
+    wide.resize(std::mbstowcs(wide.data(), line.c_str(), wide.size()));
+    return static_cast<std::size_t>(::wcswidth(wide.c_str(), wide.size()));
 }
 
 // The records of a json listing written as Python's csv module writes them (minimal quoting,
@@ -636,18 +629,6 @@ TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
 
 // ---- Read-only inspection
 
-// Every file of a folder with its bytes and modification time (nanoseconds).
-std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder) {
-    std::map<std::string, std::pair<std::string, long long>> files;
-    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
-        auto const mtime = std::filesystem::last_write_time(entry.path()).time_since_epoch();
-        files[entry.path().filename().string()] = {
-            test::readFile(entry.path().string()),
-            std::chrono::duration_cast<std::chrono::nanoseconds>(mtime).count()};
-    }
-    return files;
-}
-
 // Runs a shell command line; standard error into `errFile`.
 ToolRun shell(std::string const& command, std::string const& errFile) {
     ToolRun run = test::runShell(command + " 2>" + quoted(errFile));
@@ -680,7 +661,7 @@ TEST_F(DatastoreToolTest, InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock) 
     std::string const user =
         ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
     std::string const noLocks = "/proc/zrn-no-lock-folder-" + std::to_string(::getpid());
-    auto const before = snapshot(m_stores);
+    auto const before = test::snapshot(m_stores);
 
     for (std::vector<std::string> const& args :
          std::vector<std::vector<std::string>>{{"info"},
@@ -719,7 +700,7 @@ TEST_F(DatastoreToolTest, InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock) 
                 }
             }
         }
-        EXPECT_EQ(snapshot(m_stores), before);
+        EXPECT_EQ(test::snapshot(m_stores), before);
     }
     std::filesystem::permissions(m_stores, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::add);
@@ -732,18 +713,13 @@ TEST_F(DatastoreToolTest, InspectionIgnoresTheNamedMutexAndGivesUpOnAWriterAfter
     test::ScopedEnv env("ZRN_LOCK_DIR", lockDir.c_str());
 
     // A suite program holding "event_store" (for whatever file) does not hold up a reader.
-    std::string const ready = m_dir.file("ready");
-    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "event_store", ready});
-    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(std::filesystem::exists(ready));
+    test::MutexHolder holder(ZRN_CHILD, "event_store", m_dir.file("ready"));
     auto start = std::chrono::steady_clock::now();
     ToolRun const free = tool({"alerts", "--json"});
     EXPECT_EQ(free.code, 0) << free.err;
     EXPECT_FALSE(free.records().empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    ::kill(holder, SIGKILL);
-    test::waitProcess(holder, 5);
+    holder.release();
 
     // A writer that holds the file: the reader waits --wait seconds, then says so.
     test::RawDb writer(store("event.db"));
