@@ -285,19 +285,14 @@ std::string pythonSeparated(test::TempDir const& dir, std::string const& json,
     test::writeFile(file, json);
     std::string const command =
         "python3 -c '"
-        "import csv, io, json, sys\n"
-        "records = json.load(open(sys.argv[1]))\n"
+        "import csv, json, sys\n"
         "keys = sys.argv[3].split(sys.argv[2])\n"
-        "out = io.StringIO()\n"
-        "w = csv.writer(out, delimiter=sys.argv[2], lineterminator=\"\\r\\n\")\n"
+        "w = csv.writer(sys.stdout, delimiter=sys.argv[2], lineterminator=\"\\r\\n\")\n"
         "w.writerow(keys)\n"
-        "def cell(v):\n"
-        "    return \"\" if v is None else (\"true\" if v else \"false\") if v is True or v is "
-        "False else v\n"
-        "for r in records:\n"
+        "for r in json.load(open(sys.argv[1])):\n"
         "    assert sorted(r) == sorted(keys), (sorted(r), keys)\n"
-        "    w.writerow([cell(r[k]) for k in keys])\n"
-        "sys.stdout.write(out.getvalue())' " +
+        "    w.writerow([\"\" if r[k] is None else str(r[k]).lower() if type(r[k]) is bool "
+        "else r[k] for k in keys])' " +
         quoted(file) + " " + quoted(std::string(1, delimiter)) + " " + quoted(header);
     ToolRun const run = test::runShell(command);
     EXPECT_EQ(run.code, 0) << command;
