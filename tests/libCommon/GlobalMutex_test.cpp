@@ -144,19 +144,14 @@ TEST_F(GlobalMutexTest, ProcessesNeverLoseAnIncrement) {
 }
 
 TEST_F(GlobalMutexTest, AKilledHolderReleasesTheMutex) {
-    std::string const ready = m_dir.file("ready");
-    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "held", ready});
-    for (int i = 0; i < 1000 && !std::filesystem::exists(ready); ++i)
-        std::this_thread::sleep_for(5ms);
-    ASSERT_TRUE(std::filesystem::exists(ready));
+    test::MutexHolder holder(ZRN_CHILD, "held", m_dir.file("ready"));
 
     std::string const counter = m_dir.file("counter");
     test::writeFile(counter, "0");
     int const waiter = test::spawnProcess({ZRN_CHILD, "count", "held", counter, "1"});
     EXPECT_EQ(test::waitProcess(waiter, 0.3), -1) << "must wait while the holder lives";
 
-    ::kill(holder, SIGKILL);
-    EXPECT_EQ(test::waitProcess(holder, 10), 128 + SIGKILL);
+    EXPECT_EQ(holder.release(), 128 + SIGKILL);
     int const status = test::waitProcess(waiter, 10);
     if (status == -1) ::kill(waiter, SIGKILL);
     EXPECT_EQ(status, 0);

@@ -31,7 +31,6 @@ EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::dur
 
 // Fixed times of the workload: a diagnostics day in November 2025.
 long long const kDay = 1763800000;
-char const* const kNotes = "These are not the pages of a database, just some text.\n";
 
 EventDataStore::AlertData alert(char const* guid, long long time,
                                 std::vector<std::pair<String, String>> keyValues,
@@ -48,13 +47,8 @@ EventDataStore::AlertData alert(char const* guid, long long time,
                                      std::move(keyValues)};
 }
 
-// One record as a line of the messages text, fields in declaration order.
-std::string join(std::initializer_list<std::string> cells) {
-    std::string out;
-    for (auto const& cell : cells) out += (out.empty() ? "" : " | ") + cell;
-    return out;
-}
-std::string n(long long value) { return std::to_string(value); }
+using test::join;
+using test::n;
 std::string t(EventTimePoint time) { return n(time.time_since_epoch().count()); }
 std::string d(double value) {
     std::ostringstream out;
@@ -158,9 +152,7 @@ void EventCatalogueTest::openAndAsk(Store& store) {
     store.emplace(String(m_path));
     step("getVersion, checkValidity");
     note("getVersion()", store->getVersion());
-    String error("untouched");
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
+    noteValidity(*store, "untouched");
     dumpSchema("a new file", m_path);
     step("application-run questions on an empty store");
     note("firstApplicationRunId", store->firstApplicationRunId(""));
@@ -420,22 +412,11 @@ void EventCatalogueTest::retention(EventDataStore& store) {
 }
 
 void EventCatalogueTest::closing(Store& store) {
-    step("checkValidity on a file moved away");
-    std::filesystem::rename(m_path, m_path + ".moved");
-    String error;
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
-    std::filesystem::rename(m_path + ".moved", m_path);
-    step("close, close again, then use the closed store");
-    store->close();
-    store->close();
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
-    noteThrow("logAppStart", [&] { store->logAppStart("a", "b", "c", at(kDay)); });
-    noteThrow("getVersion", [&] { store->getVersion(); });
-    note("logAlert", store->logAlert(alert("{a1e7-0008}", kDay, {})));
-    step("destroy the closed store");
-    store.reset();
+    CatalogueTest::closing(store, m_path, [&] {
+        noteThrow("logAppStart", [&] { store->logAppStart("a", "b", "c", at(kDay)); });
+        noteThrow("getVersion", [&] { store->getVersion(); });
+        note("logAlert", store->logAlert(alert("{a1e7-0008}", kDay, {})));
+    });
 }
 
 void EventCatalogueTest::copiesAndDefaultPaths() {
@@ -463,19 +444,11 @@ void EventCatalogueTest::copiesAndDefaultPaths() {
 }
 
 void EventCatalogueTest::failedOpenings() {
-    std::string const notADatabase = file("notes.db");
-    test::writeFile(notADatabase, kNotes);
-    std::string const inMissingFolder = file("missing/event.db");
-    for (auto const& path : {notADatabase, inMissingFolder}) {
-        std::string const name = nameOf(path);
-        step("open " + name);
-        Store store(m_catalogue, "failing");
-        noteThrow("EventDataStore(path)", [&] { store.emplace(String(path)); });
-        step("create(" + name + ")");
-        created("create(path)", [&] { return EventDataStore::create(String(path)); });
-    }
-    note("notes.db unchanged", test::readFile(notADatabase) == kNotes);
-    note("missing folder made", std::filesystem::exists(file("missing")));
+    CatalogueTest::failedOpenings<EventDataStore>(
+        "EventDataStore(path)", "event.db", [&](std::string const& path, std::string const& name) {
+            step("create(" + name + ")");
+            created("create(path)", [&] { return EventDataStore::create(String(path)); });
+        });
 }
 
 void EventCatalogueTest::upgrades() {
@@ -531,21 +504,8 @@ void EventCatalogueTest::readOnlyOpenings() {
         note("alertExists", store->alertExists("{a1e7-0001}"));
         note("prunableBefore", store->prunableBefore(at(kDay + 1)).total());
     }
-    step("ReadOnly: open while a writer holds the file");
-    whileLocked(m_path, [&] {
-        Store store(m_catalogue, "blocked");
-        noteThrow("EventDataStore(path, ReadOnly)", [&] {
-            store.emplace(String(m_path), ReadOnly{std::chrono::milliseconds(0), false});
-        });
-    });
-    std::string const other = file("versioning-only.db");
-    prepare(other, "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);");
-    for (auto const& path : {file("absent.db"), other}) {
-        step("ReadOnly: open " + nameOf(path));
-        Store store(m_catalogue, "refused");
-        noteThrow("EventDataStore(path, ReadOnly)",
-                  [&] { store.emplace(String(path), ReadOnly{}); });
-    }
+    refusedReadOnly<EventDataStore>(m_path, "EventDataStore(path, ReadOnly)",
+                                    "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY);");
 }
 
 void EventCatalogueTest::readOnlyViews() {
@@ -569,13 +529,8 @@ void EventCatalogueTest::readOnlyViews() {
 }
 
 void EventCatalogueTest::journalMode() {
-    test::writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = WAL\n");
-    step("JournalMode WAL: open a new file and log");
-    {
-        Store store(m_catalogue, "wal");
-        store.emplace(String(file("wal.db")));
-        store->logAppStart("wal", "u", "t", at(kDay));
-    }
+    walFile<EventDataStore>(
+        [](EventDataStore& store) { store.logAppStart("wal", "u", "t", at(kDay)); });
     test::writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = memory\n");
     step("JournalMode unknown: open a new file");
     {

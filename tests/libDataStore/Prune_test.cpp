@@ -335,11 +335,7 @@ TEST(PruneTest, WaitsForAnotherProcessHoldingTheStoresMutex) {
     keyValues.append(LogKeyValue("a", "1"));
     ASSERT_TRUE(store.logOrUpdate(GenericLog("type", "guid", "cat", "sub", 0, keyValues)));
 
-    std::string const ready = dir.file("ready");
-    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "general_store", ready});
-    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(std::filesystem::exists(ready));
+    test::MutexHolder holder(ZRN_CHILD, "general_store", dir.file("ready"));
     // Everything is older than a cutoff in the future.
     auto pruning = std::async(std::launch::async, [&] {
         return store.pruneBefore(
@@ -350,8 +346,7 @@ TEST(PruneTest, WaitsForAnotherProcessHoldingTheStoresMutex) {
         RawDb raw(path, true);
         EXPECT_EQ(count(raw, "GenericLog"), 1);
     }
-    ::kill(holder, SIGKILL);
-    test::waitProcess(holder, 5);
+    holder.release();
     ASSERT_EQ(pruning.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     PruneResult const result = pruning.get();
     EXPECT_EQ(result.rows("GenericLog"), 1);

@@ -28,18 +28,6 @@ using Clock = std::chrono::steady_clock;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 
-// Every file of a folder with its bytes and modification time.
-std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder) {
-    std::map<std::string, std::pair<std::string, long long>> files;
-    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
-        struct stat info {};
-        ::stat(entry.path().c_str(), &info);
-        long long const mtime = info.st_mtim.tv_sec * 1000000000LL + info.st_mtim.tv_nsec;
-        files[entry.path().filename().string()] = {test::readFile(entry.path().string()), mtime};
-    }
-    return files;
-}
-
 class ReadOnlyStoresTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -73,7 +61,7 @@ protected:
 };
 
 TEST_F(ReadOnlyStoresTest, ServeTheirQueriesRefuseWritesAndLeaveEveryByteAndMtime) {
-    auto const before = snapshot(m_dir.path());
+    auto const before = test::snapshot(m_dir.path());
     test::LogCapture log;
     {
         EventDataStore events{String(m_events), ReadOnly{}};
@@ -114,11 +102,11 @@ TEST_F(ReadOnlyStoresTest, ServeTheirQueriesRefuseWritesAndLeaveEveryByteAndMtim
         EXPECT_THROW(repair.logSessionStarted(), DatabaseError);
     }
     // Not one byte, not one mtime, and no journal or other file left behind.
-    EXPECT_EQ(snapshot(m_dir.path()), before);
+    EXPECT_EQ(test::snapshot(m_dir.path()), before);
 
     // The default opening is untouched: it still completes and writes the file.
     { EventDataStore writer{String(m_events)}; }
-    EXPECT_NE(snapshot(m_dir.path()).at("event.db").second, before.at("event.db").second);
+    EXPECT_NE(test::snapshot(m_dir.path()).at("event.db").second, before.at("event.db").second);
 }
 
 TEST_F(ReadOnlyStoresTest, RefuseMissingFilesAndFilesOfAnotherStoreCreatingNothing) {
@@ -156,18 +144,13 @@ TEST_F(ReadOnlyStoresTest, TakeNoNamedMutexAndWaitForAWriterOnlyAsLongAsTold) {
     std::string const lockDir = m_dir.file("locks");
     std::filesystem::create_directories(lockDir);
     test::ScopedEnv env("ZRN_LOCK_DIR", lockDir.c_str());
-    std::string const ready = m_dir.file("ready");
-    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "event_store", ready});
-    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(std::filesystem::exists(ready));
+    test::MutexHolder holder(ZRN_CHILD, "event_store", m_dir.file("ready"));
     {
         // Another process holds "event_store" for good: a reader does not care.
         EventDataStore events{String(m_events), ReadOnly{}};
         EXPECT_TRUE(events.alertExists("g1"));
     }
-    ::kill(holder, SIGKILL);
-    test::waitProcess(holder, 5);
+    holder.release();
 
     ReadOnly shortWait;
     shortWait.wait = std::chrono::milliseconds(300);

@@ -33,13 +33,8 @@ long long const kTo = 1763886400;
 
 ResultSetRow row(std::vector<String> cells) { return ResultSetRow(nullptr, std::move(cells)); }
 
-// One record as a line of the messages text, fields in declaration order.
-std::string join(std::initializer_list<std::string> cells) {
-    std::string out;
-    for (auto const& cell : cells) out += (out.empty() ? "" : " | ") + cell;
-    return out;
-}
-std::string n(long long value) { return std::to_string(value); }
+using test::join;
+using test::n;
 std::string t(TimeStamp const& time) { return n(time.getUnixTimeStamp()); }
 std::string text(SessionLog const& r) {
     return join({"session", n(r.sessionId()), t(r.startTimeStamp()), t(r.endTimeStamp())});
@@ -125,9 +120,7 @@ void SoftwareDiagCatalogueTest::openAndAsk(Store& store) {
     store.emplace(String(m_path));
     step("getVersion, checkValidity");
     note("getVersion()", store->getVersion());
-    String error("untouched");
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
+    noteValidity(*store, "untouched");
     dumpSchema("a new file", m_path);
     step("getLastSessionLog on an empty table");
     note("getLastSessionLog() = " + text(store->getLastSessionLog()));
@@ -299,21 +292,10 @@ void SoftwareDiagCatalogueTest::retention(SoftwareDiagEventDataStore& store) {
 }
 
 void SoftwareDiagCatalogueTest::closing(Store& store) {
-    step("checkValidity on a file moved away");
-    std::filesystem::rename(m_path, m_path + ".moved");
-    String error;
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
-    std::filesystem::rename(m_path + ".moved", m_path);
-    step("close, close again, then use the closed store");
-    store->close();
-    store->close();
-    note("checkValidity(error)", store->checkValidity(error));
-    note(std::string("error: ") + error.c_str());
-    noteThrow("logSessionStarted", [&] { store->logSessionStarted(); });
-    noteThrow("getVersion", [&] { store->getVersion(); });
-    step("destroy the closed store");
-    store.reset();
+    CatalogueTest::closing(store, m_path, [&] {
+        noteThrow("logSessionStarted", [&] { store->logSessionStarted(); });
+        noteThrow("getVersion", [&] { store->getVersion(); });
+    });
 }
 
 void SoftwareDiagCatalogueTest::defaultPath() {
@@ -325,16 +307,8 @@ void SoftwareDiagCatalogueTest::defaultPath() {
 }
 
 void SoftwareDiagCatalogueTest::failedOpenings() {
-    std::string const notADatabase = file("notes.db");
-    std::string const notes = "These are not the pages of a database, just some text.\n";
-    test::writeFile(notADatabase, notes);
-    for (auto const& path : {notADatabase, file("missing/softwarediagevent.db")}) {
-        step("open " + nameOf(path));
-        Store store(m_catalogue, "failing");
-        noteThrow("SoftwareDiagEventDataStore(path)", [&] { store.emplace(String(path)); });
-    }
-    note("notes.db unchanged", test::readFile(notADatabase) == notes);
-    note("missing folder made", std::filesystem::exists(file("missing")));
+    CatalogueTest::failedOpenings<SoftwareDiagEventDataStore>("SoftwareDiagEventDataStore(path)",
+                                                              "softwarediagevent.db");
 }
 
 void SoftwareDiagCatalogueTest::olderFiles() {
@@ -374,33 +348,15 @@ void SoftwareDiagCatalogueTest::readOnlyOpenings() {
         noteList("getSession", store->getSession(1));
         note("prunableBefore", store->prunableBefore(TimeStamp(kTo)).total());
     }
-    step("ReadOnly: open while a writer holds the file");
-    whileLocked(m_path, [&] {
-        Store store(m_catalogue, "blocked");
-        noteThrow("SoftwareDiagEventDataStore(path, ReadOnly)", [&] {
-            store.emplace(String(m_path), ReadOnly{std::chrono::milliseconds(0), false});
-        });
-    });
-    std::string const other = file("versioning-only.db");
-    prepare(other,
-            "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL);");
-    for (auto const& path : {file("absent.db"), other}) {
-        step("ReadOnly: open " + nameOf(path));
-        Store store(m_catalogue, "refused");
-        noteThrow("SoftwareDiagEventDataStore(path, ReadOnly)",
-                  [&] { store.emplace(String(path), ReadOnly{}); });
-    }
+    refusedReadOnly<SoftwareDiagEventDataStore>(
+        m_path, "SoftwareDiagEventDataStore(path, ReadOnly)",
+        "CREATE TABLE `Versioning` (`version` INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL);");
 }
 
 void SoftwareDiagCatalogueTest::journalMode() {
-    test::writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = WAL\n");
-    step("JournalMode WAL: open a new file and log");
-    {
-        Store store(m_catalogue, "wal");
-        store.emplace(String(file("wal.db")));
-        note("logSessionStarted", store->logSessionStarted());
-    }
-    test::writeFile(m_settings, "");
+    walFile<SoftwareDiagEventDataStore>([&](SoftwareDiagEventDataStore& store) {
+        note("logSessionStarted", store.logSessionStarted());
+    });
 }
 
 TEST_F(SoftwareDiagCatalogueTest, EveryOperationStatementMessageAndSchema) {

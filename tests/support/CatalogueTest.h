@@ -6,8 +6,12 @@
 // along the way, compared at the end with tests/golden/<store>/.
 
 #include <gtest/gtest.h>
+#include <libDataStore/ReadOnly.h>
 
+#include <chrono>
+#include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -19,6 +23,14 @@
 
 namespace zrn {
 namespace test {
+
+// A record as a line of the messages text: its fields in declaration order, " | " between them.
+inline std::string join(std::initializer_list<std::string> cells) {
+    std::string out;
+    for (auto const& cell : cells) out += (out.empty() ? "" : " | ") + cell;
+    return out;
+}
+inline std::string n(long long value) { return std::to_string(value); }
 
 class CatalogueTest : public ::testing::Test {
 protected:
@@ -73,6 +85,80 @@ protected:
             writer->exec("ROLLBACK");
             writer.reset();
         });
+    }
+    // checkValidity's answer and the error text it leaves (`before` when it leaves none).
+    template <class Store>
+    void noteValidity(Store& store, char const* before = "") {
+        String error(before);
+        note("checkValidity(error)", store.checkValidity(error));
+        note(std::string("error: ") + error.c_str());
+    }
+    // The end of a store's life: checkValidity on its file `path` moved away, then closed twice
+    // and used closed (`useClosed`), then destroyed.
+    template <class Store>
+    void closing(NamedStore<Store>& store, std::string const& path,
+                 std::function<void()> const& useClosed) {
+        step("checkValidity on a file moved away");
+        std::filesystem::rename(path, path + ".moved");
+        noteValidity(*store);
+        std::filesystem::rename(path + ".moved", path);
+        step("close, close again, then use the closed store");
+        store->close();
+        store->close();
+        noteValidity(*store);
+        useClosed();
+        step("destroy the closed store");
+        store.reset();
+    }
+    // Openings (`what`) of a text file and of `fileName` in a missing folder, each followed by
+    // `after` (the path and its name); the text stays as it was, the folder is made.
+    template <class Store>
+    void failedOpenings(
+        std::string const& what, std::string const& fileName,
+        std::function<void(std::string const&, std::string const&)> const& after = {}) {
+        std::string const notes = "These are not the pages of a database, just some text.\n";
+        std::string const notADatabase = file("notes.db");
+        writeFile(notADatabase, notes);
+        for (auto const& path : {notADatabase, file("missing/" + fileName)}) {
+            std::string const name = nameOf(path);
+            step("open " + name);
+            NamedStore<Store> store(m_catalogue, "failing");
+            noteThrow(what, [&] { store.emplace(String(path)); });
+            if (after) after(path, name);
+        }
+        note("notes.db unchanged", readFile(notADatabase) == notes);
+        note("missing folder made", std::filesystem::exists(file("missing")));
+    }
+    // Read-only openings (`what`) refused: of `path` while a writer holds it, of a missing file
+    // and of a file of a Versioning table alone (made by `versioningSql`).
+    template <class Store>
+    void refusedReadOnly(std::string const& path, std::string const& what,
+                         std::string const& versioningSql) {
+        step("ReadOnly: open while a writer holds the file");
+        whileLocked(path, [&] {
+            NamedStore<Store> store(m_catalogue, "blocked");
+            noteThrow(what, [&] {
+                store.emplace(String(path), ReadOnly{std::chrono::milliseconds(0), false});
+            });
+        });
+        std::string const other = file("versioning-only.db");
+        prepare(other, versioningSql);
+        for (auto const& refused : {file("absent.db"), other}) {
+            step("ReadOnly: open " + nameOf(refused));
+            NamedStore<Store> store(m_catalogue, "refused");
+            noteThrow(what, [&] { store.emplace(String(refused), ReadOnly{}); });
+        }
+    }
+    // A new file opened with JournalMode WAL, and `work` done on it.
+    template <class Store>
+    void walFile(std::function<void(Store&)> const& work) {
+        writeFile(m_settings, "[libDataStore]\nSQLiteDataStore.JournalMode = WAL\n");
+        step("JournalMode WAL: open a new file and log");
+        {
+            NamedStore<Store> store(m_catalogue, "wal");
+            work(store.emplace(String(file("wal.db"))));
+        }
+        writeFile(m_settings, "");
     }
     // An older file made by its own statements, opened by the store of today.
     struct OldFile {

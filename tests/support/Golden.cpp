@@ -1,8 +1,6 @@
 #include "Golden.h"
 
 #include <gtest/gtest.h>
-#include <libCommon/Exception.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cxxabi.h>
@@ -51,39 +49,15 @@ std::string unifiedDiff(std::string const& goldenPath, std::string const& actual
     return output;
 }
 
-// Text of one cell for the schema dump.
-std::string cellText(sqlite3_stmt* statement, int column) {
-    if (sqlite3_column_type(statement, column) == SQLITE_NULL) return "<NULL>";
-    auto const* text = reinterpret_cast<char const*>(sqlite3_column_text(statement, column));
-    return text ? text : "";
-}
-
-// One line per row, cells joined by " | ".
-std::string rowsText(sqlite3* db, std::string const& sql, std::string const& indent) {
+// One line per row of `sql`, its cells joined by " | ".
+std::string rowsText(RawDb& db, std::string const& sql, std::string const& indent) {
     std::string out;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-        return indent + "error: " + sqlite3_errmsg(db) + "\n";
-    }
-    while (sqlite3_step(statement) == SQLITE_ROW) {
+    for (auto const& row : db.query(sql)) {
         out += indent;
-        for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-            if (c) out += " | ";
-            out += cellText(statement, c);
-        }
+        for (std::size_t c = 0; c < row.size(); ++c) out += (c ? " | " : "") + row[c];
         out += "\n";
     }
-    sqlite3_finalize(statement);
     return out;
-}
-
-std::vector<std::string> column(sqlite3* db, std::string const& sql, int index) {
-    std::vector<std::string> values;
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) return values;
-    while (sqlite3_step(statement) == SQLITE_ROW) values.push_back(cellText(statement, index));
-    sqlite3_finalize(statement);
-    return values;
 }
 
 // A name inside double quotes, for PRAGMA arguments and queries of the dump only.
@@ -148,25 +122,23 @@ std::string schemaText(std::string const& path, std::vector<std::string> const& 
     RawDb db(path, true);
     std::ostringstream out;
     out << "# sqlite_master (type | name | tbl_name | sql)\n"
-        << rowsText(db.handle(),
-                    "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY rowid", "  ");
-    for (auto const& table :
-         column(db.handle(), "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY rowid",
-                0)) {
+        << rowsText(db, "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY rowid", "  ");
+    for (auto const& name :
+         db.query("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY rowid")) {
+        std::string const& table = name[0];
         out << "# table " << table << "\n"
             << "  table_info (cid | name | type | notnull | dflt_value | pk)\n"
-            << rowsText(db.handle(), "PRAGMA table_info(" + quoted(table) + ")", "    ")
+            << rowsText(db, "PRAGMA table_info(" + quoted(table) + ")", "    ")
             << "  index_list (seq | name | unique | origin | partial)\n"
-            << rowsText(db.handle(), "PRAGMA index_list(" + quoted(table) + ")", "    ");
-        for (auto const& index :
-             column(db.handle(), "PRAGMA index_list(" + quoted(table) + ")", 1)) {
-            out << "  index_info " << index << " (seqno | cid | name)\n"
-                << rowsText(db.handle(), "PRAGMA index_info(" + quoted(index) + ")", "    ");
+            << rowsText(db, "PRAGMA index_list(" + quoted(table) + ")", "    ");
+        for (auto const& index : db.query("PRAGMA index_list(" + quoted(table) + ")")) {
+            out << "  index_info " << index[1] << " (seqno | cid | name)\n"
+                << rowsText(db, "PRAGMA index_info(" + quoted(index[1]) + ")", "    ");
         }
     }
     for (auto const& table : contentTables) {
         out << "# rows of " << table << "\n"
-            << rowsText(db.handle(), "SELECT * FROM " + quoted(table) + " ORDER BY rowid", "  ");
+            << rowsText(db, "SELECT * FROM " + quoted(table) + " ORDER BY rowid", "  ");
     }
     return out.str();
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -141,6 +142,33 @@ std::string RawDb::scalar(std::string const& sql) {
 }
 
 // ---- Files and processes -----------------------------------------------------------------
+
+MutexHolder::MutexHolder(std::string const& child, std::string const& mutex,
+                         std::string const& ready)
+    : m_pid(spawnProcess({child, "hold", mutex, ready})) {
+    for (int i = 0; i < 1000 && !std::filesystem::exists(ready); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(std::filesystem::exists(ready)) << "the holder of " << mutex << " never said so";
+}
+
+int MutexHolder::release() {
+    if (m_pid < 0) return -1;
+    ::kill(m_pid, SIGKILL);
+    int const status = waitProcess(m_pid, 10);
+    m_pid = -1;
+    return status;
+}
+
+std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder) {
+    std::map<std::string, std::pair<std::string, long long>> files;
+    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
+        struct stat info {};
+        ::stat(entry.path().c_str(), &info);
+        long long const mtime = info.st_mtim.tv_sec * 1000000000LL + info.st_mtim.tv_nsec;
+        files[entry.path().filename().string()] = {readFile(entry.path().string()), mtime};
+    }
+    return files;
+}
 
 void writeFile(std::string const& path, std::string const& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -8,8 +8,10 @@
 #include <libCommon/String.h>
 
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -106,6 +108,9 @@ std::string messageOf(std::function<void()> const& action) {
     return "<no exception>";
 }
 
+// Every file of `folder` by its name, with its bytes and modification time (nanoseconds).
+std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder);
+
 // Writes `content` to `path`, replacing the file.
 void writeFile(std::string const& path, std::string const& content);
 std::string readFile(std::string const& path);
@@ -117,6 +122,21 @@ int spawnProcess(std::vector<std::string> const& argv);
 // Waits up to `seconds` for the child; its exit status (or 128 + signal), or -1 when it is
 // still running then (it is left running).
 int waitProcess(int pid, double seconds);
+
+// Another process (`child` hold, the test's zrn_child) holding the named mutex `mutex` from
+// the object's making, which waits until it holds it, to release() or the object's end.
+class MutexHolder {
+public:
+    MutexHolder(std::string const& child, std::string const& mutex, std::string const& ready);
+    ~MutexHolder() { release(); }
+    MutexHolder(MutexHolder const&) = delete;
+    MutexHolder& operator=(MutexHolder const&) = delete;
+    // Kills the holder; its exit status (128 + SIGKILL), or -1 when it was released before.
+    int release();
+
+private:
+    int m_pid;
+};
 
 // Sets an environment variable for the life of the object, then restores it.
 class ScopedEnv {

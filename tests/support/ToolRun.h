@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
+
 namespace zrn {
 namespace test {
 
@@ -64,11 +66,6 @@ inline ToolRun runShell(std::string const& command) {
     return run;
 }
 
-// Runs the built tool with `args` and standard error in `errFile`, in an environment cleared of
-// what would change its output (the library's log settings, DATASTORE_DIR, COLUMNS, NO_COLOR,
-// the pagers) plus `env` ("NAME=value ..."), piped, or on a pseudo-terminal of `rows` x
-// `columns` when `columns` > 0 (its "\r\n" read as "\n"; its pager `cat` unless `env` names
-// one).
 // The rows of the csv file at `path` (tsv with '\t'), as Python's csv module reads them.
 inline std::vector<std::vector<std::string>> csvFileRows(std::string const& path,
                                                          char delimiter = ',') {
@@ -81,6 +78,11 @@ inline std::vector<std::vector<std::string>> csvFileRows(std::string const& path
 }
 
 #ifdef DATASTORE_TOOL
+// Runs the built tool with `args` and standard error in `errFile`, in an environment cleared of
+// what would change its output (the library's log settings, DATASTORE_DIR, COLUMNS, NO_COLOR,
+// the pagers) plus `env` ("NAME=value ..."), piped, or on a pseudo-terminal of `rows` x
+// `columns` when `columns` > 0 (its "\r\n" read as "\n"; its pager `cat` unless `env` names
+// one).
 inline ToolRun runTool(std::vector<std::string> const& args, std::string const& errFile,
                        std::string const& env = "", int columns = 0, int rows = 24) {
     std::string command =
@@ -106,6 +108,30 @@ inline ToolRun runTool(std::vector<std::string> const& args, std::string const& 
         run.out.erase(std::remove(run.out.begin(), run.out.end(), '\r'), run.out.end());
     return run;
 }
+// A test of the tool: a folder of its own with the stores' folder in it (not made yet: the first
+// recording makes it), and the tool run on those stores in the environment `m_env` adds.
+class ToolTest : public ::testing::Test {
+protected:
+    // `args` plus --dir of the stores unless `withDir` is false; `columns` > 0: on a terminal.
+    ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
+        std::vector<std::string> all = args;
+        if (withDir) all.insert(all.end(), {"--dir", m_stores});
+        return runTool(all, m_dir.file("stderr.txt"), m_env, columns);
+    }
+    // Records the demo (with `args`, say --day), which must succeed without a word on stderr.
+    void demo(std::vector<std::string> const& args = {}) const {
+        std::vector<std::string> all{"demo"};
+        all.insert(all.end(), args.begin(), args.end());
+        ToolRun const run = tool(all);
+        ASSERT_EQ(run.code, 0) << run.err;
+        ASSERT_EQ(run.err, "");
+    }
+    std::string store(char const* name) const { return m_stores + "/" + name; }
+
+    std::string m_env;  // VAR=value ... for the tool's environment
+    TempDir m_dir;
+    std::string const m_stores = m_dir.file("stores");
+};
 #endif
 
 }  // namespace test

@@ -21,16 +21,9 @@ using test::quoted;
 using test::RawDb;
 using test::ToolRun;
 
-class DamagedStoresTest : public ::testing::Test {
+class DamagedStoresTest : public test::ToolTest {
 protected:
-    void SetUp() override { ASSERT_EQ(tool({"demo", "--dir", m_stores}).code, 0); }
-
-    // Runs the tool piped, the library's log settings cleared.
-    ToolRun tool(std::vector<std::string> const& args) const {
-        return test::runTool(args, m_dir.file("stderr.txt"));
-    }
-
-    std::string store(char const* name) const { return m_stores + "/" + name; }
+    void SetUp() override { demo(); }
 
     // Fills the root page of `table` with bytes no page has.
     void overwriteTable(std::string const& path, std::string const& table) const {
@@ -55,42 +48,39 @@ protected:
                   0);
         return Json::parse(test::readFile(folder + "/manifest.json"));
     }
-
-    test::TempDir m_dir;
-    std::string const m_stores = m_dir.file("stores");
 };
 
 TEST_F(DamagedStoresTest, CheckKnowsWhichStoreAFileIsAndThatAMissingFolderIsNoHealth) {
-    ToolRun run = tool({"check", "--file", store("event.db"), "-o", "ndjson"});
+    ToolRun run = tool({"check", "--file", store("event.db"), "-o", "ndjson"}, false);
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out, "{\"store\":\"event.db\",\"path\":\"" + store("event.db") +
                            "\",\"status\":\"ok\",\"version\":3}\n");
     // Known by its tables, whatever its name.
     std::string const renamed = m_dir.file("copy-of-repairs");
     std::filesystem::copy_file(store("softwarediagevent.db"), renamed);
-    run = tool({"check", "--file", renamed, "-o", "ndjson"});
+    run = tool({"check", "--file", renamed, "-o", "ndjson"}, false);
     EXPECT_EQ(run.code, 0) << run.err;
     ASSERT_EQ(run.records().size(), 1u);
     EXPECT_EQ(run.records()[0]["store"], "softwarediagevent.db");
 
     std::string const nowhere = m_dir.file("no/such/folder");
-    run = tool({"check", "--dir", nowhere});
+    run = tool({"check", "--dir", nowhere}, false);
     EXPECT_EQ(run.code, 2);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err,
               "datastore: " + nowhere + ": no such folder (give the stores' folder with --dir)\n");
-    run = tool({"check", "--file", m_dir.file("none.db")});
+    run = tool({"check", "--file", m_dir.file("none.db")}, false);
     EXPECT_EQ(run.code, 2);
     EXPECT_EQ(run.err, "datastore: " + m_dir.file("none.db") + ": no such store file\n");
     std::string const text = m_dir.file("notes.txt");
     test::writeFile(text, "not a database");
-    run = tool({"check", "--file", text});
+    run = tool({"check", "--file", text}, false);
     EXPECT_EQ(run.code, 2);
     EXPECT_EQ(run.err, "datastore: " + text +
                            ": not a store file (it has the tables of none of the stores)\n");
 
     overwriteTable(store("event.db"), "TestRuns");
-    run = tool({"check", "--file", store("event.db"), "-o", "ndjson"});
+    run = tool({"check", "--file", store("event.db"), "-o", "ndjson"}, false);
     EXPECT_EQ(run.code, 3);
     ASSERT_EQ(run.records().size(), 1u);
     EXPECT_EQ(run.records()[0]["status"], "damaged");
@@ -104,7 +94,7 @@ TEST_F(DamagedStoresTest, CollectAlwaysWritesTheBundleAndNamesTheDamage) {
     std::filesystem::resize_file(store("genstore.db"), general.size() / 2);
     test::writeFile(store("softwarediagevent.db"), "no longer a database");
     std::string const bundle = m_dir.file("bundle.tar.gz");
-    ToolRun const run = tool({"collect", "--dir", m_stores, "--out", bundle, "-o", "ndjson"});
+    ToolRun const run = tool({"collect", "--out", bundle, "-o", "ndjson"});
     EXPECT_EQ(run.code, 3) << run.err;
     EXPECT_EQ(run.err, "datastore: " + store("genstore.db") +
                            ": damaged (collected as it is)\ndatastore: " + store("event.db") +
@@ -139,7 +129,7 @@ TEST_F(DamagedStoresTest, CollectAlwaysWritesTheBundleAndNamesTheDamage) {
 
 TEST_F(DamagedStoresTest, CollectWritesTheArchiveItsNameAsksFor) {
     std::string const zip = m_dir.file("bundle.zip");
-    ToolRun run = tool({"collect", "--dir", m_stores, "--out", zip});
+    ToolRun run = tool({"collect", "--out", zip});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(test::readFile(zip).substr(0, 4), "PK\x03\x04");
     std::string const folder = m_dir.file("unzipped");
@@ -150,15 +140,15 @@ TEST_F(DamagedStoresTest, CollectWritesTheArchiveItsNameAsksFor) {
     EXPECT_EQ(test::readFile(folder + "/event.db").substr(0, 16),
               std::string("SQLite format 3\0", 16));
     std::string const tar = m_dir.file("bundle.tar");
-    EXPECT_EQ(tool({"collect", "--dir", m_stores, "--out", tar}).code, 0);
+    EXPECT_EQ(tool({"collect", "--out", tar}).code, 0);
     EXPECT_EQ(test::readFile(tar).substr(257, 5), "ustar");
     EXPECT_EQ(test::readFile(tar).substr(0, 12), std::string("appstate.db\0", 12));
     std::string const tgz = m_dir.file("bundle.tgz");
-    EXPECT_EQ(tool({"collect", "--dir", m_stores, "--out", tgz}).code, 0);
+    EXPECT_EQ(tool({"collect", "--out", tgz}).code, 0);
     EXPECT_EQ(test::readFile(tgz).substr(0, 2), "\x1f\x8b");
     // A name it cannot honour: refused, nothing written.
     std::string const rar = m_dir.file("bundle.rar");
-    run = tool({"collect", "--dir", m_stores, "--out", rar});
+    run = tool({"collect", "--out", rar});
     EXPECT_EQ(run.code, 1);
     EXPECT_EQ(run.err, "datastore: --out " + rar + ": a bundle is a .tar.gz, .tgz, .tar or .zip\n");
     EXPECT_FALSE(std::filesystem::exists(rar));
@@ -173,12 +163,12 @@ TEST_F(DamagedStoresTest, ExportWritesWholeFilesOfEveryTableItCanRead) {
             "VALUES ('a,b');");
     }
     std::string const out = m_dir.file("export");
-    ToolRun run = tool({"export", "--dir", m_stores, "--out", out, "--store", "genstore"});
+    ToolRun run = tool({"export", "--out", out, "--store", "genstore"});
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(test::readFile(out + "/genstore/odd\"na`me x.csv"), "rowid,it's\r\n1,\"a,b\"\r\n");
 
     overwriteTable(store("event.db"), "TestRuns");
-    run = tool({"export", "--dir", m_stores, "--out", out, "--store", "event", "-o", "ndjson"});
+    run = tool({"export", "--out", out, "--store", "event", "-o", "ndjson"});
     EXPECT_EQ(run.code, 3);
     EXPECT_EQ(run.err, "datastore: " + store("event.db") +
                            ": table TestRuns not exported: cannot read: database disk image is "
@@ -211,7 +201,6 @@ TEST_F(DamagedStoresTest, AMissingRecordExits4FromEveryCommand) {
     };
     for (auto const& [args, message] : cases) {
         std::vector<std::string> command = args;
-        command.insert(command.end(), {"--dir", m_stores});
         ToolRun const run = tool(command);
         EXPECT_EQ(run.code, 4) << args[0] << " " << args[1];
         EXPECT_EQ(run.out, "") << args[0] << " " << args[1];
@@ -219,8 +208,8 @@ TEST_F(DamagedStoresTest, AMissingRecordExits4FromEveryCommand) {
             << args[0] << " " << args[1];
     }
     // The ones that are there still list.
-    EXPECT_EQ(tool({"tips", "--alert", "1", "--dir", m_stores}).code, 0);
-    EXPECT_EQ(tool({"events", "--test", "1", "--dir", m_stores}).code, 0);
+    EXPECT_EQ(tool({"tips", "--alert", "1"}).code, 0);
+    EXPECT_EQ(tool({"events", "--test", "1"}).code, 0);
 }
 
 // journalctl's time forms select what the tool's own forms for the same moment select.
@@ -230,11 +219,11 @@ TEST_F(DamagedStoresTest, JournalctlTimeFormsMeanWhatTheyDoThere) {
         {"today 00:00", "today"}, {"3 days ago", "-3d"},  {"3days ago", "-3d"},
         {"36 hours ago", "-36h"}, {"90 min ago", "-90m"}, {"2 weeks ago", "-2w"},
     };
-    std::string const all = tool({"alerts", "--dir", m_stores, "-o", "ndjson"}).out;
+    std::string const all = tool({"alerts", "-o", "ndjson"}).out;
     ASSERT_FALSE(all.empty());
     for (auto const& [spoken, own] : same) {
-        ToolRun const a = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", spoken});
-        ToolRun const b = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", own});
+        ToolRun const a = tool({"alerts", "-o", "ndjson", "--since", spoken});
+        ToolRun const b = tool({"alerts", "-o", "ndjson", "--since", own});
         EXPECT_EQ(a.code, 0) << spoken << ": " << a.err;
         EXPECT_EQ(a.out, b.out) << spoken;
     }
@@ -254,18 +243,16 @@ TEST_F(DamagedStoresTest, JournalctlTimeFormsMeanWhatTheyDoThere) {
         {"3 days ago", "-3d"},
     };
     for (auto const& [spoken, own] : bounds) {
-        ToolRun const a = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", spoken});
-        ToolRun const b = tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", own});
+        ToolRun const a = tool({"alerts", "-o", "ndjson", "--until", spoken});
+        ToolRun const b = tool({"alerts", "-o", "ndjson", "--until", own});
         EXPECT_EQ(a.code, 0) << spoken << ": " << a.err;
         EXPECT_EQ(a.out, b.out) << spoken;
     }
     // A moment later than every record selects none, an earlier one all.
-    EXPECT_EQ(tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--since", "tomorrow 00:00"}).out,
-              "");
-    EXPECT_EQ(tool({"alerts", "--dir", m_stores, "-o", "ndjson", "--until", "tomorrow 00:00"}).out,
-              all);
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson", "--since", "tomorrow 00:00"}).out, "");
+    EXPECT_EQ(tool({"alerts", "-o", "ndjson", "--until", "tomorrow 00:00"}).out, all);
     for (char const* wrong : {"24:00", "10:60", "3 days", "ago", "yesterday 9"}) {
-        ToolRun const run = tool({"alerts", "--dir", m_stores, "--since", wrong});
+        ToolRun const run = tool({"alerts", "--since", wrong});
         EXPECT_EQ(run.code, 1) << wrong;
         EXPECT_EQ(run.err.rfind(std::string("datastore: --since: '") + wrong + "' ", 0), 0u)
             << run.err;

@@ -9,7 +9,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
+#include <cwchar>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -41,31 +44,7 @@ std::string replaceAll(std::string text, std::string const& from, std::string co
     return text;
 }
 
-class DatastoreToolTest : public ::testing::Test {
-protected:
-    // Runs the tool with `args` (plus --dir of this test unless `withDir` is false), with the
-    // library's own log settings and the tool's environment cleared (then `m_env` added).
-    // `columns` > 0: in a pseudo-terminal of that width and 24 lines (script(1)), with the
-    // terminal's line ends turned back into "\n"; else piped.
-    ToolRun tool(std::vector<std::string> const& args, bool withDir = true, int columns = 0) const {
-        std::vector<std::string> all = args;
-        if (withDir) all.insert(all.end(), {"--dir", m_stores});
-        return test::runTool(all, m_dir.file("stderr.txt"), m_env, columns);
-    }
-
-    void demo() const {
-        ToolRun const run = tool({"demo"});
-        ASSERT_EQ(run.code, 0) << run.err;
-        ASSERT_EQ(run.err, "");
-    }
-
-    std::string store(char const* name) const { return m_stores + "/" + name; }
-
-    std::string m_env;  // VAR=value ... for the tool's environment
-    test::TempDir m_dir;
-    // Deliberately not there yet: the demo must create it.
-    std::string const m_stores = m_dir.file("stores");
-};
+using DatastoreToolTest = test::ToolTest;
 
 TEST_F(DatastoreToolTest, FiltersNarrowTheResult) {
     demo();
@@ -289,23 +268,13 @@ TEST_F(DatastoreToolTest, EveryCommandHasHelpWithAnExample) {
 
 // ---- Output for people and for programs
 
-// Columns a line takes on a terminal, for the characters these tests write: CJK ideographs
-// take two, combining accents none.
+// Columns a line takes on a terminal, as the C library's UTF-8 tables count them (CJK
+// ideographs take two, combining accents none).
 std::size_t displayWidth(std::string const& line) {
-    std::size_t width = 0;
-    for (std::size_t i = 0; i < line.size();) {
-        unsigned char const lead = static_cast<unsigned char>(line[i]);
-        std::size_t const length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        unsigned codePoint = lead;
-        if (length == 2) codePoint = (lead & 0x1Fu) << 6 | (line[i + 1] & 0x3F);
-        if (length == 3)
-            codePoint = (lead & 0x0Fu) << 12 | (line[i + 1] & 0x3F) << 6 | (line[i + 2] & 0x3F);
-        width += codePoint >= 0x4E00 && codePoint <= 0x9FFF ? 2
-                 : codePoint >= 0x300 && codePoint <= 0x36F ? 0
-                                                            : 1;
-        i += length;
-    }
-    return width;
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    std::wstring wide(line.size(), L'\0');
+    wide.resize(std::mbstowcs(wide.data(), line.c_str(), wide.size()));
+    return static_cast<std::size_t>(::wcswidth(wide.c_str(), wide.size()));
 }
 
 // The records of a json listing written as Python's csv module writes them (minimal quoting,
@@ -316,19 +285,14 @@ std::string pythonSeparated(test::TempDir const& dir, std::string const& json,
     test::writeFile(file, json);
     std::string const command =
         "python3 -c '"
-        "import csv, io, json, sys\n"
-        "records = json.load(open(sys.argv[1]))\n"
+        "import csv, json, sys\n"
         "keys = sys.argv[3].split(sys.argv[2])\n"
-        "out = io.StringIO()\n"
-        "w = csv.writer(out, delimiter=sys.argv[2], lineterminator=\"\\r\\n\")\n"
+        "w = csv.writer(sys.stdout, delimiter=sys.argv[2], lineterminator=\"\\r\\n\")\n"
         "w.writerow(keys)\n"
-        "def cell(v):\n"
-        "    return \"\" if v is None else (\"true\" if v else \"false\") if v is True or v is "
-        "False else v\n"
-        "for r in records:\n"
+        "for r in json.load(open(sys.argv[1])):\n"
         "    assert sorted(r) == sorted(keys), (sorted(r), keys)\n"
-        "    w.writerow([cell(r[k]) for k in keys])\n"
-        "sys.stdout.write(out.getvalue())' " +
+        "    w.writerow([\"\" if r[k] is None else str(r[k]).lower() if type(r[k]) is bool "
+        "else r[k] for k in keys])' " +
         quoted(file) + " " + quoted(std::string(1, delimiter)) + " " + quoted(header);
     ToolRun const run = test::runShell(command);
     EXPECT_EQ(run.code, 0) << command;
@@ -660,18 +624,6 @@ TEST_F(DatastoreToolTest, LongOutputOnATerminalGoesThroughThePager) {
 
 // ---- Read-only inspection
 
-// Every file of a folder with its bytes and modification time (nanoseconds).
-std::map<std::string, std::pair<std::string, long long>> snapshot(std::string const& folder) {
-    std::map<std::string, std::pair<std::string, long long>> files;
-    for (auto const& entry : std::filesystem::directory_iterator(folder)) {
-        auto const mtime = std::filesystem::last_write_time(entry.path()).time_since_epoch();
-        files[entry.path().filename().string()] = {
-            test::readFile(entry.path().string()),
-            std::chrono::duration_cast<std::chrono::nanoseconds>(mtime).count()};
-    }
-    return files;
-}
-
 // Runs a shell command line; standard error into `errFile`.
 ToolRun shell(std::string const& command, std::string const& errFile) {
     ToolRun run = test::runShell(command + " 2>" + quoted(errFile));
@@ -704,7 +656,7 @@ TEST_F(DatastoreToolTest, InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock) 
     std::string const user =
         ::geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
     std::string const noLocks = "/proc/zrn-no-lock-folder-" + std::to_string(::getpid());
-    auto const before = snapshot(m_stores);
+    auto const before = test::snapshot(m_stores);
 
     for (std::vector<std::string> const& args :
          std::vector<std::vector<std::string>>{{"info"},
@@ -743,7 +695,7 @@ TEST_F(DatastoreToolTest, InspectionOfAReadOnlyCopyChangesNoByteAndNeedsNoLock) 
                 }
             }
         }
-        EXPECT_EQ(snapshot(m_stores), before);
+        EXPECT_EQ(test::snapshot(m_stores), before);
     }
     std::filesystem::permissions(m_stores, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::add);
@@ -756,18 +708,13 @@ TEST_F(DatastoreToolTest, InspectionIgnoresTheNamedMutexAndGivesUpOnAWriterAfter
     test::ScopedEnv env("ZRN_LOCK_DIR", lockDir.c_str());
 
     // A suite program holding "event_store" (for whatever file) does not hold up a reader.
-    std::string const ready = m_dir.file("ready");
-    int const holder = test::spawnProcess({ZRN_CHILD, "hold", "event_store", ready});
-    for (int i = 0; i < 500 && !std::filesystem::exists(ready); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(std::filesystem::exists(ready));
+    test::MutexHolder holder(ZRN_CHILD, "event_store", m_dir.file("ready"));
     auto start = std::chrono::steady_clock::now();
     ToolRun const free = tool({"alerts", "--json"});
     EXPECT_EQ(free.code, 0) << free.err;
     EXPECT_FALSE(free.records().empty());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    ::kill(holder, SIGKILL);
-    test::waitProcess(holder, 5);
+    holder.release();
 
     // A writer that holds the file: the reader waits --wait seconds, then says so.
     test::RawDb writer(store("event.db"));

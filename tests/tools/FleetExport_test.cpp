@@ -2,7 +2,6 @@
 // ClickHouse schema, and the whole pipeline against a real clickhouse-server run as a child.
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -63,7 +62,7 @@ Sent sentBy(ToolRun const& run) {
     return sum;
 }
 
-// One table of a store file read with the raw sqlite3 API: its row key (the INTEGER PRIMARY
+// One table of a store file read by Python's sqlite3 module: its row key (the INTEGER PRIMARY
 // KEY, else rowid), its columns, and every row as a JSON object of SQLite's own types.
 struct RawTable {
     std::string key;
@@ -72,46 +71,20 @@ struct RawTable {
 };
 
 RawTable readRaw(std::string const& path, std::string const& table) {
-    RawDb db(path, true);
-    RawTable result;
-    std::vector<std::string> declared;
-    for (auto const& info : db.query("PRAGMA table_info(`" + table + "`)")) {
-        declared.push_back(info[1]);
-        if (info[5] == "1" && info[2] == "INTEGER") result.key = info[1];
-    }
-    if (result.key.empty()) result.key = "rowid";
-    result.columns.push_back(result.key);
-    for (auto const& name : declared)
-        if (name != result.key) result.columns.push_back(name);
-    std::string sql = "SELECT ";
-    for (std::size_t i = 0; i < result.columns.size(); ++i)
-        sql += (i ? ", `" : "`") + result.columns[i] + "`";
-    sql += " FROM `" + table + "` ORDER BY `" + result.key + "`";
-    sqlite3_stmt* statement = nullptr;
-    EXPECT_EQ(sqlite3_prepare_v2(db.handle(), sql.c_str(), -1, &statement, nullptr), SQLITE_OK);
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        Json row = Json::object();
-        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-            Json& cell = row[result.columns[i]];
-            switch (sqlite3_column_type(statement, i)) {
-                case SQLITE_INTEGER:
-                    cell = sqlite3_column_int64(statement, i);
-                    break;
-                case SQLITE_FLOAT:
-                    cell = sqlite3_column_double(statement, i);
-                    break;
-                case SQLITE_NULL:
-                    cell = nullptr;
-                    break;
-                default:
-                    cell = std::string(
-                        reinterpret_cast<char const*>(sqlite3_column_text(statement, i)));
-            }
-        }
-        result.rows.push_back(row);
-    }
-    sqlite3_finalize(statement);
-    return result;
+    ToolRun const run = test::runShell(
+        "python3 -c '"
+        "import json, sqlite3, sys\n"
+        "db = sqlite3.connect(sys.argv[1])\n"
+        "info = db.execute(\"PRAGMA table_info(`%s`)\" % sys.argv[2]).fetchall()\n"
+        "key = next((c[1] for c in info if c[5] == 1 and c[2] == \"INTEGER\"), \"rowid\")\n"
+        "columns = [key] + [c[1] for c in info if c[1] != key]\n"
+        "names = \", \".join(\"`%s`\" % c for c in columns)\n"
+        "rows = db.execute(\"SELECT %s FROM `%s` ORDER BY `%s`\" % (names, sys.argv[2], key))\n"
+        "print(json.dumps([key, columns, [dict(zip(columns, row)) for row in rows]]))' " +
+        quoted(path) + " " + quoted(table));
+    EXPECT_EQ(run.code, 0) << path << " " << table;
+    Json const read = Json::parse(run.out);
+    return {read[0], read[1], read[2]};
 }
 
 std::vector<std::string> tablesOf(std::string const& path) {

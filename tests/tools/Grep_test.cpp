@@ -19,18 +19,10 @@ using Json = nlohmann::json;
 using test::quoted;
 using test::ToolRun;
 
-class GrepTest : public ::testing::Test {
+class GrepTest : public test::ToolTest {
 protected:
-    void SetUp() override { ASSERT_EQ(tool({"demo", "--day", "2026-11-23"}).code, 0); }
-
-    // The tool on this test's stores, in UTC; `terminal`: in a pseudo-terminal (script(1)).
-    ToolRun tool(std::vector<std::string> const& args, std::string const& env = "",
-                 bool terminal = false) const {
-        std::vector<std::string> withDir = args;
-        withDir.insert(withDir.end(), {"--dir", m_stores});
-        return test::runTool(withDir, m_dir.file("stderr.txt"), "TZ=UTC " + env,
-                             terminal ? 200 : 0);
-    }
+    GrepTest() { m_env = "TZ=UTC"; }
+    void SetUp() override { demo({"--day", "2026-11-23"}); }
 
     // The `column` of each ndjson record `args` print.
     std::vector<std::string> found(std::vector<std::string> args, char const* column) const {
@@ -39,9 +31,6 @@ protected:
         for (Json const& record : tool(args).records()) values.push_back(record[column].dump());
         return values;
     }
-
-    test::TempDir m_dir;
-    std::string const m_stores = m_dir.file("stores");
 };
 
 TEST_F(GrepTest, FindsTheErrorCodeInTestRunsAndEventsWithTheirIds) {
@@ -106,10 +95,11 @@ TEST_F(GrepTest, ExitsAsGrepDoes) {
 }
 
 TEST_F(GrepTest, HighlightsMatchesOnATerminalOnly) {
-    ToolRun run = tool({"grep", "dsk-0112", "--store", "event"}, "", true);
+    ToolRun run = tool({"grep", "dsk-0112", "--store", "event"}, true, 200);
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_NE(run.out.find("\x1b[1;31mDSK-0112\x1b[0m\n"), std::string::npos) << run.out;
-    run = tool({"grep", "dsk-0112", "--store", "event"}, "NO_COLOR=1", true);
+    m_env += " NO_COLOR=1";
+    run = tool({"grep", "dsk-0112", "--store", "event"}, true, 200);
     EXPECT_NE(run.out.find("  DSK-0112\n"), std::string::npos) << run.out;
     EXPECT_EQ(run.out.find('\x1b'), std::string::npos) << run.out;
 }

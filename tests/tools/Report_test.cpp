@@ -23,21 +23,13 @@ using Json = nlohmann::json;
 using test::quoted;
 using test::ToolRun;
 
-class ReportTest : public ::testing::Test {
+class ReportTest : public test::ToolTest {
 protected:
-    // Runs the tool piped, with --dir of this test, in the environment `m_env` adds.
-    ToolRun tool(std::vector<std::string> const& args) const {
-        std::vector<std::string> withDir = args;
-        withDir.insert(withDir.end(), {"--dir", m_stores});
-        return test::runTool(withDir, m_dir.file("stderr.txt"), m_env);
-    }
-
     // The demo's fixed day, 2026-11-23, or its story of `days` days ending on it.
-    void demo(int days = 0) const {
-        std::vector<std::string> args{"demo", "--day", "2026-11-23"};
+    void demoDays(int days = 0) const {
+        std::vector<std::string> args{"--day", "2026-11-23"};
         if (days > 0) args.insert(args.end(), {"--days", std::to_string(days), "--seed", "1"});
-        ToolRun const run = tool(args);
-        ASSERT_EQ(run.code, 0) << run.err;
+        demo(args);
     }
 
     // Headless Chromium on `page` in the zone `zone` with `args`; its standard output.
@@ -74,10 +66,6 @@ protected:
         }
         return urls;
     }
-
-    std::string m_env;  // VAR=value ... for the tool's environment
-    test::TempDir m_dir;
-    std::string const m_stores = m_dir.file("stores");
 };
 
 std::size_t occurrences(std::string const& text, std::string const& what) {
@@ -106,7 +94,7 @@ std::map<std::string, std::string> canvasAttributes(std::string const& dom,
 // point of the charts' data fails here when it changes.
 TEST_F(ReportTest, PageOfAFixedDayIsPinnedWhole) {
     m_env = "TZ=UTC USER=technician";
-    demo();
+    demoDays();
     std::string const page = m_dir.file("report.html");
     ToolRun const run = tool({"report", "--out", page});
     ASSERT_EQ(run.code, 0) << run.err;
@@ -131,7 +119,7 @@ TEST_F(ReportTest, ShowsTrendsOnTimeAxesInARealBrowser) {
     if (test::runProcess({"/bin/sh", "-c", "command -v chromium >/dev/null"}) != 0)
         GTEST_SKIP() << "chromium is not installed (scripts/setup.sh installs it)";
     m_env = "TZ=Asia/Kolkata";
-    demo(30);
+    demoDays(30);
     {
         // Store text that would be markup if it were not escaped, on the last day.
         EventDataStore events(m_stores + "/event.db");
@@ -193,7 +181,7 @@ TEST_F(ReportTest, ShowsTrendsOnTimeAxesInARealBrowser) {
 TEST_F(ReportTest, NoRequestLeavesThePage) {
     if (test::runProcess({"/bin/sh", "-c", "command -v chromium >/dev/null"}) != 0)
         GTEST_SKIP() << "chromium is not installed (scripts/setup.sh installs it)";
-    demo();
+    demoDays();
     std::string const page = m_dir.file("report.html");
     ASSERT_EQ(tool({"report", "--out", page}).code, 0);
     std::string const probe = "http://127.0.0.1:9/probe.png";

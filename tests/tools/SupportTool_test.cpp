@@ -31,26 +31,7 @@ using test::ToolRun;
 
 EventTimePoint at(long long seconds) { return EventTimePoint(EventTimePoint::duration(seconds)); }
 
-class SupportToolTest : public ::testing::Test {
-protected:
-    // Runs the tool piped, with --dir of this test, the library's log settings cleared.
-    ToolRun tool(std::vector<std::string> const& args) const {
-        std::vector<std::string> withDir = args;
-        withDir.insert(withDir.end(), {"--dir", m_stores});
-        return test::runTool(withDir, m_dir.file("stderr.txt"), m_env);
-    }
-
-    void demo() const {
-        ToolRun const run = tool({"demo"});
-        ASSERT_EQ(run.code, 0) << run.err;
-    }
-
-    std::string store(char const* name) const { return m_stores + "/" + name; }
-
-    std::string m_env;  // VAR=value ... for the tool's environment
-    test::TempDir m_dir;
-    std::string const m_stores = m_dir.file("stores");
-};
+using SupportToolTest = test::ToolTest;
 
 // ---- prune
 

@@ -26,22 +26,16 @@ using test::ToolRun;
 // 2026-11-23 00:00:00 UTC, the demo's day.
 long long const kDay = 1795392000;
 
-class TimelineTest : public ::testing::Test {
+class TimelineTest : public test::ToolTest {
 protected:
-    // Runs the tool on this test's stores, in UTC; `columns` > 0: in a pseudo-terminal of
-    // that width (script(1)), else piped.
-    ToolRun tool(std::vector<std::string> const& args, int columns = 0) const {
-        std::vector<std::string> withDir = args;
-        withDir.insert(withDir.end(), {"--dir", m_stores});
-        return test::runTool(withDir, m_dir.file("stderr.txt"), "TZ=UTC USER=technician", columns);
-    }
+    TimelineTest() { m_env = "TZ=UTC USER=technician"; }
 
     // The demo's day, with the times and GUIDs the other stores take from the clock moved into
     // it: logs among the first script's tests, an update in the same second as a test, the
     // items in the second the application ends (one written in a zone of its own, so that it
     // sorts last), the repair session after it, its diagnostics in one second.
     void demoDay() {
-        ASSERT_EQ(tool({"demo", "--day", "2026-11-23"}).code, 0);
+        demo({"--day", "2026-11-23"});
         auto const at = [](long long seconds) { return std::to_string(kDay + seconds); };
         test::RawDb general(store("genstore.db"));
         general.exec("UPDATE GenericLog SET creationTimeStamp = " + at(32580) + " + rowid * 60");
@@ -60,11 +54,6 @@ protected:
         repair.exec("UPDATE Issues SET timeStamp = " + at(61230) + " + softwareDiagnosticId * 60");
         repair.exec("UPDATE FixActions SET startTimeStamp = " + at(61800) + " + rowid * 60");
     }
-
-    std::string store(char const* name) const { return m_stores + "/" + name; }
-
-    test::TempDir m_dir;
-    std::string const m_stores = m_dir.file("stores");
 };
 
 TEST_F(TimelineTest, OneDayAcrossTheStoresInOrderNarrowedByEveryFilter) {
@@ -105,7 +94,7 @@ TEST_F(TimelineTest, OneDayAcrossTheStoresInOrderNarrowedByEveryFilter) {
 TEST_F(TimelineTest, TerminalLinesFitTheScreenAndKeepTheirCommandsWhole) {
     demoDay();
     std::vector<Json> const records = tool({"timeline", "-o", "ndjson"}).records();
-    ToolRun const terminal = tool({"timeline"}, 100);
+    ToolRun const terminal = tool({"timeline"}, true, 100);
     ASSERT_EQ(terminal.code, 0) << terminal.err;
     std::vector<std::string> const lines = terminal.lines();
     ASSERT_EQ(lines.size(), records.size() + 1) << terminal.out;
