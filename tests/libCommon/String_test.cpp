@@ -56,6 +56,7 @@ TEST(StringTest, EqualNoCaseFoldsLettersOfSeveralScripts) {
     // Three- and four-byte characters compare whole; a cut sequence is bytes of its own.
     EXPECT_TRUE(String("€uro 😀x").equalNoCase("€URO 😀X"));
     EXPECT_FALSE(String("€").equalNoCase("₭"));
+    EXPECT_FALSE(String("😀").equalNoCase("🙀"));  // four bytes, differing in the third
     EXPECT_FALSE(String("😀").equalNoCase("😁"));
     EXPECT_FALSE(String("\xE2\x82").equalNoCase("\xE2\x83"));
     EXPECT_TRUE(String("\xE2\x82").equalNoCase("\xE2\x82"));

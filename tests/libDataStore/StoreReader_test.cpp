@@ -10,6 +10,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -282,6 +283,20 @@ TEST_F(StoreReaderTest, DamagedForeignMissingAndLockedFiles) {
     EXPECT_EQ(messageOf([&] { waiting.backupTo(m_dir.file("copy.db")); }),
               "locked: " + m_events + ": locked by another program");
     writer.exec("ROLLBACK");
+
+    // A lock given up within the wait is waited for, and the copy is then made.
+    ReadOnly patient;
+    patient.wait = std::chrono::seconds(10);
+    StoreReader waiter(m_events, patient);
+    std::string const waited = m_dir.file("waited.db");
+    writer.exec("BEGIN EXCLUSIVE");
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        writer.exec("ROLLBACK");
+    });
+    EXPECT_NO_THROW(waiter.backupTo(waited));
+    release.join();
+    EXPECT_EQ(StoreReader(waited).tableNames(), waiter.tableNames());
 }
 
 TEST_F(StoreReaderTest, BackupCopiesEveryRow) {
