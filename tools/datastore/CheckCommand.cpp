@@ -102,6 +102,8 @@ std::vector<std::string> storeDamage(std::string const& path, Store store,
         }
         addSchema(damage, identity, facts);
     } catch (zrn::StoreReadError const& e) {
+        // A file a writer holds past the wait is busy, not damaged: that is said as such.
+        if (e.cause() == zrn::StoreReadError::Cause::Locked) readFailure(e);
         damage.push_back(e.getMessage().str());
     }
     QuietLog::takeFirstError();
@@ -193,6 +195,7 @@ void addCheckCommand(CLI::App& app, Options& options) {
         "not there (never creates or repairs a store)");
     addLocationOptions(*c, options);
     addJsonOption(*c, options);
+    addWaitOption(*c, options);
     c->footer("Example: datastore check --dir /var/lib/diagnostics/datastore && echo healthy");
     c->callback([&options] { check(options); });
 }
