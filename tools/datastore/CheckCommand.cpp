@@ -192,7 +192,7 @@ void addCheckCommand(CLI::App& app, Options& options) {
         "check",
         "Each store file's integrity, validity, schema version and tables (with --file, the "
         "store that file is); exit 3 when any store is damaged, 2 when the folder or file is "
-        "not there (never creates or repairs a store)");
+        "not there or a writer holds a store past --wait (never creates or repairs a store)");
     addLocationOptions(*c, options);
     addJsonOption(*c, options);
     addWaitOption(*c, options);
