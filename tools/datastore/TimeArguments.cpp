@@ -50,8 +50,8 @@ long long localMidnight(int daysBack) {
     return midnightBefore(static_cast<long long>(std::time(nullptr)), daysBack);
 }
 
-// The local time of a calendar date and clock time; mktime settles daylight-saving changes.
-long long localTimeOf(int year, int month, int day, int hour, int minute, int second) {
+// A calendar date and clock time as the C library's broken-down time.
+std::tm calendarParts(int year, int month, int day, int hour, int minute, int second) {
     std::tm parts{};
     parts.tm_year = year - 1900;
     parts.tm_mon = month - 1;
@@ -59,6 +59,12 @@ long long localTimeOf(int year, int month, int day, int hour, int minute, int se
     parts.tm_hour = hour;
     parts.tm_min = minute;
     parts.tm_sec = second;
+    return parts;
+}
+
+// The local time of a calendar date and clock time; mktime settles daylight-saving changes.
+long long localTimeOf(int year, int month, int day, int hour, int minute, int second) {
+    std::tm parts = calendarParts(year, month, day, hour, minute, second);
     parts.tm_isdst = -1;
     return static_cast<long long>(std::mktime(&parts));
 }
@@ -133,13 +139,7 @@ long long dateTimeOf(std::string const& text, char const* option, bool endOfDay)
         throw badTime(option, text, "has no such time of day");
     if (!m[7].matched) return localTimeOf(year, month, dayOfMonth, hour, minute, second);
     int const offset = offsetOf(m, option, text);
-    std::tm parts{};
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = dayOfMonth;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
+    std::tm parts = calendarParts(year, month, dayOfMonth, hour, minute, second);
     return static_cast<long long>(timegm(&parts)) - offset;
 }
 
